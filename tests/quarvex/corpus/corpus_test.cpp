@@ -1,0 +1,457 @@
+// Converts every file of the generated corpus (tools/corpus/make_corpus.sh) with the staged
+// quarvex, as a child process at the producer's resolution in 8-bit grey with Deflate
+// (-r DPIxDPI -b 8 -c 6), and compares the result with the reference rendering.
+//
+// Measures, per file:
+//  - pages: the number of TIFF pages must equal the reference's (or the manifest's count for
+//    jobs without a reference).
+//  - size: each page's width and height must agree with the reference within 2 pixels, or
+//    0.1 % when that is more: the reference renderer truncates the page size in points to
+//    whole pixels while a printer's page sizes are exact (A4 is 2479 or 2480 pixels wide at
+//    300 dpi depending on who rounds).
+//  - pixels: both images are brought to 8-bit luminance (1-bit: 0/255; RGB: ITU-R 601
+//    weights) and thresholded at 128; "agree" is the share of pixels on which both sides are
+//    equally black or white, over the union of the two page areas (outside a page counts as
+//    white). Raster PCL 5 from a driver must agree on at least 99.9 % of pixels: the driver
+//    sent exactly these pixels. Vector PCL XL (and PCL XL images) must agree on at least 99 %,
+//    since edge and glyph rounding differ between rasterisers.
+//  - ink: the number of black pixels after thresholding. For PCL XL it must be within 10 % of
+//    the reference's (plus 0.01 % of the page area, so that near-blank pages are not judged on
+//    a handful of pixels).
+//  - jobs without a reference (plain text wrapped in PJL/PCL by hand, and drivers whose sheet
+//    has no exact reference): the page count, the page size when the manifest gives one, and
+//    at least 100 black pixels on every page.
+//
+// Every corpus file is its own test case; a table of the measures is printed at the end and
+// written to corpus/results.tsv in the build tree.
+
+#include <gtest/gtest.h>
+
+#include <tiffio.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+#include <mutex>
+#include <optional>
+#include <signal.h>
+#include <sstream>
+#include <string>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <fcntl.h>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Entry {
+    std::string input;     // relative to the corpus folder
+    std::string producer;
+    int dpi = 300;
+    std::string reference; // relative; "-" = none
+    int pages = 0;
+    std::string kind;      // pcl5 or pclxl
+    std::string measure;   // a minimum share (0.999) or "ink"
+    std::string size;      // WxH in points, or "-"
+    std::string name;      // test case name
+};
+
+// gtest prints a failing parameter with this; the input path says which file it was.
+void PrintTo(const Entry& e, std::ostream* os) {
+    *os << e.input;
+}
+
+std::string caseName(const std::string& input) {
+    std::string out;
+    for (char c : input)
+        out += std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
+    return out;
+}
+
+std::vector<std::string> split(const std::string& line, char sep) {
+    std::vector<std::string> parts;
+    std::string cur;
+    std::istringstream in(line);
+    while (std::getline(in, cur, sep))
+        parts.push_back(cur);
+    return parts;
+}
+
+// Reads the manifest; generates the corpus first when it is not there (a run of the test
+// executable by hand, outside CTest's fixture).
+std::vector<Entry> loadManifest() {
+    const fs::path dir = QX_CORPUS_DIR;
+    const fs::path manifest = dir / "manifest.tsv";
+    if (!fs::exists(manifest)) {
+        const std::string cmd = std::string("bash '") + QX_CORPUS_SCRIPT + "' '" + dir.string() + "'";
+        if (std::system(cmd.c_str()) != 0)
+            std::cerr << "corpus generation failed: " << cmd << "\n";
+    }
+    std::vector<Entry> entries;
+    std::ifstream in(manifest);
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.empty() || line[0] == '#')
+            continue;
+        const auto f = split(line, '\t');
+        if (f.size() < 8)
+            continue;
+        Entry e;
+        e.input = f[0];
+        e.producer = f[1];
+        e.dpi = std::atoi(f[2].c_str());
+        e.reference = f[3];
+        e.pages = std::atoi(f[4].c_str());
+        e.kind = f[5];
+        e.measure = f[6];
+        e.size = f[7];
+        e.name = caseName(e.input);
+        entries.push_back(e);
+    }
+    return entries;
+}
+
+// One page brought to 8-bit luminance, 0 = black.
+struct GrayPage {
+    int width = 0;
+    int height = 0;
+    double xdpi = 0;
+    double ydpi = 0;
+    std::vector<uint8_t> pixels;
+    uint8_t at(int x, int y) const {
+        if (x >= width || y >= height)
+            return 255;
+        return pixels[static_cast<size_t>(y) * width + x];
+    }
+};
+
+void silenceTiff() {
+    TIFFSetWarningHandler(nullptr);
+}
+
+// Reads every page of a TIFF as grey. Returns nullopt (and an error text) when it cannot.
+std::optional<std::vector<GrayPage>> readTiff(const std::string& path, std::string& error) {
+    silenceTiff();
+    TIFF* tif = TIFFOpen(path.c_str(), "r");
+    if (!tif) {
+        error = "cannot open " + path;
+        return std::nullopt;
+    }
+    std::vector<GrayPage> pages;
+    do {
+        uint32_t w = 0, h = 0;
+        uint16_t bps = 1, spp = 1, photo = PHOTOMETRIC_MINISWHITE, planar = PLANARCONFIG_CONTIG;
+        TIFFGetField(tif, TIFFTAG_IMAGEWIDTH, &w);
+        TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &h);
+        TIFFGetFieldDefaulted(tif, TIFFTAG_BITSPERSAMPLE, &bps);
+        TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLESPERPIXEL, &spp);
+        TIFFGetFieldDefaulted(tif, TIFFTAG_PLANARCONFIG, &planar);
+        if (!TIFFGetField(tif, TIFFTAG_PHOTOMETRIC, &photo))
+            photo = PHOTOMETRIC_MINISWHITE;
+        float xr = 0, yr = 0;
+        TIFFGetField(tif, TIFFTAG_XRESOLUTION, &xr);
+        TIFFGetField(tif, TIFFTAG_YRESOLUTION, &yr);
+        GrayPage page;
+        page.width = static_cast<int>(w);
+        page.height = static_cast<int>(h);
+        page.xdpi = xr;
+        page.ydpi = yr;
+        page.pixels.assign(static_cast<size_t>(w) * h, 255);
+        const bool simple = !TIFFIsTiled(tif) && planar == PLANARCONFIG_CONTIG &&
+                            ((bps == 1 && spp == 1) || (bps == 8 && (spp == 1 || spp == 3 || spp == 4))) &&
+                            (photo == PHOTOMETRIC_MINISWHITE || photo == PHOTOMETRIC_MINISBLACK ||
+                             photo == PHOTOMETRIC_RGB);
+        if (simple) {
+            std::vector<uint8_t> line(TIFFScanlineSize(tif));
+            for (uint32_t y = 0; y < h; ++y) {
+                if (TIFFReadScanline(tif, line.data(), y, 0) < 0) {
+                    error = path + ": cannot read line " + std::to_string(y);
+                    TIFFClose(tif);
+                    return std::nullopt;
+                }
+                uint8_t* out = page.pixels.data() + static_cast<size_t>(y) * w;
+                for (uint32_t x = 0; x < w; ++x) {
+                    int v;
+                    if (bps == 1) {
+                        const bool bit = (line[x >> 3] >> (7 - (x & 7))) & 1;
+                        // min-is-white: 1 = black; min-is-black: 1 = white.
+                        v = (bit == (photo == PHOTOMETRIC_MINISWHITE)) ? 0 : 255;
+                    } else if (spp == 1) {
+                        v = line[x];
+                        if (photo == PHOTOMETRIC_MINISWHITE)
+                            v = 255 - v;
+                    } else {
+                        const uint8_t* p = line.data() + static_cast<size_t>(x) * spp;
+                        v = (299 * p[0] + 587 * p[1] + 114 * p[2] + 500) / 1000;
+                    }
+                    out[x] = static_cast<uint8_t>(v);
+                }
+            }
+        } else {
+            std::vector<uint32_t> rgba(static_cast<size_t>(w) * h);
+            if (!TIFFReadRGBAImageOriented(tif, w, h, rgba.data(), ORIENTATION_TOPLEFT, 0)) {
+                error = path + ": unreadable page layout";
+                TIFFClose(tif);
+                return std::nullopt;
+            }
+            for (size_t i = 0; i < rgba.size(); ++i) {
+                const uint32_t p = rgba[i];
+                page.pixels[i] = static_cast<uint8_t>(
+                    (299 * TIFFGetR(p) + 587 * TIFFGetG(p) + 114 * TIFFGetB(p) + 500) / 1000);
+            }
+        }
+        pages.push_back(std::move(page));
+    } while (TIFFReadDirectory(tif));
+    TIFFClose(tif);
+    return pages;
+}
+
+struct RunResult {
+    int status = -1;     // exit status; -1 = killed or did not start
+    bool timedOut = false;
+    double seconds = 0;
+    std::string stderrText;
+};
+
+// Runs quarvex as a child process; a run that does not finish within the watchdog time is
+// killed (a hang is a defect, not a slow result).
+RunResult runQuarvex(const std::vector<std::string>& args, const fs::path& errFile) {
+    RunResult r;
+    const std::string exe = std::string(QX_STAGE_DIR) + "/bin/quarvex";
+    std::vector<char*> argv;
+    argv.push_back(const_cast<char*>(exe.c_str()));
+    for (const auto& a : args)
+        argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    const auto start = std::chrono::steady_clock::now();
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const int fd = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (fd >= 0) {
+            dup2(fd, 2);
+            dup2(fd, 1);
+        }
+        execv(exe.c_str(), argv.data());
+        _exit(127);
+    }
+    if (pid < 0)
+        return r;
+    int wstatus = 0;
+    const auto limit = start + std::chrono::seconds(300);
+    for (;;) {
+        const pid_t done = waitpid(pid, &wstatus, WNOHANG);
+        if (done == pid)
+            break;
+        if (std::chrono::steady_clock::now() > limit) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &wstatus, 0);
+            r.timedOut = true;
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    if (!r.timedOut && WIFEXITED(wstatus))
+        r.status = WEXITSTATUS(wstatus);
+    std::ifstream err(errFile);
+    std::ostringstream ss;
+    ss << err.rdbuf();
+    r.stderrText = ss.str();
+    return r;
+}
+
+struct Row {
+    std::string name;
+    std::string producer;
+    int dpi = 0;
+    int status = -1;
+    int pagesGot = -1;
+    int pagesWant = 0;
+    double agree = -1;     // worst page; -1 = not measured
+    double inkRatio = -1;  // engine ink / reference ink over all pages; -1 = not measured
+    std::string verdict;
+};
+
+std::mutex g_rowsMutex;
+std::vector<Row> g_rows;
+
+std::string fmt(double v, int digits) {
+    if (v < 0)
+        return "-";
+    std::ostringstream s;
+    s << std::fixed << std::setprecision(digits) << v;
+    return s.str();
+}
+
+class TableEnvironment : public ::testing::Environment {
+public:
+    void TearDown() override {
+        std::ostringstream table;
+        table << std::left << std::setw(40) << "file" << std::setw(14) << "producer" << std::setw(5)
+              << "dpi" << std::setw(7) << "exit" << std::setw(9) << "pages" << std::setw(10)
+              << "agree%" << std::setw(8) << "ink" << "verdict\n";
+        std::ofstream tsv(fs::path(QX_CORPUS_DIR) / "results.tsv");
+        tsv << "#file\tproducer\tdpi\texit\tpages\twant\tagree\tink_ratio\tverdict\n";
+        for (const Row& r : g_rows) {
+            table << std::setw(40) << r.name << std::setw(14) << r.producer << std::setw(5) << r.dpi
+                  << std::setw(7) << r.status << std::setw(9)
+                  << (std::to_string(r.pagesGot) + "/" + std::to_string(r.pagesWant)) << std::setw(10)
+                  << (r.agree < 0 ? std::string("-") : fmt(r.agree * 100, 3)) << std::setw(8)
+                  << fmt(r.inkRatio, 3) << r.verdict << "\n";
+            tsv << r.name << '\t' << r.producer << '\t' << r.dpi << '\t' << r.status << '\t' << r.pagesGot
+                << '\t' << r.pagesWant << '\t' << fmt(r.agree, 6) << '\t' << fmt(r.inkRatio, 4) << '\t'
+                << r.verdict << '\n';
+        }
+        std::cout << "\nCorpus measures (agree = pixels equally black/white at threshold 128, worst page;"
+                     " ink = black pixels, engine / reference)\n"
+                  << table.str() << std::flush;
+    }
+};
+
+[[maybe_unused]] ::testing::Environment* const g_env =
+    ::testing::AddGlobalTestEnvironment(new TableEnvironment);
+
+bool sizeClose(int got, int want) {
+    const int tol = std::max(2, static_cast<int>(std::ceil(want * 0.001)));
+    return std::abs(got - want) <= tol;
+}
+
+class Corpus : public ::testing::TestWithParam<Entry> {};
+
+TEST_P(Corpus, ConvertsLikeTheReference) {
+    const Entry& e = GetParam();
+    Row row;
+    row.name = e.input;
+    row.producer = e.producer;
+    row.dpi = e.dpi;
+    row.pagesWant = e.pages;
+    struct Recorder {
+        Row& row;
+        ~Recorder() {
+            if (row.verdict.empty())
+                row.verdict = ::testing::Test::HasFailure() ? "FAIL" : "ok";
+            std::lock_guard<std::mutex> lock(g_rowsMutex);
+            g_rows.push_back(row);
+        }
+    } recorder{row};
+
+    const fs::path corpus = QX_CORPUS_DIR;
+    const fs::path input = corpus / e.input;
+    ASSERT_TRUE(fs::exists(input)) << input;
+    const fs::path exe = fs::path(QX_STAGE_DIR) / "bin" / "quarvex";
+    if (!fs::exists(exe)) {
+        row.verdict = "no quarvex";
+        FAIL() << "the staged engine is missing: " << exe;
+    }
+
+    const fs::path outDir = corpus / "out";
+    fs::create_directories(outDir);
+    const fs::path output = outDir / (e.name + ".tif");
+    const fs::path errFile = outDir / (e.name + ".stderr");
+    fs::remove(output);
+    const std::string res = std::to_string(e.dpi) + "x" + std::to_string(e.dpi);
+    const RunResult run = runQuarvex({"-r", res, "-b", "8", "-c", "6", "-o", output.string(), "-i", input.string()},
+                                     errFile);
+    row.status = run.status;
+    ASSERT_FALSE(run.timedOut) << "quarvex did not finish within 300 s";
+    EXPECT_EQ(run.status, 0) << "quarvex said:\n" << run.stderrText;
+    if (!fs::exists(output)) {
+        row.verdict = "no output";
+        FAIL() << "no output written; quarvex said:\n" << run.stderrText;
+    }
+
+    std::string error;
+    const auto got = readTiff(output.string(), error);
+    ASSERT_TRUE(got.has_value()) << error;
+    row.pagesGot = static_cast<int>(got->size());
+
+    if (e.reference == "-") {
+        EXPECT_EQ(static_cast<int>(got->size()), e.pages) << "page count";
+        double wPt = 0, hPt = 0;
+        const bool hasSize = e.size != "-" && std::sscanf(e.size.c_str(), "%lfx%lf", &wPt, &hPt) == 2;
+        for (size_t i = 0; i < got->size(); ++i) {
+            const GrayPage& p = (*got)[i];
+            if (hasSize) {
+                EXPECT_TRUE(sizeClose(p.width, static_cast<int>(std::lround(wPt * e.dpi / 72.0))))
+                    << "page " << i + 1 << " width " << p.width << " for " << wPt << " pt at " << e.dpi << " dpi";
+                EXPECT_TRUE(sizeClose(p.height, static_cast<int>(std::lround(hPt * e.dpi / 72.0))))
+                    << "page " << i + 1 << " height " << p.height << " for " << hPt << " pt at " << e.dpi << " dpi";
+            }
+            const size_t ink = std::count_if(p.pixels.begin(), p.pixels.end(), [](uint8_t v) { return v < 128; });
+            EXPECT_GE(ink, 100u) << "page " << i + 1 << " is blank";
+        }
+        return;
+    }
+
+    const auto ref = readTiff((corpus / e.reference).string(), error);
+    ASSERT_TRUE(ref.has_value()) << error;
+    row.pagesWant = static_cast<int>(ref->size());
+    EXPECT_EQ(got->size(), ref->size()) << "page count";
+
+    const double minAgree = std::atof(e.measure.c_str());
+    double worst = 1.0;
+    size_t inkGot = 0, inkRef = 0, area = 0;
+    const size_t n = std::min(got->size(), ref->size());
+    for (size_t i = 0; i < n; ++i) {
+        const GrayPage& g = (*got)[i];
+        const GrayPage& r = (*ref)[i];
+        EXPECT_TRUE(sizeClose(g.width, r.width) && sizeClose(g.height, r.height))
+            << "page " << i + 1 << " is " << g.width << "x" << g.height << ", the reference "
+            << r.width << "x" << r.height;
+        const int w = std::max(g.width, r.width), h = std::max(g.height, r.height);
+        size_t agree = 0;
+        for (int y = 0; y < h; ++y) {
+            for (int x = 0; x < w; ++x) {
+                const bool gb = g.at(x, y) < 128, rb = r.at(x, y) < 128;
+                agree += gb == rb;
+                inkGot += gb;
+                inkRef += rb;
+            }
+        }
+        area += static_cast<size_t>(w) * h;
+        const double share = static_cast<double>(agree) / (static_cast<double>(w) * h);
+        worst = std::min(worst, share);
+        EXPECT_GE(share, minAgree) << "page " << i + 1 << ": " << fmt(share * 100, 3) << " % of pixels agree";
+    }
+    if (n > 0)
+        row.agree = worst;
+    if (inkRef > 0)
+        row.inkRatio = static_cast<double>(inkGot) / static_cast<double>(inkRef);
+    if (e.kind == "pclxl" && n > 0) {
+        const double slack = 0.10 * static_cast<double>(inkRef) + 0.0001 * static_cast<double>(area);
+        EXPECT_LE(std::fabs(static_cast<double>(inkGot) - static_cast<double>(inkRef)), slack)
+            << "ink: " << inkGot << " black pixels, the reference " << inkRef;
+    }
+}
+
+std::string paramName(const ::testing::TestParamInfo<Entry>& info) {
+    return info.param.name;
+}
+
+// The generator must have produced the corpus; an empty manifest would otherwise pass silently.
+TEST(CorpusManifest, ListsTheGeneratedFiles) {
+    const auto entries = loadManifest();
+    EXPECT_GE(entries.size(), 20u);
+    for (const Entry& e : entries) {
+        EXPECT_TRUE(fs::exists(fs::path(QX_CORPUS_DIR) / e.input)) << e.input;
+        if (e.reference != "-") {
+            EXPECT_TRUE(fs::exists(fs::path(QX_CORPUS_DIR) / e.reference)) << e.reference;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, Corpus, ::testing::ValuesIn(loadManifest()), paramName);
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(Corpus);
+
+} // namespace
