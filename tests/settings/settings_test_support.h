@@ -5,6 +5,7 @@
 #include <QApplication>
 #include <QComboBox>
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QFile>
 #include <QPushButton>
 #include <QSettings>
@@ -38,7 +39,14 @@ inline bool WriteIni(const QStringList& settingInfoLines, const QString& extra =
     for (const QString& line : settingInfoLines)
         text += line.toUtf8() + "\n";
     text += extra.toUtf8();
-    return file.write(text) == text.size();
+    if (file.write(text) != text.size() || !file.flush())
+        return false;
+    // QSettings keeps parsed files in a process-wide cache and re-reads one only when its size or
+    // modification time changed. Two files written in quick succession can share both, so every
+    // file written here gets a modification time of its own.
+    static int s_iWriteCount = 0;
+    const QDateTime stamp(QDate(2001, 1, 1), QTime(0, 0), Qt::UTC);
+    return file.setFileTime(stamp.addSecs(++s_iWriteCount), QFileDevice::FileModificationTime);
 }
 
 inline QByteArray ReadIniBytes()
