@@ -37,6 +37,12 @@ struct Span {
     QString href;       // empty: not a link
 };
 
+}  // namespace
+
+Q_DECLARE_METATYPE(Span)
+
+namespace {
+
 QString familyOf(const QTextCharFormat& f)
 {
     const QStringList families = f.fontFamilies().toStringList();
@@ -394,8 +400,6 @@ private slots:
 private:
     UrlCatcher* catcher = nullptr;
 };
-
-Q_DECLARE_METATYPE(Span)
 
 QTEST_MAIN(TestAboutDlg)
 #include "test_aboutdlg.moc"

@@ -3,6 +3,7 @@
 #include <QIcon>
 #include <QImage>
 #include <QImageReader>
+#include <QPixmap>
 #include <QTest>
 
 class TestResources : public QObject {
@@ -12,15 +13,27 @@ private slots:
     void icons_data()
     {
         QTest::addColumn<QString>("path");
+        QTest::addColumn<int>("firstSize");
+        // The Convert button's icons are loaded as plain pixmaps (the file's first image) and
+        // the button's icon size follows them: they lead with the 42 pixel image the button
+        // is laid out for.
         for (const char* name : {"Main", "plus_orange", "delete", "deleteall", "settings",
-                                 "get_info", "folder_open", "media_playback_start", "stop"})
-            QTest::newRow(name) << QStringLiteral(":/MyIco/Image/%1.ico").arg(QLatin1String(name));
+                                 "get_info", "folder_open"})
+            QTest::newRow(name) << QStringLiteral(":/MyIco/Image/%1.ico").arg(QLatin1String(name))
+                                << 16;
+        for (const char* name : {"media_playback_start", "stop"})
+            QTest::newRow(name) << QStringLiteral(":/MyIco/Image/%1.ico").arg(QLatin1String(name))
+                                << 42;
     }
 
     void icons()
     {
         QFETCH(QString, path);
+        QFETCH(int, firstSize);
         QVERIFY(QFile::exists(path));
+        const QPixmap first(path);
+        QVERIFY(!first.isNull());
+        QCOMPARE(first.size(), QSize(firstSize, firstSize));
         QImageReader reader(path);
         QCOMPARE(reader.format(), QByteArray("ico"));
         // Multi-size icon: 16, 24, 32, 48 and 64 pixels, each square, with transparency.
@@ -44,6 +57,8 @@ private slots:
             QVERIFY(clear > img.width());
             sizes << img.width();
         }
+        QCOMPARE(sizes.value(0), firstSize);
+        sizes.removeAll(42);
         std::sort(sizes.begin(), sizes.end());
         QCOMPARE(sizes, (QList<int>{16, 24, 32, 48, 64}));
 

@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """Draws the application's icons and background pictures.
 
-Writes resources/MyIco/Image/*.ico (16, 24, 32, 48 and 64 pixel images, 32-bit with alpha)
+Writes resources/MyIco/Image/*.ico (16, 24, 32, 48 and 64 pixel images, 32-bit with alpha;
+the two Convert button icons lead with a 42 pixel image)
 and resources/MyImage/Image/bg1.png (730x450) and bg2.png (372x299).
 
 Every icon is described once in a 64x64 design grid and rendered separately for each size at
@@ -19,6 +20,10 @@ import sys
 from PIL import Image, ImageChops, ImageDraw, ImageFilter
 
 SIZES = (16, 24, 32, 48, 64)
+# The Convert button loads its icon as a plain pixmap, which takes the first image of the file,
+# and sizes the icon to it; those two icons therefore lead with a 42 pixel image that fits the
+# 50 pixel high button.
+LEAD_SIZE = {"media_playback_start": 42, "stop": 42}
 OVERSAMPLE = 4
 GRID = 64.0
 
@@ -410,7 +415,8 @@ def main():
     os.makedirs(ico_dir, exist_ok=True)
     os.makedirs(img_dir, exist_ok=True)
     for name, draw in ICONS.items():
-        write_ico(os.path.join(ico_dir, name + ".ico"), [render(draw, s) for s in SIZES])
+        sizes = ((LEAD_SIZE[name],) if name in LEAD_SIZE else ()) + SIZES
+        write_ico(os.path.join(ico_dir, name + ".ico"), [render(draw, s) for s in sizes])
     make_bg1(os.path.join(img_dir, "bg1.png"))
     make_bg2(os.path.join(img_dir, "bg2.png"))
 
