@@ -1,0 +1,64 @@
+#pragma once
+// The TIFF writer: a PageSink that appends every finished page to a multi-page TIFF file through
+// libtiff. Pages are written as they come, so memory stays at one page; the "page n of total"
+// numbers are completed by finish(), which patches them in place once the total is known.
+
+#include "render/raster_device.h"
+
+#include <cstdint>
+#include <string>
+
+typedef struct tiff TIFF;
+
+namespace qx::tiff {
+
+// The compression numbers of the command line.
+enum class Compression : int {
+    None = 0,
+    PackBits = 1,
+    Lzw = 2,
+    LzwPredictor = 3,
+    G3OneD = 4,   // CCITT Group 3, one-dimensional, EOLs byte-aligned
+    G3TwoD = 5,   // CCITT Group 3, two-dimensional, EOLs byte-aligned
+    Deflate = 6,
+    G4 = 7,
+};
+
+// CCITT codes describe black-and-white pages only.
+bool isCcitt(Compression c);
+
+struct TiffOptions {
+    Compression compression = Compression::Deflate;
+    int fax = -1;           // -1 = ordinary TIFF; 0 = Class F 204x98; 1 = Class F 204x196
+    std::string software;   // the Software tag, e.g. "quarvex 2.0.0"
+};
+
+class TiffWriter : public PageSink {
+public:
+    explicit TiffWriter(TiffOptions options);
+    ~TiffWriter() override;
+    TiffWriter(const TiffWriter&) = delete;
+    TiffWriter& operator=(const TiffWriter&) = delete;
+
+    // Starts the file at path (created or truncated). false: see error().
+    bool open(const std::string& path);
+    bool writePage(const RasterPage& page) override;
+    // Closes the file and writes the page total into every page. false: see error().
+    bool finish();
+
+    int pageCount() const { return m_pages; }
+    const std::string& error() const { return m_error; }
+
+private:
+    bool fail(const std::string& message);
+    bool patchPageTotals();
+
+    TiffOptions m_options;
+    TIFF* m_tif = nullptr;
+    std::string m_path;
+    int m_pages = 0;
+    bool m_failed = false;
+    std::string m_error;
+};
+
+} // namespace qx::tiff
