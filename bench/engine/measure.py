@@ -1,0 +1,111 @@
+"""Runs quarvex as a child process and measures it: wall time from fork to exit, peak resident
+memory of that child (wait4's ru_maxrss), pages in the output TIFF. Called by run.sh."""
+
+import argparse
+import os
+import statistics
+import subprocess
+import sys
+import time
+
+from PIL import Image
+
+
+def run_once(quarvex, args):
+    start = time.perf_counter()
+    proc = subprocess.Popen([quarvex] + args, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+    _, status, usage = os.wait4(proc.pid, 0)
+    wall = time.perf_counter() - start
+    err = proc.stderr.read().decode(errors="replace")
+    proc.stderr.close()
+    proc.returncode = os.waitstatus_to_exitcode(status)
+    return wall, usage.ru_maxrss * 1024, proc.returncode, err
+
+
+def tiff_pages(path):
+    try:
+        with Image.open(path) as im:
+            return getattr(im, "n_frames", 1), im.size
+    except Exception:
+        return 0, (0, 0)
+
+
+def measure(quarvex, work, label, inp, dpi, depth, comp, runs):
+    out = os.path.join(work, "out.tif")
+    args = ["-r", f"{dpi}x{dpi}", "-b", str(depth), "-c", str(comp), "-o", out, "-i", inp]
+    walls, peaks, status, err = [], [], 0, ""
+    for _ in range(runs):
+        if os.path.exists(out):
+            os.remove(out)
+        wall, peak, status, err = run_once(quarvex, args)
+        walls.append(wall)
+        peaks.append(peak)
+    pages, size = tiff_pages(out) if os.path.exists(out) else (0, (0, 0))
+    wall = statistics.median(walls)
+    bpp = {1: 1 / 8, 8: 1, 24: 3}[depth]
+    page_bytes = size[0] * size[1] * bpp
+    row = {
+        "file": label,
+        "dpi": dpi,
+        "mode": "1-bit G4" if comp == 7 else f"{depth}-bit Deflate",
+        "exit": status,
+        "pages": pages,
+        "ms": wall * 1000,
+        "pps": pages / wall if wall > 0 and pages else 0.0,
+        "peak_mb": max(peaks) / 1e6,
+        "aim_mb": (page_bytes + 32 * 1024 * 1024) / 1e6 if pages else 32 * 1024 * 1024 / 1e6,
+    }
+    row["mem_ok"] = row["peak_mb"] <= row["aim_mb"]
+    if status not in (0, 3):
+        row["note"] = err.strip().splitlines()[-1][:70] if err.strip() else ""
+    return row
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--quarvex", required=True)
+    ap.add_argument("--corpus", required=True)
+    ap.add_argument("--work", required=True)
+    ap.add_argument("--runs", type=int, default=3)
+    ap.add_argument("--quick", type=int, default=0)
+    ap.add_argument("--tsv")
+    a = ap.parse_args()
+
+    rows = []
+    fixed = [
+        ("empty file", os.path.join(a.work, "empty.pcl"), 300, 1, 7, "aim < 10 ms"),
+        ("PCL reset only", os.path.join(a.work, "reset_only.pcl"), 300, 1, 7, "aim < 10 ms"),
+        ("Letter raster page", os.path.join(a.work, "letter_raster_600.pcl"), 600, 1, 7, "aim < 100 ms"),
+    ]
+    for label, inp, dpi, depth, comp, aim in fixed:
+        r = measure(a.quarvex, a.work, label, inp, dpi, depth, comp, max(a.runs, 5))
+        r["note"] = (r.get("note", "") + " " + aim).strip()
+        rows.append(r)
+    if not a.quick:
+        with open(os.path.join(a.corpus, "manifest.tsv")) as f:
+            entries = [l.rstrip("\n").split("\t") for l in f if l.strip() and not l.startswith("#")]
+        for e in entries:
+            inp = os.path.join(a.corpus, e[0])
+            for dpi in (300, 600):
+                for depth, comp in ((1, 7), (24, 6)):
+                    rows.append(measure(a.quarvex, a.work, e[0], inp, dpi, depth, comp, a.runs))
+                    print(".", end="", file=sys.stderr, flush=True)
+        print(file=sys.stderr)
+
+    hdr = f"{'file':<36} {'dpi':>4} {'mode':<15} {'exit':>4} {'pages':>5} {'ms':>9} {'pages/s':>8} {'peak MB':>8} {'aim MB':>8}  note"
+    print(hdr)
+    print("-" * len(hdr))
+    for r in rows:
+        flag = "" if r["mem_ok"] else " MEM>AIM"
+        print(f"{r['file']:<36} {r['dpi']:>4} {r['mode']:<15} {r['exit']:>4} {r['pages']:>5} {r['ms']:>9.1f} "
+              f"{r['pps']:>8.2f} {r['peak_mb']:>8.1f} {r['aim_mb']:>8.1f}  {r.get('note', '')}{flag}")
+    if a.tsv:
+        with open(a.tsv, "w") as f:
+            f.write("file\tdpi\tmode\texit\tpages\tms\tpages_per_s\tpeak_mb\taim_mb\tnote\n")
+            for r in rows:
+                f.write(f"{r['file']}\t{r['dpi']}\t{r['mode']}\t{r['exit']}\t{r['pages']}\t{r['ms']:.2f}\t"
+                        f"{r['pps']:.3f}\t{r['peak_mb']:.1f}\t{r['aim_mb']:.1f}\t{r.get('note', '')}\n")
+
+
+if __name__ == "__main__":
+    main()

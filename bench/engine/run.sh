@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# The engine benchmark: converts every file of the generated corpus at 300 and 600 dpi, to 1-bit
+# Group 4 (-b 1 -c 7) and to 24-bit Deflate (-b 24 -c 6), and reports wall time, pages per
+# second and peak memory; plus an empty job and one 600-dpi Letter raster page to Group 4.
+#
+#   bench/engine/run.sh [--quarvex PATH] [--corpus DIR] [--runs N] [--tsv FILE] [--quick]
+#
+# --quarvex  the engine (default: build/stage/bin/quarvex in the source tree)
+# --corpus   a corpus made by tools/corpus/make_corpus.sh; made into a temporary folder if absent
+# --runs     runs per measurement; the median time and the largest peak memory are reported (3)
+# --tsv      also write the table as tab-separated values
+# --quick    only the empty job and the raster page, not the corpus
+set -euo pipefail
+ROOT=$(cd "$(dirname "$0")/../.." && pwd)
+QUARVEX=$ROOT/build/stage/bin/quarvex
+CORPUS=
+RUNS=3
+TSV=
+QUICK=0
+while [ $# -gt 0 ]; do
+    case $1 in
+        --quarvex) QUARVEX=$2; shift 2 ;;
+        --corpus) CORPUS=$2; shift 2 ;;
+        --runs) RUNS=$2; shift 2 ;;
+        --tsv) TSV=$2; shift 2 ;;
+        --quick) QUICK=1; shift ;;
+        -h | --help) sed -n '2,13p' "$0"; exit 0 ;;
+        *) echo "run.sh: unknown argument $1 (see --help)" >&2; exit 2 ;;
+    esac
+done
+[ -x "$QUARVEX" ] || { echo "run.sh: no engine at $QUARVEX (build the quarvex target, or --quarvex)" >&2; exit 1; }
+
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/quarvex-bench.XXXXXX")
+trap 'rm -rf "$WORK"' EXIT
+if [ -z "$CORPUS" ]; then
+    CORPUS=$WORK/corpus
+    "$ROOT/tools/corpus/make_corpus.sh" "$CORPUS" 2> "$WORK/corpus.log"
+fi
+
+# The fixed jobs: an empty file, a PCL job that only resets the printer, and one Letter page of
+# 600-dpi raster from a driver.
+: > "$WORK/empty.pcl"
+printf '\033E\033E' > "$WORK/reset_only.pcl"
+gs -q -dNOPAUSE -dBATCH -dSAFER -dLastPage=1 -sDEVICE=ljet4 -r600 -sPAPERSIZE=letter -dFIXEDMEDIA \
+    -sOutputFile="$WORK/letter_raster_600.pcl" "$CORPUS/src/text.ps"
+
+exec /usr/bin/python3 "$ROOT/bench/engine/measure.py" --quarvex "$QUARVEX" --corpus "$CORPUS" \
+    --work "$WORK" --runs "$RUNS" --quick "$QUICK" ${TSV:+--tsv "$TSV"}
