@@ -212,7 +212,7 @@ private slots:
             QStringLiteral("Thank you for purchasing our software!"),
             QString(42, QLatin1Char('-')),
             QStringLiteral("Tarnbeck Quarvel v2.0 "),
-            QStringLiteral("Copyright (C) 2011-2026 Tarnbeck Software Ltd."),
+            QStringLiteral("Copyright © 2011-2026 Tarnbeck Ltd."),
             kHomepage,
             QStringLiteral("support@tarnbeck.example"),
             QString(),
@@ -245,7 +245,7 @@ private slots:
             {"Tarnbeck Quarvel v2.0", "MS Shell Dlg 2", 12, 400, "", false, ""},
             {" ", "SimSun", 12, 400, "", false, ""}};
         QTest::newRow("ownership") << 3 << QList<Span>{
-            {"Copyright (C) 2011-2026 Tarnbeck Software Ltd.", "MS Shell Dlg 2", 12, 400, "",
+            {"Copyright © 2011-2026 Tarnbeck Ltd.", "MS Shell Dlg 2", 12, 400, "",
              false, ""}};
         QTest::newRow("homepage") << 4 << QList<Span>{
             {kHomepage, "SimSun", 12, 600, "#0000ff", true, kHomepage}};
