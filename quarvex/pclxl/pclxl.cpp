@@ -1,13 +1,12 @@
 #include "pclxl/pclxl.h"
 
-#include "common/diagnostics.h"
+#include "pclxl/interpreter.h"
 
 namespace qx::pclxl {
 
 size_t run(const uint8_t* data, size_t size, JobContext& ctx) {
-    (void)data;
-    ctx.diag.warning("PCL XL: not interpreted yet");
-    return size;
+    Interpreter interpreter(ctx);
+    return interpreter.run(data, size);
 }
 
 } // namespace qx::pclxl

@@ -1,0 +1,168 @@
+#pragma once
+// The PCL XL interpreter: executes the operators the stream reader delivers, keeping the
+// session, page and graphics state, and draws through the job's Device.
+
+#include "common/job.h"
+#include "pclxl/stream.h"
+#include "render/device.h"
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qx::pclxl {
+
+struct DownloadedFont;
+
+class Interpreter {
+public:
+    explicit Interpreter(JobContext& ctx);
+    ~Interpreter();
+
+    // Interprets a stream that starts with its header; returns the bytes used.
+    size_t run(const uint8_t* data, size_t size);
+
+    int pagesEjected() const { return m_pagesEjected; }
+
+private:
+    struct Pattern {
+        std::shared_ptr<PatternTile> tile; // pixels; tileToPage is set when selected
+        double destW = 0, destH = 0;       // size of one tile in user units
+        int persistence = 0;
+    };
+    struct ColorState {
+        uint8_t space = 1; // eGray
+        std::vector<Rgb> palette;
+    };
+    struct Source {
+        Paint paint = Paint::solid(Rgb::black());
+    };
+    struct GState {
+        Matrix ctm;
+        ColorState color;
+        Paint brush = Paint::solid(Rgb::black());
+        Paint pen = Paint::solid(Rgb::black());
+        StrokeStyle stroke;
+        double penWidthUser = 1;
+        std::vector<double> dashUser;
+        double dashOffsetUser = 0;
+        FillRule fillRule = FillRule::NonZero;
+        FillRule clipRule = FillRule::NonZero;
+        RenderState rs;
+        Path path; // page space
+        Point cursor; // page space
+        Point subpathStart;
+        // Text.
+        std::string fontName;
+        double charSize = 0;
+        int symbolSet = 0;
+        double charScaleX = 1, charScaleY = 1;
+        double charShearX = 0, charShearY = 0;
+        double charAngle = 0;
+        double charBold = 0;
+        bool verticalWriting = false;
+    };
+    struct ImageState {
+        bool active = false;
+        bool pattern = false;
+        int mapping = 0, depth = 2;
+        int width = 0, height = 0;
+        double destW = 0, destH = 0;
+        Matrix imageToPage; // image pixel space to page space
+        std::vector<uint8_t> seed;
+        int patternId = 0;
+        int persistence = 0;
+        std::shared_ptr<PatternTile> tile;
+        ColorState color;
+        int rowsSeen = 0;
+    };
+
+    void execute(const Operator& op, int depth);
+    void requirePage(const Operator& op);
+
+    // Session and page.
+    void beginSession(const Operator& op);
+    void beginPage(const Operator& op);
+    void endPage();
+    void resetGraphics();
+    double userToPageScale() const;
+
+    // Colour.
+    void setColorSpace(const Operator& op);
+    Paint paintFrom(const Operator& op, bool& isNull);
+    Rgb colorFromSpace(const Value& v, uint8_t space, int depthBits = 8) const;
+    Rgb grayColor(const Value& v) const;
+
+    // Paths and painting.
+    void addPoints(const Operator& op, bool relative, bool bezier);
+    void addArcShape(const Operator& op, int kind); // 0 arc, 1 chord, 2 pie, 3 ellipse
+    void addRoundRect(const Operator& op);
+    void paintPath();
+    void clipToPath(const Path& pagePath, FillRule rule, bool exterior, bool replace);
+    StrokeStyle currentStroke() const;
+
+    // Images and patterns.
+    void beginImage(const Operator& op, bool pattern);
+    void readImage(const Operator& op);
+    void endImage();
+    void deliverRows(const std::vector<uint8_t>& rows, size_t rowBytes, int startLine, int count);
+    void selectPattern(int id, const Operator& op, Paint& into);
+
+    // Scan lines.
+    void scanLineRel(const Operator& op);
+
+    // Fonts and text.
+    void text(const Operator& op, bool asPath);
+    void endFontHeader();
+    void readChar(const Operator& op);
+
+    void drew() { m_pageMarked = true; }
+    Point userToPage(double x, double y) const { return m_gs.ctm.apply({x, y}); }
+    Point userVector(double x, double y) const { return m_gs.ctm.applyVector({x, y}); }
+    std::vector<double> numbers(const Value& v) const;
+
+    JobContext& m_ctx;
+    Device& m_dev;
+
+    // Session.
+    bool m_inSession = false;
+    double m_unitsX = 300, m_unitsY = 300; // user units per inch
+    bool m_unitsPerInch = true;
+    double m_declaredX = 0, m_declaredY = 0;
+
+    // Page.
+    bool m_inPage = false;
+    bool m_pageMarked = false;
+    PageSpec m_page;
+    Matrix m_pageCtm;
+    int m_pagesEjected = 0;
+
+    GState m_gs;
+    std::vector<GState> m_stack;
+
+    ImageState m_image;
+    std::map<int, Pattern> m_patterns;
+
+    // Fonts being downloaded and downloaded.
+    std::map<std::string, std::shared_ptr<DownloadedFont>> m_fonts;
+    std::string m_fontHeaderName;
+    std::vector<uint8_t> m_fontHeader;
+    bool m_inFontHeader = false;
+    std::string m_charFontName;
+    bool m_inChar = false;
+    bool m_warnedNoFonts = false;
+    bool m_streamLittle = true; // byte order of embedded numbers
+
+    // User-defined streams.
+    std::map<std::string, std::vector<uint8_t>> m_streams;
+    std::string m_streamName;
+    std::vector<uint8_t> m_streamData;
+    bool m_inStream = false;
+
+    std::vector<std::string> m_warnedOnce;
+    void warnOnce(const std::string& message);
+};
+
+} // namespace qx::pclxl

@@ -1,0 +1,52 @@
+#pragma once
+// Drawing PCL XL text: downloaded bitmap and TrueType fonts, and resident fonts through the
+// FontLibrary. Glyphs reach the device as masks; the cursor moves by the spacing data of the
+// Text operator, or by the glyphs' own advances when there is none.
+
+#include "render/device.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace qx {
+class FontLibrary;
+}
+
+namespace qx::pclxl {
+
+struct DownloadedFont;
+
+struct TextRun {
+    std::vector<uint16_t> codes;
+    std::vector<double> dx; // user units, after each character; may be shorter than codes
+    std::vector<double> dy;
+};
+
+struct TextStyle {
+    Matrix ctm;                  // user space to page space
+    double charSize = 0;         // the em in user units (scalable fonts)
+    double scaleX = 1, scaleY = 1;
+    double shearX = 0, shearY = 0;
+    double angle = 0;            // degrees
+    double bold = 0;
+    double unitsPerInchX = 300, unitsPerInchY = 300;
+    int symbolSet = 0;
+
+    // Character space (y down, one unit = one user unit before CharSize) to user space.
+    Matrix charMatrix() const;
+};
+
+void drawDownloadedText(DownloadedFont& font, const TextRun& run, const TextStyle& style, Point& cursor,
+                        const Paint& paint, const RenderState& rs, Device& device, std::string& problem);
+
+// Resident fonts by PCL XL name; false (with problem set) when the name is unknown and the
+// text was drawn in a stand-in face.
+bool drawResidentText(const FontLibrary& fonts, const std::string& name, const TextRun& run,
+                      const TextStyle& style, Point& cursor, const Paint& paint, const RenderState& rs,
+                      Device& device, std::string& problem);
+
+// Moves the cursor as the text would, drawing nothing.
+void advanceWithoutGlyphs(const TextRun& run, const TextStyle& style, Point& cursor);
+
+} // namespace qx::pclxl
