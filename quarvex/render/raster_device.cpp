@@ -1,0 +1,1157 @@
+#include "render/raster_device.h"
+
+#include "render/page_geometry.h"
+#include "render/raster_ops.h"
+
+#include <cairo.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <new>
+
+namespace qx {
+
+namespace raster {
+
+const uint8_t (&ditherThresholds())[16][16] {
+    struct Table {
+        uint8_t v[16][16];
+    };
+    static const Table table = [] {
+        Table t{};
+        for (int y = 0; y < 16; ++y) {
+            for (int x = 0; x < 16; ++x) {
+                // Recursive Bayer order: the lowest coordinate bits weigh most, so that
+                // neighbouring pixels get thresholds far apart (a dispersed dot).
+                int v = 0;
+                for (int bit = 0; bit < 4; ++bit) {
+                    const int xb = (x >> bit) & 1, yb = (y >> bit) & 1;
+                    v = v * 4 + 2 * (xb ^ yb) + yb;
+                }
+                // v runs over 0..255: a grey g prints black where g <= v, so that g = 128
+                // prints exactly half of the cell; 255 never prints.
+                t.v[y][x] = static_cast<uint8_t>(std::min(v + 1, 255));
+            }
+        }
+        return t;
+    }();
+    return table.v;
+}
+
+void ditherRow(const uint8_t* grey, int width, int y, uint8_t* bits) {
+    const uint8_t* thr = ditherThresholds()[y & 15];
+    const int nbytes = (width + 7) / 8;
+    for (int bx = 0, x = 0; bx < nbytes; ++bx, x += 8) {
+        if (x + 8 <= width) {
+            uint64_t v;
+            std::memcpy(&v, grey + x, 8);
+            if (v == 0) {
+                bits[bx] = 0xFF;
+                continue;
+            }
+            if (v == ~uint64_t(0)) {
+                bits[bx] = 0;
+                continue;
+            }
+        }
+        const int n = std::min(8, width - x);
+        uint8_t b = 0;
+        for (int i = 0; i < n; ++i)
+            if (grey[x + i] < thr[(x + i) & 15])
+                b |= static_cast<uint8_t>(0x80 >> i);
+        bits[bx] = b;
+    }
+}
+
+} // namespace raster
+
+namespace {
+
+struct IRect {
+    int x0 = 0, y0 = 0, x1 = 0, y1 = 0;
+    bool empty() const { return x1 <= x0 || y1 <= y0; }
+    int width() const { return x1 - x0; }
+    int height() const { return y1 - y0; }
+};
+
+IRect intersect(const IRect& a, const IRect& b) {
+    return {std::max(a.x0, b.x0), std::max(a.y0, b.y0), std::min(a.x1, b.x1), std::min(a.y1, b.y1)};
+}
+
+int clampToInt(double v) {
+    if (!(v > -1e9))
+        return -1000000000;
+    if (!(v < 1e9))
+        return 1000000000;
+    return static_cast<int>(v);
+}
+
+bool allFinite(const std::vector<Point>& pts) {
+    for (const Point& p : pts)
+        if (!std::isfinite(p.x) || !std::isfinite(p.y))
+            return false;
+    return true;
+}
+
+// Whole device pixels that points mapped by m may touch, widened by pad pixels.
+IRect deviceBounds(const std::vector<Point>& pts, const Matrix& m, double pad) {
+    if (pts.empty())
+        return {};
+    double minX = INFINITY, minY = INFINITY, maxX = -INFINITY, maxY = -INFINITY;
+    for (const Point& p : pts) {
+        const Point q = m.apply(p);
+        if (!std::isfinite(q.x) || !std::isfinite(q.y))
+            return {};
+        minX = std::min(minX, q.x);
+        maxX = std::max(maxX, q.x);
+        minY = std::min(minY, q.y);
+        maxY = std::max(maxY, q.y);
+    }
+    return {clampToInt(std::floor(minX - pad)), clampToInt(std::floor(minY - pad)),
+            clampToInt(std::ceil(maxX + pad) + 1), clampToInt(std::ceil(maxY + pad) + 1)};
+}
+
+// Cairo keeps coordinates in 24.8 fixed point; points beyond this many device pixels are pulled
+// in so that a stray huge coordinate cannot wrap around.
+constexpr double kCairoLimitPx = 4.0e6;
+
+// The budget of one coverage band.
+constexpr size_t kBandBytes = size_t(1) << 20;
+
+int64_t floorMod(int64_t a, int64_t m) {
+    const int64_t r = a % m;
+    return r < 0 ? r + m : r;
+}
+
+int64_t floorToInt64(double v) {
+    if (!(v > -1e15))
+        return -1000000000000000LL;
+    if (!(v < 1e15))
+        return 1000000000000000LL;
+    return static_cast<int64_t>(std::floor(v));
+}
+
+bool nearly(double a, double b) { return std::fabs(a - b) < 1e-9; }
+
+struct ClipState {
+    bool valid = false;
+    std::shared_ptr<const ClipRegion> key; // held so that the address cannot be reused
+    bool empty = false;
+    IRect bound;      // no pixel outside passes
+    bool rect = true; // every pixel inside bound passes
+    IRect box;        // extent of bits
+    size_t stride = 0;
+    std::vector<uint8_t> bits; // one bit a pixel over box, most significant bit first
+
+    bool test(int x, int y) const {
+        const int ix = x - box.x0;
+        return bits[size_t(y - box.y0) * stride + size_t(ix >> 3)] & (0x80 >> (ix & 7));
+    }
+};
+
+struct Texture {
+    bool solid = true;
+    uint8_t color[3] = {0, 0, 0};
+    int w = 0, h = 0;
+    const uint8_t* pix = nullptr;   // w * h * channels, device channels
+    const uint8_t* white = nullptr; // w * h flags: the tile pixel is white
+    Matrix inv;                     // device to tile pixels
+    bool unit = false;              // inv is a whole-pixel translation
+    int64_t ox = 0, oy = 0;
+};
+
+} // namespace
+
+struct RasterDevice::Impl {
+    Impl(const RasterOptions& o, PageSink& s) : options(o), sink(s) {}
+
+    RasterOptions options;
+    PageSink& sink;
+    bool inPage = false;
+    bool failed = false;
+    int written = 0;
+
+    PageGeometry geo;
+    Matrix ptd;
+    IRect pageRect;
+    int C = 3; // channels of the page buffer: 1 grey, 3 RGB
+    std::vector<uint8_t> buf;
+    size_t stride = 0;
+    RasterPage out;
+
+    ClipState clip;
+    std::vector<uint8_t> band, band2;
+    std::vector<uint8_t> sbuf, swhite, tbuf, twhite, rbuf, cov;
+    std::vector<int64_t> colIdx;
+
+    std::shared_ptr<const PatternTile> patKey;
+    int patChannels = 0;
+    std::vector<uint8_t> patPix, patWhite;
+
+    // The call being drawn.
+    Texture tex;
+    uint8_t rop = 252;
+    bool srcTransparent = true;
+    bool patTransparent = true;
+    bool constUsesDest = false;
+    uint8_t constOut[3] = {0, 0, 0};
+    bool lutReady = false;
+    uint8_t lut[3][256];
+
+    uint8_t* row(int y) { return buf.data() + size_t(y) * stride; }
+
+    void toDevice(Rgb c, uint8_t* out3) const {
+        if (C == 1) {
+            out3[0] = out3[1] = out3[2] = raster::luminance(c.r, c.g, c.b);
+        } else {
+            out3[0] = c.r;
+            out3[1] = c.g;
+            out3[2] = c.b;
+        }
+    }
+
+    void ensureScratch(size_t bytes, size_t pixels) {
+        if (sbuf.size() < bytes) {
+            sbuf.resize(bytes);
+            tbuf.resize(bytes);
+            rbuf.resize(bytes);
+        }
+        if (swhite.size() < pixels) {
+            swhite.resize(pixels);
+            twhite.resize(pixels);
+        }
+    }
+
+    // ---- clip -------------------------------------------------------------------------------
+
+    void setNoClip() {
+        clip = ClipState{};
+        clip.valid = true;
+        clip.bound = clip.box = pageRect;
+        clip.rect = true;
+    }
+
+    template <class Draw>
+    void withCairo(uint8_t* data, int bandStride, int x0, int y0, int w, int h, Draw&& draw) {
+        cairo_surface_t* s =
+            cairo_image_surface_create_for_data(data, CAIRO_FORMAT_A8, w, h, bandStride);
+        cairo_t* cr = cairo_create(s);
+        cairo_set_antialias(cr, CAIRO_ANTIALIAS_NONE);
+        cairo_translate(cr, -x0, -y0);
+        cairo_scale(cr, geo.scaleX, geo.scaleY);
+        draw(cr);
+        cairo_destroy(cr);
+        cairo_surface_flush(s);
+        cairo_surface_destroy(s);
+    }
+
+    void appendPath(cairo_t* cr, const Path& path) const {
+        const double lx = kCairoLimitPx / geo.scaleX, ly = kCairoLimitPx / geo.scaleY;
+        auto cl = [&](Point p) {
+            return Point{std::clamp(p.x, -lx, lx), std::clamp(p.y, -ly, ly)};
+        };
+        const auto& pts = path.points();
+        size_t pi = 0;
+        for (Path::Op op : path.ops()) {
+            switch (op) {
+            case Path::Op::Move: {
+                const Point p = cl(pts[pi++]);
+                cairo_move_to(cr, p.x, p.y);
+                break;
+            }
+            case Path::Op::Line: {
+                const Point p = cl(pts[pi++]);
+                cairo_line_to(cr, p.x, p.y);
+                break;
+            }
+            case Path::Op::Curve: {
+                const Point a = cl(pts[pi]), b = cl(pts[pi + 1]), c = cl(pts[pi + 2]);
+                pi += 3;
+                cairo_curve_to(cr, a.x, a.y, b.x, b.y, c.x, c.y);
+                break;
+            }
+            case Path::Op::Close: cairo_close_path(cr); break;
+            }
+        }
+    }
+
+    static bool wellFormed(const Path& path) {
+        size_t need = 0;
+        for (Path::Op op : path.ops())
+            need += op == Path::Op::Curve ? 3 : (op == Path::Op::Close ? 0 : 1);
+        return need == path.points().size() && allFinite(path.points());
+    }
+
+    void prepareClip(const std::shared_ptr<const ClipRegion>& region) {
+        if (!region || region->entries.empty()) {
+            if (!clip.valid || clip.key || !clip.rect || clip.empty)
+                setNoClip();
+            return;
+        }
+        if (clip.valid && clip.key == region)
+            return;
+        clip = ClipState{};
+        clip.valid = true;
+        clip.key = region;
+
+        IRect box = pageRect;
+        for (const ClipRegion::Entry& e : region->entries) {
+            if (!wellFormed(e.path) || e.path.empty()) {
+                clip.empty = true;
+                return;
+            }
+            box = intersect(box, deviceBounds(e.path.points(), ptd, 1));
+        }
+        if (box.empty()) {
+            clip.empty = true;
+            return;
+        }
+        clip.box = box;
+        clip.stride = size_t(box.width() + 7) / 8;
+        clip.bits.assign(clip.stride * size_t(box.height()), 0);
+
+        const int w = box.width();
+        const int bstride = cairo_format_stride_for_width(CAIRO_FORMAT_A8, w);
+        const int rows = std::max(1, std::min(box.height(), int(kBandBytes / size_t(bstride))));
+        band.resize(size_t(bstride) * rows);
+        if (region->entries.size() > 1)
+            band2.resize(size_t(bstride) * rows);
+        for (int by = box.y0; by < box.y1; by += rows) {
+            const int bh = std::min(rows, box.y1 - by);
+            const size_t bytes = size_t(bstride) * bh;
+            for (size_t i = 0; i < region->entries.size(); ++i) {
+                const ClipRegion::Entry& e = region->entries[i];
+                uint8_t* target = i == 0 ? band.data() : band2.data();
+                std::memset(target, 0, bytes);
+                withCairo(target, bstride, box.x0, by, w, bh, [&](cairo_t* cr) {
+                    appendPath(cr, e.path);
+                    cairo_set_fill_rule(cr, e.rule == FillRule::EvenOdd ? CAIRO_FILL_RULE_EVEN_ODD
+                                                                       : CAIRO_FILL_RULE_WINDING);
+                    cairo_fill(cr);
+                });
+                if (i > 0)
+                    for (size_t k = 0; k < bytes; ++k)
+                        band[k] &= band2[k];
+            }
+            for (int r = 0; r < bh; ++r) {
+                const uint8_t* src = band.data() + size_t(r) * bstride;
+                uint8_t* dst = clip.bits.data() + size_t(by - box.y0 + r) * clip.stride;
+                for (int x = 0; x < w; ++x)
+                    if (src[x])
+                        dst[x >> 3] |= static_cast<uint8_t>(0x80 >> (x & 7));
+            }
+        }
+
+        // The tight extent of what passes; a clip that fills it is a plain rectangle.
+        IRect tight{box.x1, box.y1, box.x0, box.y0};
+        size_t count = 0;
+        for (int y = box.y0; y < box.y1; ++y) {
+            const uint8_t* bits = clip.bits.data() + size_t(y - box.y0) * clip.stride;
+            for (int x = box.x0; x < box.x1; ++x) {
+                const int ix = x - box.x0;
+                if (bits[ix >> 3] & (0x80 >> (ix & 7))) {
+                    ++count;
+                    tight.x0 = std::min(tight.x0, x);
+                    tight.x1 = std::max(tight.x1, x + 1);
+                    tight.y0 = std::min(tight.y0, y);
+                    tight.y1 = std::max(tight.y1, y + 1);
+                }
+            }
+        }
+        if (count == 0) {
+            clip.empty = true;
+            clip.bits.clear();
+            return;
+        }
+        clip.bound = tight;
+        if (count == size_t(tight.width()) * size_t(tight.height())) {
+            clip.rect = true;
+            clip.bits.clear();
+            clip.bits.shrink_to_fit();
+        } else {
+            clip.rect = false;
+        }
+    }
+
+    // Calls f(a, b) for every stretch [a, b) of row y inside [x0, x1) that the clip lets through.
+    template <class F>
+    void clippedRuns(int y, int x0, int x1, F&& f) {
+        if (y < clip.bound.y0 || y >= clip.bound.y1)
+            return;
+        x0 = std::max(x0, clip.bound.x0);
+        x1 = std::min(x1, clip.bound.x1);
+        if (x0 >= x1)
+            return;
+        if (clip.rect) {
+            f(x0, x1);
+            return;
+        }
+        const uint8_t* bits = clip.bits.data() + size_t(y - clip.box.y0) * clip.stride;
+        const int base = clip.box.x0;
+        auto bit = [&](int x) { return bits[(x - base) >> 3] & (0x80 >> ((x - base) & 7)); };
+        int x = x0;
+        while (x < x1) {
+            while (x < x1 && !bit(x)) {
+                if (((x - base) & 7) == 0 && x + 8 <= x1 && bits[(x - base) >> 3] == 0)
+                    x += 8;
+                else
+                    ++x;
+            }
+            const int start = x;
+            while (x < x1 && bit(x)) {
+                if (((x - base) & 7) == 0 && x + 8 <= x1 && bits[(x - base) >> 3] == 0xFF)
+                    x += 8;
+                else
+                    ++x;
+            }
+            if (start < x)
+                f(start, x);
+        }
+    }
+
+    // ---- paint ------------------------------------------------------------------------------
+
+    bool preparePattern(const std::shared_ptr<const PatternTile>& tile) {
+        if (!tile || tile->width <= 0 || tile->height <= 0 ||
+            tile->pixels.size() < size_t(tile->width) * size_t(tile->height))
+            return false;
+        if (patKey != tile || patChannels != C) {
+            const size_t n = size_t(tile->width) * size_t(tile->height);
+            patPix.resize(n * C);
+            patWhite.resize(n);
+            for (size_t i = 0; i < n; ++i) {
+                const Rgb c = tile->pixels[i];
+                uint8_t v[3];
+                toDevice(c, v);
+                std::memcpy(&patPix[i * C], v, C);
+                patWhite[i] = c == Rgb::white();
+            }
+            patKey = tile;
+            patChannels = C;
+        }
+        const auto inv = (ptd * tile->tileToPage).inverted();
+        if (!inv)
+            return false;
+        const Matrix& m = *inv;
+        if (!std::isfinite(m.a) || !std::isfinite(m.b) || !std::isfinite(m.c) ||
+            !std::isfinite(m.d) || !std::isfinite(m.e) || !std::isfinite(m.f))
+            return false;
+        tex.solid = false;
+        tex.w = tile->width;
+        tex.h = tile->height;
+        tex.pix = patPix.data();
+        tex.white = patWhite.data();
+        tex.inv = m;
+        tex.unit = nearly(m.a, 1) && nearly(m.d, 1) && std::fabs(m.b) < 1e-12 &&
+                   std::fabs(m.c) < 1e-12;
+        if (tex.unit) {
+            tex.ox = floorToInt64(0.5 + m.e);
+            tex.oy = floorToInt64(0.5 + m.f);
+        }
+        return true;
+    }
+
+    bool beginCall(const Paint& paint, const RenderState& rs) {
+        if (!inPage || failed || paint.kind == Paint::Kind::None)
+            return false;
+        prepareClip(rs.clip);
+        if (clip.empty)
+            return false;
+        rop = rs.rop3;
+        srcTransparent = rs.sourceTransparent;
+        patTransparent = rs.patternTransparent;
+        if (paint.kind == Paint::Kind::Pattern)
+            return preparePattern(paint.pattern);
+        tex.solid = true;
+        toDevice(paint.color, tex.color);
+        constUsesDest = raster::ropUsesDest(rop);
+        for (int c = 0; c < 3; ++c)
+            constOut[c] = raster::rop3(rop, 0, 0, tex.color[c]);
+        lutReady = false;
+        return true;
+    }
+
+    void fetchTexture(int y, int x0, int n) {
+        const int w = tex.w, h = tex.h;
+        uint8_t* t = tbuf.data();
+        uint8_t* tw = twhite.data();
+        if (tex.unit) {
+            const int64_t j = floorMod(y + tex.oy, h);
+            const uint8_t* prow = tex.pix + size_t(j) * w * C;
+            const uint8_t* wrow = tex.white + size_t(j) * w;
+            int64_t i = floorMod(x0 + tex.ox, w);
+            for (int k = 0; k < n; ++k) {
+                if (C == 1)
+                    t[k] = prow[i];
+                else
+                    std::memcpy(t + size_t(k) * 3, prow + size_t(i) * 3, 3);
+                tw[k] = wrow[i];
+                if (++i == w)
+                    i = 0;
+            }
+            return;
+        }
+        const Matrix& m = tex.inv;
+        const double cy = y + 0.5;
+        for (int k = 0; k < n; ++k) {
+            const double cx = x0 + k + 0.5;
+            const int64_t i = floorMod(floorToInt64(m.a * cx + m.c * cy + m.e), w);
+            const int64_t j = floorMod(floorToInt64(m.b * cx + m.d * cy + m.f), h);
+            const size_t idx = size_t(j) * w + size_t(i);
+            if (C == 1)
+                t[k] = tex.pix[idx];
+            else
+                std::memcpy(t + size_t(k) * 3, tex.pix + idx * 3, 3);
+            tw[k] = tex.white[idx];
+        }
+    }
+
+    // ---- compositing ------------------------------------------------------------------------
+
+    // Draws n pixels of row y from x0: S is s (n pixels, white flags sw), or black when s is
+    // null; T is the call's texture; D is the page.
+    void composite(int y, int x0, int n, const uint8_t* s, const uint8_t* sw) {
+        uint8_t* D = row(y) + size_t(x0) * C;
+        const size_t nb = size_t(n) * C;
+        if (!s && tex.solid) {
+            // Every operand but D is constant: a fill, or a table lookup on D.
+            if (!constUsesDest) {
+                if (C == 1 || (constOut[0] == constOut[1] && constOut[1] == constOut[2])) {
+                    std::memset(D, constOut[0], nb);
+                } else {
+                    for (int i = 0; i < n; ++i, D += 3) {
+                        D[0] = constOut[0];
+                        D[1] = constOut[1];
+                        D[2] = constOut[2];
+                    }
+                }
+                return;
+            }
+            if (!lutReady) {
+                for (int c = 0; c < C; ++c)
+                    for (int v = 0; v < 256; ++v)
+                        lut[c][v] = raster::rop3(rop, uint8_t(v), 0, tex.color[c]);
+                lutReady = true;
+            }
+            if (C == 1) {
+                for (int i = 0; i < n; ++i)
+                    D[i] = lut[0][D[i]];
+            } else {
+                for (int i = 0; i < n; ++i, D += 3) {
+                    D[0] = lut[0][D[0]];
+                    D[1] = lut[1][D[1]];
+                    D[2] = lut[2][D[2]];
+                }
+            }
+            return;
+        }
+
+        ensureScratch(nb, size_t(n));
+        const uint8_t* tw = nullptr;
+        if (tex.solid) {
+            if (C == 1 || (tex.color[0] == tex.color[1] && tex.color[1] == tex.color[2])) {
+                std::memset(tbuf.data(), tex.color[0], nb);
+            } else {
+                for (int i = 0; i < n; ++i)
+                    std::memcpy(&tbuf[size_t(i) * 3], tex.color, 3);
+            }
+        } else {
+            fetchTexture(y, x0, n);
+            tw = twhite.data();
+        }
+        if (!s) {
+            std::memset(sbuf.data(), 0, nb);
+            s = sbuf.data();
+        }
+        raster::rop3Run(rop, D, s, tbuf.data(), rbuf.data(), nb);
+
+        // Transparency: a white source pixel leaves the page alone in source transparent
+        // mode; where the source is not white, a white texture pixel leaves it alone in
+        // pattern transparent mode.
+        const bool useSrc = srcTransparent && sw;
+        const bool usePat = patTransparent && tw;
+        if (!useSrc && !usePat) {
+            std::memcpy(D, rbuf.data(), nb);
+            return;
+        }
+        const uint8_t* r = rbuf.data();
+        for (int i = 0; i < n; ++i) {
+            const bool white = sw && sw[i];
+            if (white ? useSrc : (usePat && tw[i]))
+                continue;
+            if (C == 1)
+                D[i] = r[i];
+            else
+                std::memcpy(D + size_t(i) * 3, r + size_t(i) * 3, 3);
+        }
+    }
+
+    // Draws the covered pixels (cov[k] != 0 covers x0 + k) of row y, with S black.
+    void compositeCoverage(int y, int x0, const uint8_t* cov, int n) {
+        int k = 0;
+        while (k < n) {
+            while (k + 8 <= n) {
+                uint64_t v;
+                std::memcpy(&v, cov + k, 8);
+                if (v)
+                    break;
+                k += 8;
+            }
+            while (k < n && !cov[k])
+                ++k;
+            if (k >= n)
+                break;
+            int e = k;
+            while (e < n && cov[e])
+                ++e;
+            clippedRuns(y, x0 + k, x0 + e,
+                        [&](int a, int b) { composite(y, a, b - a, nullptr, nullptr); });
+            k = e;
+        }
+    }
+
+    // Renders coverage band by band over box (already within the page and the clip) with
+    // fillBand(data, stride, x0, y0, w, h) and draws it.
+    template <class FillBand>
+    void rasterise(const IRect& box, FillBand&& fillBand) {
+        const int w = box.width();
+        const int bstride = cairo_format_stride_for_width(CAIRO_FORMAT_A8, w);
+        const int rows = std::max(1, std::min(box.height(), int(kBandBytes / size_t(bstride))));
+        band.resize(size_t(bstride) * rows);
+        for (int by = box.y0; by < box.y1; by += rows) {
+            const int bh = std::min(rows, box.y1 - by);
+            std::memset(band.data(), 0, size_t(bstride) * bh);
+            fillBand(band.data(), bstride, box.x0, by, w, bh);
+            for (int r = 0; r < bh; ++r)
+                compositeCoverage(by + r, box.x0, band.data() + size_t(r) * bstride, w);
+        }
+    }
+
+    // ---- one-pixel lines --------------------------------------------------------------------
+
+    // Page-space polylines of a path, curves flattened finely enough for the device.
+    std::vector<std::vector<Point>> flatten(const Path& path) const {
+        std::vector<std::vector<Point>> lines;
+        const auto& pts = path.points();
+        size_t pi = 0;
+        Point start{}, cur{};
+        bool have = false;
+        auto ensure = [&] {
+            if (!have) {
+                lines.push_back({cur});
+                have = true;
+            }
+        };
+        for (Path::Op op : path.ops()) {
+            switch (op) {
+            case Path::Op::Move:
+                cur = start = pts[pi++];
+                lines.push_back({cur});
+                have = true;
+                break;
+            case Path::Op::Line:
+                ensure();
+                cur = pts[pi++];
+                lines.back().push_back(cur);
+                break;
+            case Path::Op::Curve: {
+                ensure();
+                const Point p0 = cur, p1 = pts[pi], p2 = pts[pi + 1], p3 = pts[pi + 2];
+                pi += 3;
+                auto dlen = [&](Point a, Point b) {
+                    return std::hypot((b.x - a.x) * geo.scaleX, (b.y - a.y) * geo.scaleY);
+                };
+                const double len = dlen(p0, p1) + dlen(p1, p2) + dlen(p2, p3);
+                const int steps = std::clamp(int(std::ceil(std::sqrt(len) * 2)), 1, 1024);
+                for (int i = 1; i <= steps; ++i) {
+                    const double t = double(i) / steps, u = 1 - t;
+                    const double b0 = u * u * u, b1 = 3 * u * u * t, b2 = 3 * u * t * t,
+                                 b3 = t * t * t;
+                    lines.back().push_back({b0 * p0.x + b1 * p1.x + b2 * p2.x + b3 * p3.x,
+                                            b0 * p0.y + b1 * p1.y + b2 * p2.y + b3 * p3.y});
+                }
+                cur = p3;
+                break;
+            }
+            case Path::Op::Close:
+                if (have) {
+                    lines.back().push_back(start);
+                    cur = start;
+                    have = false;
+                }
+                break;
+            }
+        }
+        return lines;
+    }
+
+    static std::vector<std::vector<Point>> dash(const std::vector<std::vector<Point>>& lines,
+                                                const std::vector<double>& pattern, double offset) {
+        std::vector<std::vector<Point>> out;
+        double total = 0;
+        for (double v : pattern)
+            total += v;
+        if (!std::isfinite(offset))
+            offset = 0;
+        for (const auto& line : lines) {
+            size_t idx = 0;
+            double left = pattern[0];
+            bool on = true;
+            double off = std::fmod(offset, total);
+            if (off < 0)
+                off += total;
+            while (off > 0) {
+                if (off >= left) {
+                    off -= left;
+                    idx = (idx + 1) % pattern.size();
+                    left = pattern[idx];
+                    on = !on;
+                } else {
+                    left -= off;
+                    off = 0;
+                }
+            }
+            if (on)
+                out.push_back({line[0]});
+            for (size_t i = 1; i < line.size(); ++i) {
+                Point a = line[i - 1];
+                const Point b = line[i];
+                double seg = std::hypot(b.x - a.x, b.y - a.y);
+                while (seg > left) {
+                    const double t = left / seg;
+                    const Point m{a.x + (b.x - a.x) * t, a.y + (b.y - a.y) * t};
+                    if (on)
+                        out.back().push_back(m);
+                    on = !on;
+                    if (on)
+                        out.push_back({m});
+                    seg -= left;
+                    a = m;
+                    idx = (idx + 1) % pattern.size();
+                    left = pattern[idx];
+                    if (out.size() > 1000000)
+                        return out;
+                }
+                left -= seg;
+                if (on)
+                    out.back().push_back(b);
+            }
+        }
+        return out;
+    }
+
+    // Marks the pixels of a one-pixel line from a to b (device space) inside the band: one
+    // pixel a column for flat lines, one a row for steep ones, each found from the line's
+    // equation alone so that every band agrees with its neighbours.
+    static void plotSegment(uint8_t* data, int bstride, int bx0, int by0, int w, int h, Point a,
+                            Point b) {
+        auto set = [&](int64_t px, int64_t py) {
+            if (px >= bx0 && px < bx0 + w && py >= by0 && py < by0 + h)
+                data[size_t(py - by0) * bstride + size_t(px - bx0)] = 0xFF;
+        };
+        if (std::min(a.y, b.y) >= by0 + h + 1 || std::max(a.y, b.y) < by0 - 1 ||
+            std::min(a.x, b.x) >= bx0 + w + 1 || std::max(a.x, b.x) < bx0 - 1)
+            return;
+        const double dx = b.x - a.x, dy = b.y - a.y;
+        if (dx == 0 && dy == 0) {
+            set(floorToInt64(a.x), floorToInt64(a.y));
+            return;
+        }
+        if (std::fabs(dx) >= std::fabs(dy)) {
+            if (a.x > b.x)
+                std::swap(a, b);
+            const int64_t c0 = std::max<int64_t>(floorToInt64(a.x), bx0);
+            const int64_t c1 = std::min<int64_t>(floorToInt64(b.x), bx0 + w - 1);
+            const double slope = (b.y - a.y) / (b.x - a.x);
+            for (int64_t c = c0; c <= c1; ++c) {
+                const double xc = std::clamp(double(c) + 0.5, a.x, b.x);
+                set(c, floorToInt64(a.y + (xc - a.x) * slope));
+            }
+        } else {
+            if (a.y > b.y)
+                std::swap(a, b);
+            const int64_t r0 = std::max<int64_t>(floorToInt64(a.y), by0);
+            const int64_t r1 = std::min<int64_t>(floorToInt64(b.y), by0 + h - 1);
+            const double slope = (b.x - a.x) / (b.y - a.y);
+            for (int64_t r = r0; r <= r1; ++r) {
+                const double yc = std::clamp(double(r) + 0.5, a.y, b.y);
+                set(floorToInt64(a.x + (yc - a.y) * slope), r);
+            }
+        }
+    }
+
+    // ---- images and masks -------------------------------------------------------------------
+
+    // The stretch [xa, xb) of row y whose pixel centres fall inside a w x h grid mapped by inv
+    // (device to grid), within [lo, hi).
+    static bool rowSpan(const Matrix& inv, int y, int w, int h, int lo, int hi, int& xa, int& xb) {
+        const double cy = y + 0.5;
+        const double u0 = inv.c * cy + inv.e, v0 = inv.d * cy + inv.f;
+        double tlo = lo + 0.5, thi = hi - 0.5; // centres considered
+        auto limit = [&](double a, double base, double size) {
+            // 0 <= base + a * t < size
+            if (a == 0) {
+                if (!(base >= 0 && base < size))
+                    thi = tlo - 1;
+                return;
+            }
+            double t1 = (0 - base) / a, t2 = (size - base) / a;
+            if (t1 > t2)
+                std::swap(t1, t2);
+            tlo = std::max(tlo, t1 - 1);
+            thi = std::min(thi, t2 + 1);
+        };
+        limit(inv.a, u0, w);
+        limit(inv.b, v0, h);
+        if (!(thi >= tlo))
+            return false;
+        xa = std::max(lo, clampToInt(std::floor(tlo - 0.5)));
+        xb = std::min(hi, clampToInt(std::ceil(thi - 0.5)) + 1);
+        auto inside = [&](int x) {
+            const double cx = x + 0.5;
+            const double u = inv.a * cx + u0, v = inv.b * cx + v0;
+            return u >= 0 && u < w && v >= 0 && v < h;
+        };
+        while (xa < xb && !inside(xa))
+            ++xa;
+        while (xb > xa && !inside(xb - 1))
+            --xb;
+        return xa < xb;
+    }
+
+    static int gridIndex(double v, int size) {
+        const int64_t i = floorToInt64(v);
+        return int(std::clamp<int64_t>(i, 0, size - 1));
+    }
+
+    // Page-space corners of a w x h grid mapped by m, clipped to the page and the clip.
+    IRect gridBox(const Matrix& m, int w, int h) const {
+        const std::vector<Point> corners{{0, 0}, {double(w), 0}, {0, double(h)}, {double(w), double(h)}};
+        return intersect(deviceBounds(corners, m, 1), clip.bound);
+    }
+};
+
+RasterDevice::RasterDevice(const RasterOptions& options, PageSink& sink)
+    : d(std::make_unique<Impl>(options, sink)) {}
+
+RasterDevice::~RasterDevice() = default;
+
+void RasterDevice::beginPage(const PageSpec& page) {
+    if (d->inPage)
+        endPage();
+    if (d->failed)
+        return;
+    d->geo = computePageGeometry(d->options, page);
+    d->ptd = d->geo.pageToDevice();
+    d->pageRect = {0, 0, d->geo.widthPx, d->geo.heightPx};
+    d->C = d->geo.depth == 24 ? 3 : 1;
+    d->stride = size_t(d->geo.widthPx) * d->C;
+    try {
+        d->buf.resize(d->stride * size_t(d->geo.heightPx));
+    } catch (const std::bad_alloc&) {
+        // No page can be made at this size: stop, as if the output could not be written.
+        d->buf.clear();
+        d->buf.shrink_to_fit();
+        d->failed = true;
+        return;
+    }
+    std::memset(d->buf.data(), 255, d->buf.size());
+    d->clip = ClipState{};
+    d->inPage = true;
+}
+
+void RasterDevice::endPage() {
+    if (!d->inPage)
+        return;
+    d->inPage = false;
+    if (d->failed)
+        return;
+    RasterPage& out = d->out;
+    out.width = d->geo.widthPx;
+    out.height = d->geo.heightPx;
+    out.xdpi = d->geo.xdpi;
+    out.ydpi = d->geo.ydpi;
+    bool ok = false;
+    if (d->geo.depth == 1) {
+        out.format = RasterPage::Format::Bilevel;
+        out.stride = size_t(out.width + 7) / 8;
+        out.data.resize(out.stride * size_t(out.height));
+        for (int y = 0; y < out.height; ++y)
+            raster::ditherRow(d->row(y), out.width, y, out.data.data() + size_t(y) * out.stride);
+        ok = d->sink.writePage(out);
+    } else {
+        // The page buffer already is the output: lend it to the sink and take it back.
+        out.format = d->geo.depth == 8 ? RasterPage::Format::Gray8 : RasterPage::Format::Rgb24;
+        out.stride = d->stride;
+        out.data = std::move(d->buf);
+        ok = d->sink.writePage(out);
+        d->buf = std::move(out.data);
+        out.data = {};
+    }
+    d->clip = ClipState{};
+    if (ok)
+        ++d->written;
+    else
+        d->failed = true;
+}
+
+Matrix RasterDevice::pageToDevice() const { return d->ptd; }
+
+void RasterDevice::fillPath(const Path& path, FillRule rule, const Paint& paint,
+                            const RenderState& rs) {
+    if (path.empty() || !Impl::wellFormed(path) || !d->beginCall(paint, rs))
+        return;
+    const IRect box = intersect(deviceBounds(path.points(), d->ptd, 1), d->clip.bound);
+    if (box.empty())
+        return;
+    d->rasterise(box, [&](uint8_t* data, int bstride, int x0, int y0, int w, int h) {
+        d->withCairo(data, bstride, x0, y0, w, h, [&](cairo_t* cr) {
+            d->appendPath(cr, path);
+            cairo_set_fill_rule(cr, rule == FillRule::EvenOdd ? CAIRO_FILL_RULE_EVEN_ODD
+                                                              : CAIRO_FILL_RULE_WINDING);
+            cairo_fill(cr);
+        });
+    });
+}
+
+void RasterDevice::strokePath(const Path& path, const StrokeStyle& style, const Paint& paint,
+                              const RenderState& rs) {
+    if (path.empty() || !Impl::wellFormed(path) || !d->beginCall(paint, rs))
+        return;
+    const double sx = d->geo.scaleX, sy = d->geo.scaleY;
+    const double width = std::isfinite(style.width) ? std::fabs(style.width) : 0;
+    // Lines thinner than a pixel are drawn one pixel wide, so that they never break up.
+    const bool thin = width * sx < 1 && width * sy < 1;
+
+    bool dashed = !style.dashes.empty();
+    double dashTotal = 0;
+    for (double v : style.dashes) {
+        if (!std::isfinite(v) || v < 0)
+            dashed = false;
+        else
+            dashTotal += v;
+    }
+    if (!(dashTotal > 0))
+        dashed = false;
+
+    double pad = 2;
+    if (!thin) {
+        double factor = 1;
+        if (style.join == StrokeStyle::Join::Miter && std::isfinite(style.miterLimit))
+            factor = std::max(factor, style.miterLimit);
+        if (style.cap == StrokeStyle::Cap::Square)
+            factor = std::max(factor, std::sqrt(2.0));
+        pad = std::min(width / 2 * std::max(sx, sy) * factor + 2, 1e7);
+    }
+    const IRect box = intersect(deviceBounds(path.points(), d->ptd, pad), d->clip.bound);
+    if (box.empty())
+        return;
+
+    if (thin) {
+        auto lines = d->flatten(path);
+        if (dashed)
+            lines = Impl::dash(lines, style.dashes, style.dashOffset);
+        for (auto& line : lines)
+            for (Point& p : line)
+                p = d->ptd.apply(p);
+        d->rasterise(box, [&](uint8_t* data, int bstride, int x0, int y0, int w, int h) {
+            for (const auto& line : lines) {
+                if (line.size() == 1) {
+                    Impl::plotSegment(data, bstride, x0, y0, w, h, line[0], line[0]);
+                    continue;
+                }
+                for (size_t i = 1; i < line.size(); ++i)
+                    Impl::plotSegment(data, bstride, x0, y0, w, h, line[i - 1], line[i]);
+            }
+        });
+        return;
+    }
+
+    d->rasterise(box, [&](uint8_t* data, int bstride, int x0, int y0, int w, int h) {
+        d->withCairo(data, bstride, x0, y0, w, h, [&](cairo_t* cr) {
+            d->appendPath(cr, path);
+            cairo_set_line_width(cr, width);
+            switch (style.cap) {
+            case StrokeStyle::Cap::Butt: cairo_set_line_cap(cr, CAIRO_LINE_CAP_BUTT); break;
+            case StrokeStyle::Cap::Round: cairo_set_line_cap(cr, CAIRO_LINE_CAP_ROUND); break;
+            case StrokeStyle::Cap::Square: cairo_set_line_cap(cr, CAIRO_LINE_CAP_SQUARE); break;
+            }
+            switch (style.join) {
+            case StrokeStyle::Join::Miter: cairo_set_line_join(cr, CAIRO_LINE_JOIN_MITER); break;
+            case StrokeStyle::Join::Round: cairo_set_line_join(cr, CAIRO_LINE_JOIN_ROUND); break;
+            case StrokeStyle::Join::Bevel: cairo_set_line_join(cr, CAIRO_LINE_JOIN_BEVEL); break;
+            }
+            cairo_set_miter_limit(cr, std::isfinite(style.miterLimit)
+                                          ? std::max(1.0, style.miterLimit) : 10.0);
+            if (dashed)
+                cairo_set_dash(cr, style.dashes.data(), int(style.dashes.size()),
+                               std::isfinite(style.dashOffset) ? style.dashOffset : 0);
+            cairo_stroke(cr);
+        });
+    });
+}
+
+void RasterDevice::drawImage(const Image& image, const Matrix& imageToPage, const Paint& texture,
+                             const RenderState& rs) {
+    const int iw = image.width, ih = image.height;
+    const size_t bpp = image.format == Image::Format::Gray8 ? 1 : 3;
+    if (iw <= 0 || ih <= 0 || image.stride < size_t(iw) * bpp ||
+        image.data.size() < image.stride * size_t(ih - 1) + size_t(iw) * bpp)
+        return;
+    if (!d->beginCall(texture, rs))
+        return;
+    const Matrix m = d->ptd * imageToPage;
+    const auto invOpt = m.inverted();
+    if (!invOpt)
+        return;
+    const Matrix inv = *invOpt;
+    const IRect box = d->gridBox(m, iw, ih);
+    if (box.empty())
+        return;
+
+    const int C = d->C;
+    const bool axisAligned = inv.b == 0 && inv.c == 0;
+    if (axisAligned) {
+        d->colIdx.resize(size_t(box.width()));
+        for (int x = box.x0; x < box.x1; ++x)
+            d->colIdx[size_t(x - box.x0)] = Impl::gridIndex(inv.a * (x + 0.5) + inv.e, iw);
+    }
+
+    auto fetch = [&](const uint8_t* px, uint8_t* s, uint8_t* sw) {
+        if (image.format == Image::Format::Gray8) {
+            const uint8_t g = px[0];
+            s[0] = g;
+            if (C == 3)
+                s[1] = s[2] = g;
+            *sw = g == 255;
+        } else {
+            if (C == 1)
+                s[0] = raster::luminance(px[0], px[1], px[2]);
+            else
+                std::memcpy(s, px, 3);
+            *sw = px[0] == 255 && px[1] == 255 && px[2] == 255;
+        }
+    };
+
+    for (int y = box.y0; y < box.y1; ++y) {
+        int xa, xb;
+        if (!Impl::rowSpan(inv, y, iw, ih, box.x0, box.x1, xa, xb))
+            continue;
+        const double cy = y + 0.5;
+        d->clippedRuns(y, xa, xb, [&](int a, int b) {
+            const int n = b - a;
+            d->ensureScratch(size_t(n) * C, size_t(n));
+            uint8_t* s = d->sbuf.data();
+            uint8_t* sw = d->swhite.data();
+            if (axisAligned) {
+                const int j = Impl::gridIndex(inv.d * cy + inv.f, ih);
+                const uint8_t* srow = image.data.data() + size_t(j) * image.stride;
+                const int64_t* cols = d->colIdx.data() + (a - box.x0);
+                for (int k = 0; k < n; ++k)
+                    fetch(srow + size_t(cols[k]) * bpp, s + size_t(k) * C, sw + k);
+            } else {
+                for (int k = 0; k < n; ++k) {
+                    const double cx = a + k + 0.5;
+                    const int i = Impl::gridIndex(inv.a * cx + inv.c * cy + inv.e, iw);
+                    const int j = Impl::gridIndex(inv.b * cx + inv.d * cy + inv.f, ih);
+                    fetch(image.data.data() + size_t(j) * image.stride + size_t(i) * bpp,
+                          s + size_t(k) * C, sw + k);
+                }
+            }
+            d->composite(y, a, n, s, sw);
+        });
+    }
+}
+
+void RasterDevice::fillMask(const Mask& mask, const Matrix& maskToPage, const Paint& paint,
+                            const RenderState& rs) {
+    const int mw = mask.width, mh = mask.height;
+    if (mw <= 0 || mh <= 0 || mask.stride < size_t(mw + 7) / 8 ||
+        mask.bits.size() < mask.stride * size_t(mh - 1) + size_t(mw + 7) / 8)
+        return;
+    if (!d->beginCall(paint, rs))
+        return;
+    const Matrix m = d->ptd * maskToPage;
+    const auto invOpt = m.inverted();
+    if (!invOpt)
+        return;
+    const Matrix inv = *invOpt;
+    const IRect box = d->gridBox(m, mw, mh);
+    if (box.empty())
+        return;
+
+    const bool axisAligned = inv.b == 0 && inv.c == 0;
+    if (axisAligned && nearly(inv.a, 1) && nearly(inv.d, 1)) {
+        // One mask pixel to one device pixel: find the runs of ink straight from the bits.
+        const int64_t ox = floorToInt64(0.5 + inv.e), oy = floorToInt64(0.5 + inv.f);
+        // Device x = mask column - ox.
+        const int64_t cLo = std::max<int64_t>(0, box.x0 + ox);
+        const int64_t cHi = std::min<int64_t>(mw, box.x1 + ox);
+        for (int y = box.y0; y < box.y1; ++y) {
+            const int64_t j = y + oy;
+            if (j < 0 || j >= mh)
+                continue;
+            const uint8_t* bits = mask.bits.data() + size_t(j) * mask.stride;
+            auto bit = [&](int64_t c) { return bits[c >> 3] & (0x80 >> (c & 7)); };
+            int64_t c = cLo;
+            while (c < cHi) {
+                while (c < cHi && !bit(c)) {
+                    if ((c & 7) == 0 && c + 8 <= cHi && bits[c >> 3] == 0)
+                        c += 8;
+                    else
+                        ++c;
+                }
+                const int64_t start = c;
+                while (c < cHi && bit(c)) {
+                    if ((c & 7) == 0 && c + 8 <= cHi && bits[c >> 3] == 0xFF)
+                        c += 8;
+                    else
+                        ++c;
+                }
+                if (start < c)
+                    d->clippedRuns(y, int(start - ox), int(c - ox), [&](int a, int b) {
+                        d->composite(y, a, b - a, nullptr, nullptr);
+                    });
+            }
+        }
+        return;
+    }
+
+    if (axisAligned) {
+        d->colIdx.resize(size_t(box.width()));
+        for (int x = box.x0; x < box.x1; ++x)
+            d->colIdx[size_t(x - box.x0)] = Impl::gridIndex(inv.a * (x + 0.5) + inv.e, mw);
+    }
+    d->cov.resize(size_t(box.width()));
+    for (int y = box.y0; y < box.y1; ++y) {
+        int xa, xb;
+        if (!Impl::rowSpan(inv, y, mw, mh, box.x0, box.x1, xa, xb))
+            continue;
+        const double cy = y + 0.5;
+        uint8_t* cov = d->cov.data();
+        if (axisAligned) {
+            const int j = Impl::gridIndex(inv.d * cy + inv.f, mh);
+            const uint8_t* bits = mask.bits.data() + size_t(j) * mask.stride;
+            for (int x = xa; x < xb; ++x) {
+                const int64_t i = d->colIdx[size_t(x - box.x0)];
+                cov[x - xa] = (bits[i >> 3] & (0x80 >> (i & 7))) ? 0xFF : 0;
+            }
+        } else {
+            for (int x = xa; x < xb; ++x) {
+                const double cx = x + 0.5;
+                const int i = Impl::gridIndex(inv.a * cx + inv.c * cy + inv.e, mw);
+                const int j = Impl::gridIndex(inv.b * cx + inv.d * cy + inv.f, mh);
+                const uint8_t* bits = mask.bits.data() + size_t(j) * mask.stride;
+                cov[x - xa] = (bits[i >> 3] & (0x80 >> (i & 7))) ? 0xFF : 0;
+            }
+        }
+        d->compositeCoverage(y, xa, cov, xb - xa);
+    }
+}
+
+int RasterDevice::pagesWritten() const { return d->written; }
+
+bool RasterDevice::sinkFailed() const { return d->failed; }
+
+} // namespace qx
