@@ -132,14 +132,24 @@ gs_pair() {
     local ext=pcl
     [ "$kind" = pclxl ] && ext=pxl
     local base="${src}_${dev}_${dpi}"
+    # The page-range filter keeps the LaserJet 5 drivers from writing their stream header, so
+    # they get whole documents (the reference too).
+    local gsargs=("${GS[@]}")
+    case $dev in lj5*) gsargs=(gs -q -dNOPAUSE -dBATCH -dSAFER) ;; esac
     local in="$kind/$base.$ext"
     # Produce the printer file, and learn the printable area the driver clipped to.
     local margins
-    margins=$("${GS[@]}" -sDEVICE="$dev" -r"$dpi" "$@" -sOutputFile="$OUT/$in" \
+    margins=$("${gsargs[@]}" -sDEVICE="$dev" -r"$dpi" "$@" -sOutputFile="$OUT/$in" \
         -f "$SRC/$src.ps" -c "(@@MARGINS ) print currentpagedevice /.HWMargins get ==" 2>/dev/null |
         sed -n 's/^@@MARGINS //p' | tail -1)
     if [ ! -s "$OUT/$in" ]; then
         log "skipped $in: $dev made nothing"
+        rm -f "$OUT/$in"
+        return 0
+    fi
+    # Some drivers lose the PCL XL stream header when the resolution is not their own.
+    if [ "$kind" = pclxl ] && ! head -c 4096 "$OUT/$in" | grep -aq 'HP-PCL XL;'; then
+        log "skipped $in: $dev wrote no PCL XL stream header at $dpi dpi"
         rm -f "$OUT/$in"
         return 0
     fi
@@ -148,7 +158,7 @@ gs_pair() {
         return 0
     fi
     local ref="ref/$base.tif"
-    "${GS[@]}" -sDEVICE="$refdev" -r"$dpi" "$@" -sCompression="$(ref_compression "$refdev")" -sOutputFile="$OUT/$ref" \
+    "${gsargs[@]}" -sDEVICE="$refdev" -r"$dpi" "$@" -sCompression="$(ref_compression "$refdev")" -sOutputFile="$OUT/$ref" \
         -c "<< /.HWMargins ${margins:-[0 0 0 0]} >> setpagedevice" -f "$SRC/$src.ps" 2>/dev/null
     local pages
     pages=$(tiff_pages "$OUT/$ref")
@@ -188,8 +198,9 @@ gs_pair pclxl pxlcolor 300 rainbow tiff24nc $RXL
 gs_pair pclxl pxlcolor 600 gnu tiff24nc $RXL
 gs_pair pclxl pxlcolor 600 penguin tiff24nc $RXL
 gs_pair pclxl pxlcolor 300 tiger tiff24nc $RXL
-gs_pair pclxl lj5mono 300 text tiffgray $RXL
-gs_pair pclxl lj5gray 300 penguin tiffgray $RXL
+# The LaserJet 5 drivers write a complete stream only at their own 600 dpi.
+gs_pair pclxl lj5mono 600 gnu tiffg4 $RXL
+gs_pair pclxl lj5gray 600 penguin tiffgray $RXL
 
 # ---------------------------------------------------------------------------------------------
 # PCL XL raster from pnmtopclxl: a picture on a Letter page, 1 inch from the top-left corner.
