@@ -1,0 +1,5 @@
+#!/bin/sh
+# Regenerates the small PCL fixtures of the engine tests from fixtures.ps with Ghostscript.
+set -e
+cd "$(dirname "$0")"
+gs -q -dNOPAUSE -dBATCH -dSAFER -sDEVICE=ljet4 -r75 -sOutputFile=two_pages_ljet4_75dpi.pcl fixtures.ps
