@@ -6,6 +6,7 @@
 #include <cairo.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <new>
@@ -55,9 +56,17 @@ void ditherRow(const uint8_t* grey, int width, int y, uint8_t* bits) {
                 continue;
             }
         }
-        const int n = std::min(8, width - x);
+        if (x + 8 <= width) {
+            // Without branches: mixed greys are as unpredictable as the picture.
+            const uint8_t* t = thr + (x & 15);
+            unsigned b = 0;
+            for (int i = 0; i < 8; ++i)
+                b = (b << 1) | unsigned(grey[x + i] < t[i]);
+            bits[bx] = static_cast<uint8_t>(b);
+            continue;
+        }
         uint8_t b = 0;
-        for (int i = 0; i < n; ++i)
+        for (int i = 0; x + i < width; ++i)
             if (grey[x + i] < thr[(x + i) & 15])
                 b |= static_cast<uint8_t>(0x80 >> i);
         bits[bx] = b;
@@ -783,6 +792,58 @@ struct RasterDevice::Impl {
 
     // ---- images and masks -------------------------------------------------------------------
 
+    // The common case of monochrome raster and glyph bitmaps on a grey page: mask pixels map
+    // one to one onto device pixels (device x = column - ox, y = row - oy), the clip is a
+    // rectangle and the result is one grey value. Eight pixels at a time, with a table that
+    // widens each mask byte into a byte mask.
+    void stampUnitMask(const Mask& mask, const IRect& box, int64_t ox, int64_t oy, int64_t cLo,
+                       int64_t cHi) {
+        static const auto widen = [] {
+            std::array<uint64_t, 256> t{};
+            for (int b = 0; b < 256; ++b)
+                for (int i = 0; i < 8; ++i)
+                    if (b & (0x80 >> i))
+                        t[b] |= uint64_t(0xFF) << (8 * i); // little-endian byte i = pixel i
+            return t;
+        }();
+        const uint8_t v = constOut[0];
+        const uint64_t fill = 0x0101010101010101ULL * v;
+        // Columns inside the clip rectangle and the mask.
+        cLo = std::max<int64_t>(cLo, clip.bound.x0 + ox);
+        cHi = std::min<int64_t>(cHi, clip.bound.x1 + ox);
+        const int y0 = std::max(box.y0, clip.bound.y0), y1 = std::min(box.y1, clip.bound.y1);
+        if (cLo >= cHi)
+            return;
+        for (int y = y0; y < y1; ++y) {
+            const int64_t j = y + oy;
+            if (j < 0 || j >= mask.height)
+                continue;
+            const uint8_t* bits = mask.bits.data() + size_t(j) * mask.stride;
+            uint8_t* D = row(y) - ox; // D[c] is the pixel under mask column c
+            int64_t c = cLo;
+            for (; c < cHi && (c & 7); ++c)
+                if (bits[c >> 3] & (0x80 >> (c & 7)))
+                    D[c] = v;
+            for (; c + 8 <= cHi; c += 8) {
+                const uint8_t b = bits[c >> 3];
+                if (b == 0)
+                    continue;
+                if (b == 0xFF) {
+                    std::memcpy(D + c, &fill, 8);
+                    continue;
+                }
+                const uint64_t m = widen[b];
+                uint64_t dv;
+                std::memcpy(&dv, D + c, 8);
+                dv = (dv & ~m) | (fill & m);
+                std::memcpy(D + c, &dv, 8);
+            }
+            for (; c < cHi; ++c)
+                if (bits[c >> 3] & (0x80 >> (c & 7)))
+                    D[c] = v;
+        }
+    }
+
     // The stretch [xa, xb) of row y whose pixel centres fall inside a w x h grid mapped by inv
     // (device to grid), within [lo, hi).
     static bool rowSpan(const Matrix& inv, int y, int w, int h, int lo, int hi, int& xa, int& xb) {
@@ -1088,6 +1149,10 @@ void RasterDevice::fillMask(const Mask& mask, const Matrix& maskToPage, const Pa
         // Device x = mask column - ox.
         const int64_t cLo = std::max<int64_t>(0, box.x0 + ox);
         const int64_t cHi = std::min<int64_t>(mw, box.x1 + ox);
+        if (d->C == 1 && d->clip.rect && d->tex.solid && !d->constUsesDest) {
+            d->stampUnitMask(mask, box, ox, oy, cLo, cHi);
+            return;
+        }
         for (int y = box.y0; y < box.y1; ++y) {
             const int64_t j = y + oy;
             if (j < 0 || j >= mh)
