@@ -641,6 +641,34 @@ private slots:
         QCOMPARE(runCount(), 0);
     }
 
+    void engineVanishingMidBatchStallsUntilStop()
+    {
+        const QString a = m_tmp.filePath("vanishengine/a.pcl");
+        const QString b = m_tmp.filePath("vanishengine/b.pcl");
+        makeFile(a);
+        makeFile(b);
+        hold("a.pcl");
+        MainWindow w;
+        bringUp(w);
+        addFiles(w, {a, b});
+        outEdit(w)->setText(m_out);
+        press(w);
+        QTRY_COMPARE(runCount(), 1);
+        // The running script has been read by its shell; removing the file does not stop it.
+        QVERIFY(QFile::remove(enginePath()));
+        release("a.pcl");
+        QTRY_VERIFY(readRuns().first().finished);
+        QTest::qWait(300);
+        checkRunning(w);  // the chain stopped silently
+        QCOMPARE(bar(w)->value(), 1);
+        QCOMPARE(runCount(), 1);
+        int hits = -1;
+        press(w, &hits);
+        QCOMPARE(hits, 0);
+        checkIdle(w);
+        QCOMPARE(bar(w)->value(), 0);
+    }
+
     void editingIsGatedWhileRunning()
     {
         const QString a = m_tmp.filePath("gate/a.pcl");
