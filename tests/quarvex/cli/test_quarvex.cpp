@@ -31,6 +31,8 @@ namespace {
 
 const std::string kQuarvex = std::string(QX_STAGE_DIR) + "/bin/quarvex";
 const std::string kTwoPages = std::string(QX_TEST_DATA_DIR) + "/two_pages_ljet4_75dpi.pcl";
+// Two Letter pages in PCL XL at 75 dpi wrapped in PJL: a black square, then a grey one.
+const std::string kTwoPagesXl = std::string(QX_TEST_DATA_DIR) + "/two_pages_pxlmono_75dpi.pxl";
 const std::string UEL = "\x1b%-12345X";
 
 struct Result {
@@ -137,7 +139,7 @@ struct TiffInfo {
     bool hasDateTime = false;
 };
 
-[[maybe_unused]] TiffInfo readTiff(const fs::path& path) {
+TiffInfo readTiff(const fs::path& path) {
     TiffInfo info;
     TIFF* t = TIFFOpen(path.c_str(), "r");
     if (!t)
@@ -341,4 +343,207 @@ TEST(Quarvex, ExistingOutputSurvivesAFailedRun) {
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(readFile(out), "previous result");
     EXPECT_EQ(entries(dir), 2u);
+}
+
+// ---- Conversions that produce pages ----
+
+TEST(QuarvexConversion, DefaultsGiveRgbDeflateAtTheJobsResolution) {
+    const fs::path dir = freshDir("convert");
+    const fs::path out = dir / "two.tif";
+    const Result r = run({"-o", out.string(), "-i", kTwoPagesXl});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(r.err.empty()) << r.err;
+    const TiffInfo t = readTiff(out);
+    EXPECT_EQ(t.pages, 2);
+    EXPECT_EQ(t.pageTotal, 2);
+    EXPECT_EQ(t.width, 638u); // 8.5 x 11 inches at 75 dpi
+    EXPECT_EQ(t.height, 825u);
+    EXPECT_EQ(t.bits, 8);
+    EXPECT_EQ(t.samples, 3);
+    EXPECT_EQ(t.photometric, PHOTOMETRIC_RGB);
+    EXPECT_EQ(t.compression, COMPRESSION_ADOBE_DEFLATE);
+    EXPECT_FLOAT_EQ(t.xres, 75.f);
+    EXPECT_FLOAT_EQ(t.yres, 75.f);
+    EXPECT_EQ(t.software, std::string("quarvex ") + QX_EXPECTED_VERSION);
+    EXPECT_FALSE(t.hasDateTime);
+    EXPECT_EQ(entries(dir), 1u) << "no temporary file left";
+}
+
+TEST(QuarvexConversion, EveryDepthWithEveryCompression) {
+    const fs::path dir = freshDir("matrix");
+    const std::pair<int, uint16_t> compressions[] = {
+        {0, COMPRESSION_NONE},      {1, COMPRESSION_PACKBITS},  {2, COMPRESSION_LZW},
+        {3, COMPRESSION_LZW},       {4, COMPRESSION_CCITTFAX3}, {5, COMPRESSION_CCITTFAX3},
+        {6, COMPRESSION_ADOBE_DEFLATE}, {7, COMPRESSION_CCITTFAX4}};
+    for (int b : {1, 8, 24}) {
+        for (const auto& [c, tag] : compressions) {
+            if (b != 1 && (c == 4 || c == 5 || c == 7))
+                continue;
+            SCOPED_TRACE("-b " + std::to_string(b) + " -c " + std::to_string(c));
+            const fs::path out = dir / ("b" + std::to_string(b) + "c" + std::to_string(c) + ".tif");
+            const Result r = run({"-b", std::to_string(b), "-c", std::to_string(c), "-o", out.string(), "-i", kTwoPagesXl});
+            EXPECT_EQ(r.status, 0) << r.err;
+            const TiffInfo t = readTiff(out);
+            EXPECT_EQ(t.pages, 2);
+            EXPECT_EQ(t.compression, tag);
+            EXPECT_EQ(t.bits, b == 1 ? 1 : 8);
+            EXPECT_EQ(t.samples, b == 24 ? 3 : 1);
+            EXPECT_EQ(t.photometric, b == 1 ? PHOTOMETRIC_MINISWHITE : b == 8 ? PHOTOMETRIC_MINISBLACK : PHOTOMETRIC_RGB);
+        }
+    }
+}
+
+TEST(QuarvexConversion, ResolutionAndPageSize) {
+    const fs::path dir = freshDir("sizes");
+    const fs::path a = dir / "a.tif", b = dir / "b.tif", c = dir / "c.tif";
+    EXPECT_EQ(run({"-r", "150x100", "-o", a.string(), "-i", kTwoPagesXl}).status, 0);
+    TiffInfo t = readTiff(a);
+    EXPECT_EQ(t.width, 1275u);
+    EXPECT_EQ(t.height, 1100u);
+    EXPECT_FLOAT_EQ(t.xres, 150.f);
+    EXPECT_FLOAT_EQ(t.yres, 100.f);
+
+    EXPECT_EQ(run({"-gw", "300", "-gh", "200", "-o", b.string(), "-i", kTwoPagesXl}).status, 0);
+    t = readTiff(b);
+    EXPECT_EQ(t.width, 300u);
+    EXPECT_EQ(t.height, 200u);
+
+    EXPECT_EQ(run({"-gw", "425", "-o", c.string(), "-i", kTwoPagesXl}).status, 0);
+    t = readTiff(c);
+    EXPECT_EQ(t.width, 425u);
+    EXPECT_NEAR(static_cast<double>(t.height), 550.0, 1.0) << "the height follows the page's proportions";
+}
+
+TEST(QuarvexConversion, FaxTiff) {
+    const fs::path dir = freshDir("fax");
+    const fs::path fine = dir / "fine.tif", normal = dir / "normal.tif";
+    const Result r = run({"-faxtif", "1", "-b", "1", "-c", "7", "-o", fine.string(), "-i", kTwoPagesXl});
+    EXPECT_EQ(r.status, 0) << r.err;
+    TiffInfo t = readTiff(fine);
+    EXPECT_EQ(t.pages, 2);
+    EXPECT_EQ(t.width, 1728u);
+    EXPECT_EQ(t.bits, 1);
+    EXPECT_EQ(t.photometric, PHOTOMETRIC_MINISWHITE);
+    EXPECT_EQ(t.compression, COMPRESSION_CCITTFAX4);
+    EXPECT_FLOAT_EQ(t.xres, 204.f);
+    EXPECT_FLOAT_EQ(t.yres, 196.f);
+    EXPECT_NEAR(static_cast<double>(t.height), 11 * 196.0, 2.0);
+
+    // Ignored options are named, each with a warning, and the status says so.
+    const Result w = run({"-faxtif", "0", "-b", "24", "-r", "600x600", "-c", "6", "-o", normal.string(), "-i", kTwoPagesXl});
+    EXPECT_EQ(w.status, 3) << w.err;
+    EXPECT_EQ(w.errLines().size(), 3u) << w.err;
+    EXPECT_NE(w.err.find("-b 24"), std::string::npos) << w.err;
+    EXPECT_NE(w.err.find("-r 600x600"), std::string::npos) << w.err;
+    EXPECT_NE(w.err.find("-c 6"), std::string::npos) << w.err;
+    t = readTiff(normal);
+    EXPECT_EQ(t.width, 1728u);
+    EXPECT_EQ(t.compression, COMPRESSION_CCITTFAX3);
+    EXPECT_FLOAT_EQ(t.yres, 98.f);
+}
+
+TEST(QuarvexConversion, SameInputGivesTheSameBytes) {
+    const fs::path dir = freshDir("determinism");
+    for (const std::vector<std::string>& opts : std::vector<std::vector<std::string>>{
+             {}, {"-b", "1", "-c", "5"}, {"-b", "8", "-c", "3"}, {"-faxtif", "0"}}) {
+        std::vector<std::string> a = opts, b = opts;
+        a.insert(a.end(), {"-o", (dir / "a.tif").string(), "-i", kTwoPagesXl});
+        b.insert(b.end(), {"-o", (dir / "b.tif").string(), "-i", kTwoPagesXl});
+        ASSERT_EQ(run(a).status, 0);
+        ASSERT_EQ(run(b).status, 0);
+        const std::string first = readFile(dir / "a.tif");
+        EXPECT_FALSE(first.empty());
+        EXPECT_TRUE(first == readFile(dir / "b.tif"));
+    }
+}
+
+TEST(QuarvexConversion, WriteLocalPutsTheOutputBesideTheInput) {
+    const fs::path dir = freshDir("local");
+    const fs::path input = dir / "job.pxl";
+    fs::copy_file(kTwoPagesXl, input);
+    const Result r = run({"-writelocal", "y", "-o", "/no/such/folder/result.tif", "-i", input.string()});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(readTiff(dir / "result.tif").pages, 2);
+    EXPECT_EQ(entries(dir), 2u);
+}
+
+TEST(QuarvexConversion, AnExistingOutputIsReplaced) {
+    const fs::path dir = freshDir("replace");
+    const fs::path out = dir / "x.tif";
+    writeFile(out, "previous result");
+    const Result r = run({"-o", out.string(), "-i", kTwoPagesXl});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(readTiff(out).pages, 2);
+    EXPECT_EQ(entries(dir), 1u);
+}
+
+TEST(QuarvexConversion, SeveralJobsInOneFile) {
+    const fs::path dir = freshDir("jobs");
+    const std::string xl = readFile(kTwoPagesXl);
+    writeFile(dir / "twice.prn", xl + xl);
+    const Result r = run({"-o", (dir / "twice.tif").string(), "-i", (dir / "twice.prn").string()});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(readTiff(dir / "twice.tif").pages, 4);
+
+    // A PostScript job among them is skipped, with a warning, and the rest is converted.
+    writeFile(dir / "mixed.prn", xl + UEL + "@PJL ENTER LANGUAGE=POSTSCRIPT\n%!PS\nshowpage\n" + xl);
+    const Result m = run({"-o", (dir / "mixed.tif").string(), "-i", (dir / "mixed.prn").string()});
+    EXPECT_EQ(m.status, 3) << m.err;
+    EXPECT_NE(m.err.find("PostScript"), std::string::npos) << m.err;
+    EXPECT_EQ(readTiff(dir / "mixed.tif").pages, 4);
+}
+
+TEST(QuarvexConversion, TruncatedInputIsWrittenWithWarnings) {
+    const fs::path dir = freshDir("truncated");
+    const std::string xl = readFile(kTwoPagesXl);
+    // Cut inside the second page: the first page is whole.
+    const std::string cut = xl.substr(0, xl.size() - 60);
+    writeFile(dir / "cut.pxl", cut);
+    const Result r = run({"-o", (dir / "cut.tif").string(), "-i", (dir / "cut.pxl").string()});
+    EXPECT_EQ(r.status, 3) << r.err;
+    ASSERT_FALSE(r.errLines().empty());
+    EXPECT_EQ(r.errLines()[0].rfind("quarvex: " + (dir / "cut.pxl").string() + ": ", 0), 0u) << r.err;
+    EXPECT_GE(readTiff(dir / "cut.tif").pages, 1);
+}
+
+TEST(QuarvexConversion, AFailedWriteLeavesNothing) {
+    const fs::path dir = freshDir("full");
+    const fs::path out = dir / "x.tif";
+    // Files may grow to 20 KB only, as on a full disk; an uncompressed RGB page needs 1.5 MB.
+    const Result r = run({"-c", "0", "-o", out.string(), "-i", kTwoPagesXl}, 20000);
+    EXPECT_EQ(r.status, 1) << r.err;
+    EXPECT_NE(r.err.find("cannot write " + out.string()), std::string::npos) << r.err;
+    EXPECT_EQ(entries(dir), 0u);
+}
+
+TEST(QuarvexConversion, AKilledRunLeavesNothing) {
+    const fs::path dir = freshDir("killed");
+    const fs::path input = dir / "long.prn";
+    const std::string xl = readFile(kTwoPagesXl);
+    std::string many;
+    for (int i = 0; i < 200; ++i)
+        many += xl;
+    writeFile(input, many);
+    const fs::path outDir = freshDir("killed_out");
+    const fs::path out = outDir / "long.tif";
+    writeFile(out, "previous result");
+
+    const fs::path logs = freshDir("killed_logs");
+    const Child c = start({"-r", "600x600", "-c", "3", "-o", out.string(), "-i", input.string()}, logs);
+    // Wait until the conversion is writing its temporary file, then stop it.
+    bool writing = false;
+    for (int i = 0; i < 6000 && !writing; ++i) {
+        for (const auto& e : fs::directory_iterator(outDir)) {
+            if (e.path().filename().string()[0] == '.' && fs::file_size(e.path()) > 0)
+                writing = true;
+        }
+        if (!writing)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_TRUE(writing);
+    ::kill(c.pid, SIGTERM);
+    const Result r = finish(c);
+    EXPECT_EQ(r.signal, SIGTERM) << r.err;
+    EXPECT_EQ(entries(outDir), 1u) << "the temporary file is gone";
+    EXPECT_EQ(readFile(out), "previous result") << "the old output is untouched";
 }

@@ -3,3 +3,4 @@
 set -e
 cd "$(dirname "$0")"
 gs -q -dNOPAUSE -dBATCH -dSAFER -sDEVICE=ljet4 -r75 -sOutputFile=two_pages_ljet4_75dpi.pcl fixtures.ps
+gs -q -dNOPAUSE -dBATCH -dSAFER -sDEVICE=pxlmono -r75 -sOutputFile=two_pages_pxlmono_75dpi.pxl fixtures.ps
