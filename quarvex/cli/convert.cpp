@@ -55,6 +55,12 @@ public:
             ::close(fd);
             return false;
         }
+        // Devices would be read forever (/dev/zero); pipes end when their writer is done.
+        if (!S_ISREG(st.st_mode) && !S_ISFIFO(st.st_mode)) {
+            message = "the input is not a file";
+            ::close(fd);
+            return false;
+        }
         bool ok = true;
         if (S_ISREG(st.st_mode) && st.st_size > 0) {
             m_size = static_cast<size_t>(st.st_size);
@@ -183,7 +189,7 @@ int convert(const Options& options) {
 
     if (sinkFailed || !writer.error().empty()) {
         diag.error("cannot write " + output + ": " +
-                   (writer.error().empty() ? std::string("the page could not be stored") : writer.error()));
+                   (writer.error().empty() ? std::string("not enough memory for a page of this size") : writer.error()));
         return kNothingWritten;
     }
     if (writer.pageCount() == 0) {

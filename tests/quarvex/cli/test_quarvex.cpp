@@ -241,6 +241,26 @@ TEST(Quarvex, FolderAsInput) {
     expectNothingWritten(run({"-o", (out / "x.tif").string(), "-i", dir.string()}), dir.string(), out, "folder");
 }
 
+TEST(Quarvex, DeviceAsInput) {
+    const fs::path out = freshDir("device_out");
+    expectNothingWritten(run({"-o", (out / "x.tif").string(), "-i", "/dev/zero"}), "/dev/zero", out, "not a file");
+}
+
+TEST(Quarvex, InputFromAPipe) {
+    const fs::path dir = freshDir("pipe");
+    const fs::path fifo = dir / "job.fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    const fs::path out = dir / "x.tif";
+    std::thread feeder([&] {
+        std::ofstream f(fifo, std::ios::binary);
+        f << readFile(kTwoPagesXl);
+    });
+    const Result r = run({"-o", out.string(), "-i", fifo.string()});
+    feeder.join();
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(readTiff(out).pages, 2);
+}
+
 TEST(Quarvex, UnreadableInput) {
     if (::geteuid() == 0)
         GTEST_SKIP() << "running as root, which reads files whatever their mode; "
