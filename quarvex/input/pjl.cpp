@@ -175,18 +175,23 @@ PjlState::Lines PjlState::parseLines(const uint8_t* data, size_t size, size_t po
                 result.end = size;
             break;
         }
-        const void* lf = std::memchr(data + q, '\n', size - q);
-        const size_t lineEnd = lf ? static_cast<size_t>(static_cast<const uint8_t*>(lf) - data) : size;
-        // A PJL line ends at its line feed; an escape inside it (a UEL with no line end before
-        // it) ends it too.
-        const void* esc = std::memchr(data + q, 0x1b, lineEnd - q);
-        const size_t textEnd = esc ? static_cast<size_t>(static_cast<const uint8_t*>(esc) - data) : lineEnd;
+        // A PJL line ends at its line feed, or at a carriage return that no line feed follows;
+        // an escape inside it (a UEL with no line end before it) ends it too.
+        size_t textEnd = q;
+        while (textEnd < size && data[textEnd] != '\n' && data[textEnd] != '\r' && data[textEnd] != 0x1b)
+            ++textEnd;
+        size_t next = textEnd;
+        if (next < size && data[next] == '\r')
+            ++next;
+        if (next < size && data[next] == '\n')
+            ++next;
+        const bool esc = textEnd < size && data[textEnd] == 0x1b;
         // Only the first few kilobytes of a line matter; the rest is skipped, not copied.
         const size_t keep = std::min<size_t>(textEnd - q, 4096);
         const std::string_view line(reinterpret_cast<const char*>(data + q), keep);
         ++result.commands;
         const std::string language = apply(line);
-        p = esc ? textEnd : (lf ? lineEnd + 1 : size);
+        p = esc ? textEnd : next;
         result.end = p;
         if (!language.empty()) {
             result.language = language;

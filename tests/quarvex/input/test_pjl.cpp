@@ -122,3 +122,12 @@ TEST(Pjl, AHugeLineIsSkippedWithoutTrouble) {
     EXPECT_EQ(lines.end, s.size());
     EXPECT_EQ(pjl.current().paper, "A4");
 }
+
+TEST(Pjl, CarriageReturnAloneEndsALine) {
+    PjlState pjl;
+    const std::string s = "@PJL SET PAPER=A4\r@PJL ENTER LANGUAGE=PCLXL\r) HP-PCL XL;2;0\n";
+    const auto lines = parse(pjl, s);
+    EXPECT_EQ(pjl.current().paper, "A4");
+    EXPECT_EQ(lines.language, "PCLXL");
+    EXPECT_EQ(lines.end, s.find(')'));
+}
