@@ -20,6 +20,9 @@
 
 namespace {
 
+// Upper limit for waiting on child processes; a busy machine can be slow to start them.
+constexpr int kWait = 30000;
+
 // Holds back the run for input file <name> while <dir>/hold-<name> exists.
 const char kStandIn[] = R"SH(#!/bin/sh
 dir=$(dirname "$0")
@@ -225,7 +228,7 @@ class TestRunner : public QObject {
 
     static void waitIdle(MainWindow& w)
     {
-        QTRY_COMPARE_WITH_TIMEOUT(convertButton(w)->text(), QStringLiteral("Convert"), 30000);
+        QTRY_COMPARE_WITH_TIMEOUT(convertButton(w)->text(), QStringLiteral("Convert"), kWait);
     }
 
     // Runs one file with the stored options as they are; returns the run the engine saw.
@@ -348,17 +351,17 @@ private slots:
         QCOMPARE(table(w)->selectionModel()->selectedRows().first().row(), 0);
         // Saved as soon as the batch starts.
         QCOMPARE(settingValue("/SettingInfo/OutputFolder"), m_out);
-        QTRY_COMPARE(runCount(), 1);
+        QTRY_COMPARE_WITH_TIMEOUT(runCount(), 1, kWait);
 
         release("a.pcl");
-        QTRY_COMPARE(bar(w)->value(), 2);
+        QTRY_COMPARE_WITH_TIMEOUT(bar(w)->value(), 2, kWait);
         QCOMPARE(table(w)->currentRow(), 1);
         QCOMPARE(table(w)->currentColumn(), 1);
         checkRunning(w);
-        QTRY_COMPARE(runCount(), 2);
+        QTRY_COMPARE_WITH_TIMEOUT(runCount(), 2, kWait);
 
         release("b.pxl");
-        QTRY_COMPARE(bar(w)->value(), 3);
+        QTRY_COMPARE_WITH_TIMEOUT(bar(w)->value(), 3, kWait);
         QCOMPARE(table(w)->currentRow(), 2);
         checkRunning(w);
 
@@ -489,7 +492,7 @@ private slots:
         addFiles(w, {a, b});
         outEdit(w)->setText(m_out);
         press(w);
-        QTRY_COMPARE(runCount(), 1);
+        QTRY_COMPARE_WITH_TIMEOUT(runCount(), 1, kWait);
         // Changed while the first file runs: the second file gets both changes.
         outEdit(w)->setText(other);
         writeSettings({{"BitCount", "2"}, {"CompressMethod", "1"}});
@@ -516,7 +519,7 @@ private slots:
         addFiles(w, inputs);
         outEdit(w)->setText(m_out);
         press(w);
-        QTRY_COMPARE(runCount(), 2);
+        QTRY_COMPARE_WITH_TIMEOUT(runCount(), 2, kWait);
         QCOMPARE(bar(w)->value(), 2);
         checkRunning(w);
 
@@ -560,7 +563,7 @@ private slots:
         addFiles(w, {a});
         outEdit(w)->setText(folder);
         press(w);
-        QTRY_COMPARE(runCount(), 1);
+        QTRY_COMPARE_WITH_TIMEOUT(runCount(), 1, kWait);
         QVERIFY(QDir(folder).removeRecursively());
 
         int hits = 0;
@@ -653,11 +656,11 @@ private slots:
         addFiles(w, {a, b});
         outEdit(w)->setText(m_out);
         press(w);
-        QTRY_COMPARE(runCount(), 1);
+        QTRY_COMPARE_WITH_TIMEOUT(runCount(), 1, kWait);
         // The running script has been read by its shell; removing the file does not stop it.
         QVERIFY(QFile::remove(enginePath()));
         release("a.pcl");
-        QTRY_VERIFY(readRuns().first().finished);
+        QTRY_VERIFY_WITH_TIMEOUT(readRuns().first().finished, kWait);
         QTest::qWait(300);
         checkRunning(w);  // the chain stopped silently
         QCOMPARE(bar(w)->value(), 1);
@@ -681,7 +684,7 @@ private slots:
         addFiles(w, {a, b});
         outEdit(w)->setText(m_out);
         press(w);
-        QTRY_COMPARE(runCount(), 1);
+        QTRY_COMPARE_WITH_TIMEOUT(runCount(), 1, kWait);
 
         // Add, Remove, Clear and the folder button do nothing; they stay enabled.
         {
