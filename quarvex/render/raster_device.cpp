@@ -346,7 +346,14 @@ struct RasterDevice::Impl {
             for (int r = 0; r < bh; ++r) {
                 const uint8_t* src = band.data() + size_t(r) * bstride;
                 uint8_t* dst = clip.bits.data() + size_t(by - box.y0 + r) * clip.stride;
-                for (int x = 0; x < w; ++x)
+                int x = 0;
+                for (; x + 8 <= w; x += 8) {
+                    unsigned b = 0;
+                    for (int i = 0; i < 8; ++i)
+                        b = (b << 1) | unsigned(src[x + i] != 0);
+                    dst[x >> 3] = uint8_t(b);
+                }
+                for (; x < w; ++x)
                     if (src[x])
                         dst[x >> 3] |= static_cast<uint8_t>(0x80 >> (x & 7));
             }
@@ -357,16 +364,25 @@ struct RasterDevice::Impl {
         size_t count = 0;
         for (int y = box.y0; y < box.y1; ++y) {
             const uint8_t* bits = clip.bits.data() + size_t(y - box.y0) * clip.stride;
-            for (int x = box.x0; x < box.x1; ++x) {
-                const int ix = x - box.x0;
-                if (bits[ix >> 3] & (0x80 >> (ix & 7))) {
-                    ++count;
-                    tight.x0 = std::min(tight.x0, x);
-                    tight.x1 = std::max(tight.x1, x + 1);
-                    tight.y0 = std::min(tight.y0, y);
-                    tight.y1 = std::max(tight.y1, y + 1);
-                }
+            size_t first = clip.stride, last = 0;
+            for (size_t i = 0; i < clip.stride; ++i) {
+                if (!bits[i])
+                    continue;
+                count += size_t(__builtin_popcount(bits[i]));
+                first = std::min(first, i);
+                last = i;
             }
+            if (first == clip.stride)
+                continue;
+            int lo = int(first) * 8, hi = int(last) * 8 + 8;
+            while (!(bits[lo >> 3] & (0x80 >> (lo & 7))))
+                ++lo;
+            while (!(bits[(hi - 1) >> 3] & (0x80 >> ((hi - 1) & 7))))
+                --hi;
+            tight.x0 = std::min(tight.x0, box.x0 + lo);
+            tight.x1 = std::max(tight.x1, box.x0 + hi);
+            tight.y0 = std::min(tight.y0, y);
+            tight.y1 = std::max(tight.y1, y + 1);
         }
         if (count == 0) {
             clip.empty = true;
@@ -490,23 +506,34 @@ struct RasterDevice::Impl {
             const uint8_t* prow = tex.pix + size_t(j) * w * C;
             const uint8_t* wrow = tex.white + size_t(j) * w;
             int64_t i = floorMod(x0 + tex.ox, w);
-            for (int k = 0; k < n; ++k) {
-                if (C == 1)
-                    t[k] = prow[i];
-                else
-                    std::memcpy(t + size_t(k) * 3, prow + size_t(i) * 3, 3);
-                tw[k] = wrow[i];
-                if (++i == w)
-                    i = 0;
+            for (int k = 0; k < n;) {
+                const int len = int(std::min<int64_t>(n - k, w - i));
+                std::memcpy(t + size_t(k) * C, prow + size_t(i) * C, size_t(len) * C);
+                std::memcpy(tw + k, wrow + i, size_t(len));
+                k += len;
+                i = 0;
             }
             return;
         }
+        // Walk the tile along the row: tile coordinates kept within the tile, one step a pixel.
         const Matrix& m = tex.inv;
-        const double cy = y + 0.5;
+        auto wrap = [](double v, double size) {
+            double r = std::fmod(v, size);
+            if (r < 0)
+                r += size;
+            return r >= size ? 0.0 : r;
+        };
+        const double cx = x0 + 0.5, cy = y + 0.5;
+        double u = wrap(m.a * cx + m.c * cy + m.e, w), v = wrap(m.b * cx + m.d * cy + m.f, h);
+        const double du = wrap(m.a, w), dv = wrap(m.b, h);
         for (int k = 0; k < n; ++k) {
-            const double cx = x0 + k + 0.5;
-            const int64_t i = floorMod(floorToInt64(m.a * cx + m.c * cy + m.e), w);
-            const int64_t j = floorMod(floorToInt64(m.b * cx + m.d * cy + m.f), h);
+            const int i = std::min(int(u), w - 1), j = std::min(int(v), h - 1);
+            u += du;
+            if (u >= w)
+                u -= w;
+            v += dv;
+            if (v >= h)
+                v -= h;
             const size_t idx = size_t(j) * w + size_t(i);
             if (C == 1)
                 t[k] = tex.pix[idx];
@@ -584,15 +611,23 @@ struct RasterDevice::Impl {
             std::memcpy(D, rbuf.data(), nb);
             return;
         }
+        // Chosen without branches: the flags follow the picture, not a predictable pattern.
         const uint8_t* r = rbuf.data();
+        const unsigned srcOn = useSrc ? 1u : 0u, patOn = usePat ? 1u : 0u;
         for (int i = 0; i < n; ++i) {
-            const bool white = sw && sw[i];
-            if (white ? useSrc : (usePat && tw[i]))
-                continue;
-            if (C == 1)
-                D[i] = r[i];
-            else
-                std::memcpy(D + size_t(i) * 3, r + size_t(i) * 3, 3);
+            const unsigned white = sw ? sw[i] : 0u;
+            const unsigned patWhite = tw ? tw[i] : 0u;
+            const unsigned skip = (white & srcOn) | ((white ^ 1u) & patOn & patWhite);
+            const uint8_t keep = uint8_t(0u - skip);
+            if (C == 1) {
+                D[i] = uint8_t((D[i] & keep) | (r[i] & ~keep));
+            } else {
+                uint8_t* p = D + size_t(i) * 3;
+                const uint8_t* q = r + size_t(i) * 3;
+                p[0] = uint8_t((p[0] & keep) | (q[0] & ~keep));
+                p[1] = uint8_t((p[1] & keep) | (q[1] & ~keep));
+                p[2] = uint8_t((p[2] & keep) | (q[2] & ~keep));
+            }
         }
     }
 
@@ -770,9 +805,16 @@ struct RasterDevice::Impl {
         if (std::fabs(dx) >= std::fabs(dy)) {
             if (a.x > b.x)
                 std::swap(a, b);
-            const int64_t c0 = std::max<int64_t>(floorToInt64(a.x), bx0);
-            const int64_t c1 = std::min<int64_t>(floorToInt64(b.x), bx0 + w - 1);
+            int64_t c0 = std::max<int64_t>(floorToInt64(a.x), bx0);
+            int64_t c1 = std::min<int64_t>(floorToInt64(b.x), bx0 + w - 1);
             const double slope = (b.y - a.y) / (b.x - a.x);
+            if (slope != 0) { // only the columns whose pixel can fall into the band
+                double xa = a.x + (by0 - 1 - a.y) / slope, xb = a.x + (by0 + h + 1 - a.y) / slope;
+                if (xa > xb)
+                    std::swap(xa, xb);
+                c0 = std::max(c0, floorToInt64(xa) - 1);
+                c1 = std::min(c1, floorToInt64(xb) + 1);
+            }
             for (int64_t c = c0; c <= c1; ++c) {
                 const double xc = std::clamp(double(c) + 0.5, a.x, b.x);
                 set(c, floorToInt64(a.y + (xc - a.x) * slope));
@@ -780,9 +822,16 @@ struct RasterDevice::Impl {
         } else {
             if (a.y > b.y)
                 std::swap(a, b);
-            const int64_t r0 = std::max<int64_t>(floorToInt64(a.y), by0);
-            const int64_t r1 = std::min<int64_t>(floorToInt64(b.y), by0 + h - 1);
+            int64_t r0 = std::max<int64_t>(floorToInt64(a.y), by0);
+            int64_t r1 = std::min<int64_t>(floorToInt64(b.y), by0 + h - 1);
             const double slope = (b.x - a.x) / (b.y - a.y);
+            if (slope != 0) {
+                double ya = a.y + (bx0 - 1 - a.x) / slope, yb = a.y + (bx0 + w + 1 - a.x) / slope;
+                if (ya > yb)
+                    std::swap(ya, yb);
+                r0 = std::max(r0, floorToInt64(ya) - 1);
+                r1 = std::min(r1, floorToInt64(yb) + 1);
+            }
             for (int64_t r = r0; r <= r1; ++r) {
                 const double yc = std::clamp(double(r) + 0.5, a.y, b.y);
                 set(floorToInt64(a.x + (yc - a.y) * slope), r);
@@ -1109,8 +1158,24 @@ void RasterDevice::drawImage(const Image& image, const Matrix& imageToPage, cons
                 const int j = Impl::gridIndex(inv.d * cy + inv.f, ih);
                 const uint8_t* srow = image.data.data() + size_t(j) * image.stride;
                 const int64_t* cols = d->colIdx.data() + (a - box.x0);
-                for (int k = 0; k < n; ++k)
-                    fetch(srow + size_t(cols[k]) * bpp, s + size_t(k) * C, sw + k);
+                if (image.format == Image::Format::Rgb24 && C == 3) {
+                    for (int k = 0; k < n; ++k) {
+                        const uint8_t* p = srow + size_t(cols[k]) * 3;
+                        uint8_t* q = s + size_t(k) * 3;
+                        q[0] = p[0];
+                        q[1] = p[1];
+                        q[2] = p[2];
+                        sw[k] = (p[0] & p[1] & p[2]) == 255;
+                    }
+                } else if (image.format == Image::Format::Gray8 && C == 1) {
+                    for (int k = 0; k < n; ++k) {
+                        s[k] = srow[cols[k]];
+                        sw[k] = s[k] == 255;
+                    }
+                } else {
+                    for (int k = 0; k < n; ++k)
+                        fetch(srow + size_t(cols[k]) * bpp, s + size_t(k) * C, sw + k);
+                }
             } else {
                 for (int k = 0; k < n; ++k) {
                     const double cx = a + k + 0.5;
@@ -1187,6 +1252,35 @@ void RasterDevice::fillMask(const Mask& mask, const Matrix& maskToPage, const Pa
         d->colIdx.resize(size_t(box.width()));
         for (int x = box.x0; x < box.x1; ++x)
             d->colIdx[size_t(x - box.x0)] = Impl::gridIndex(inv.a * (x + 0.5) + inv.e, mw);
+        if (d->clip.rect && d->tex.solid && !d->constUsesDest) {
+            // Scaled raster (say 300 dpi raster on a 600 dpi page) in one colour: set the
+            // inked pixels straight from the bits, without looking for runs.
+            const int C = d->C;
+            const uint8_t* v = d->constOut;
+            for (int y = box.y0; y < box.y1; ++y) {
+                int xa, xb;
+                if (!Impl::rowSpan(inv, y, mw, mh, box.x0, box.x1, xa, xb))
+                    continue;
+                const int j = Impl::gridIndex(inv.d * (y + 0.5) + inv.f, mh);
+                const uint8_t* bits = mask.bits.data() + size_t(j) * mask.stride;
+                const int64_t* cols = d->colIdx.data() - box.x0;
+                uint8_t* D = d->row(y);
+                if (C == 1) {
+                    for (int x = xa; x < xb; ++x) {
+                        const int64_t c = cols[x];
+                        const uint8_t keep = uint8_t(((bits[c >> 3] << (c & 7)) & 0x80) ? 0 : 0xFF);
+                        D[x] = uint8_t((D[x] & keep) | (v[0] & ~keep));
+                    }
+                } else {
+                    for (int x = xa; x < xb; ++x) {
+                        const int64_t c = cols[x];
+                        if (bits[c >> 3] & (0x80 >> (c & 7)))
+                            std::memcpy(D + size_t(x) * 3, v, 3);
+                    }
+                }
+            }
+            return;
+        }
     }
     d->cov.resize(size_t(box.width()));
     for (int y = box.y0; y < box.y1; ++y) {
