@@ -211,7 +211,8 @@ int convert(const Options& options) {
         diag.error("cannot write " + output + ": " + out.error());
         return kNothingWritten;
     }
-    return (warned || diag.hasWarnings()) ? kWrittenWithWarnings : kConverted;
+    // Errors that an interpreter got past (a job it gave up) still leave the pages it made.
+    return (warned || diag.hasWarnings() || diag.hasErrors()) ? kWrittenWithWarnings : kConverted;
 }
 
 int runCommandLine(const std::vector<std::string>& args) {
