@@ -229,11 +229,17 @@ bool StreamReader::atUel() const {
 }
 
 bool StreamReader::atHeader() const {
+    // A binding byte followed by the protocol name. PopGS shares its byte with the grave accent,
+    // so the name has to be there too.
     if (m_pos >= m_size)
         return false;
     const uint8_t b = m_data[m_pos];
-    return b == tag::BindingAscii || b == tag::BindingBigEndian || b == tag::BindingLittleEndian ||
-           b == '`';
+    if (b != tag::BindingAscii && b != tag::BindingBigEndian && b != tag::BindingLittleEndian && b != '`')
+        return false;
+    size_t i = m_pos + 1;
+    while (i < m_size && m_data[i] == ' ')
+        ++i;
+    return m_size - i >= 9 && std::memcmp(m_data + i, "HP-PCL XL", 9) == 0;
 }
 
 void StreamReader::skipWhitespace() {

@@ -1,0 +1,667 @@
+// The interpreter on hand-assembled streams, drawing into a recording device.
+
+#include "common/diagnostics.h"
+#include "fonts/font_library.h"
+#include "pclxl/pclxl.h"
+#include "render/recording_device.h"
+#include "xl_writer.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+
+namespace qx::pclxl {
+namespace {
+
+using test::XlWriter;
+
+// Records like RecordingDevice and keeps the images and masks for a closer look.
+class CaptureDevice : public RecordingDevice {
+public:
+    void drawImage(const Image& image, const Matrix& m, const Paint& t, const RenderState& rs) override {
+        images.push_back(image);
+        RecordingDevice::drawImage(image, m, t, rs);
+    }
+    void fillMask(const Mask& mask, const Matrix& m, const Paint& p, const RenderState& rs) override {
+        masks.push_back(mask);
+        maskMatrices.push_back(m);
+        RecordingDevice::fillMask(mask, m, p, rs);
+    }
+    std::vector<Image> images;
+    std::vector<Mask> masks;
+    std::vector<Matrix> maskMatrices;
+
+    std::vector<std::string> matching(const std::string& prefix) const {
+        std::vector<std::string> out;
+        for (const std::string& c : calls())
+            if (c.rfind(prefix, 0) == 0)
+                out.push_back(c);
+        return out;
+    }
+};
+
+struct Outcome {
+    CaptureDevice dev;
+    Diagnostics diag{"in.pxl", false};
+    size_t used = 0;
+    std::string warnings() const {
+        std::string s;
+        for (const std::string& l : diag.lines())
+            s += l + "\n";
+        return s;
+    }
+};
+
+void interpret(Outcome& r, const std::vector<uint8_t>& bytes, const FontLibrary* fonts = nullptr) {
+    JobContext ctx{r.dev, r.diag, fonts, {}};
+    r.used = run(bytes.data(), bytes.size(), ctx);
+}
+
+// ------------------------------------------------------------------ sessions and pages
+
+TEST(Pages, LetterPortraitDeclaresTheSessionResolution) {
+    XlWriter w;
+    w.start().endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    EXPECT_EQ(r.dev.joined(), "beginPage 612x792 dpi=300x300\nendPage\n");
+    EXPECT_EQ(r.used, w.bytes.size());
+}
+
+TEST(Pages, NamedAndCustomSizesAndOrientations) {
+    XlWriter w;
+    w.beginSession(600).openData();
+    w.beginPage(2).endPage();                                                   // A4
+    w.beginPage(1, 1).endPage();                                                // Legal landscape
+    w.str("A3").a(attr::MediaSize).ub(0).a(attr::Orientation).op(op::BeginPage).endPage();
+    w.r32Xy(8.5f, 5.5f).a(attr::CustomMediaSize).ub(eInch).a(attr::CustomMediaSizeUnits).op(op::BeginPage).endPage();
+    w.u16Xy(100, 200).a(attr::CustomMediaSize).ub(eMillimeter).a(attr::CustomMediaSizeUnits).ub(3).a(attr::Orientation)
+        .op(op::BeginPage).endPage();
+    w.endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    EXPECT_EQ(r.dev.matching("beginPage"),
+              (std::vector<std::string>{"beginPage 595.28x841.89 dpi=600x600", "beginPage 1008x612 dpi=600x600",
+                                        "beginPage 841.89x1190.55 dpi=600x600", "beginPage 612x396 dpi=600x600",
+                                        "beginPage 566.93x283.46 dpi=600x600"}));
+    EXPECT_EQ(r.dev.pageCount(), 5);
+}
+
+TEST(Pages, MetricSessionUnitsDeclareNoResolution) {
+    XlWriter w;
+    w.u16Xy(10, 10).a(attr::UnitsPerMeasure).ub(eMillimeter).a(attr::Measure).op(op::BeginSession);
+    w.beginPage(0);
+    // 10 units per mm: a box 254 x 254 units is one inch square.
+    w.ub(0).a(attr::NullPen).op(op::SetPenSource);
+    w.u16Box(0, 0, 254, 254).a(attr::BoundingBox).op(op::Rectangle).endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    ASSERT_EQ(r.dev.calls().size(), 3u);
+    EXPECT_EQ(r.dev.calls()[0], "beginPage 612x792");
+    EXPECT_EQ(r.dev.calls()[1], "fill nz #000000 rop=252 srcO patO M0,0 L72,0 L72,72 L0,72 Z");
+}
+
+TEST(Pages, ReversePortraitTurnsTheUserSpace) {
+    XlWriter w;
+    w.beginSession(72).openData().beginPage(0, 2);
+    w.ub(0).a(attr::NullPen).op(op::SetPenSource).u16Box(0, 0, 10, 20).a(attr::BoundingBox).op(op::Rectangle);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_EQ(r.dev.calls()[1], "fill nz #000000 rop=252 srcO patO M612,792 L602,792 L602,772 L612,772 Z");
+}
+
+TEST(Pages, PageTransformsApplyToLaterCoordinates) {
+    XlWriter w;
+    w.beginSession(72).openData().beginPage();
+    w.ub(0).a(attr::NullPen).op(op::SetPenSource);
+    w.s16Xy(100, 50).a(attr::PageOrigin).op(op::SetPageOrigin);
+    w.r32Xy(2, 3).a(attr::PageScale).op(op::SetPageScale);
+    w.u16Box(0, 0, 10, 10).a(attr::BoundingBox).op(op::Rectangle);
+    w.op(op::SetPageDefaultCTM);
+    w.s16(90).a(attr::PageAngle).op(op::SetPageRotation);
+    w.u16Box(0, 0, 10, 10).a(attr::BoundingBox).op(op::Rectangle);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    const auto fills = r.dev.matching("fill");
+    ASSERT_EQ(fills.size(), 2u);
+    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcO patO M100,50 L120,50 L120,80 L100,80 Z");
+    EXPECT_EQ(fills[1], "fill nz #000000 rop=252 srcO patO M0,0 L0,10 L-10,10 L-10,0 Z");
+}
+
+TEST(Pages, EndSessionEjectsAnOpenPage) {
+    XlWriter w;
+    w.start().u16Box(0, 0, 10, 10).a(attr::BoundingBox).op(op::Rectangle).endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_EQ(r.dev.pageCount(), 1);
+}
+
+// ------------------------------------------------------------------ colour and painting
+
+TEST(Paint, BrushPenAndRasterOperation) {
+    XlWriter w;
+    w.start();
+    w.ub(eRGB).a(attr::ColorSpace).op(op::SetColorSpace);
+    w.ubArray({255, 0, 0}).a(attr::RGBColor).op(op::SetBrushSource);
+    w.r32Array({0, 0, 1}).a(attr::RGBColor).op(op::SetPenSource);
+    w.ub(10).a(attr::PenWidth).op(op::SetPenWidth);
+    w.ub(0x66).a(attr::ROP3).op(op::SetROP);
+    w.ub(1).a(attr::TxMode).op(op::SetSourceTxMode);
+    w.ub(1).a(attr::TxMode).op(op::SetPaintTxMode);
+    w.u16Box(300, 300, 600, 600).a(attr::BoundingBox).op(op::Rectangle);
+    w.ub(eGray).a(attr::ColorSpace).op(op::SetColorSpace);
+    w.r32(0.5f).a(attr::GrayLevel).op(op::SetBrushSource);
+    w.ub(0).a(attr::NullPen).op(op::SetPenSource);
+    w.u16Box(0, 0, 30, 30).a(attr::BoundingBox).op(op::Rectangle);
+    w.ub(eGray).a(attr::ColorSpace).ub(e8Bit).a(attr::PaletteDepth).ubArray({0, 100, 200}).a(attr::PaletteData)
+        .op(op::SetColorSpace);
+    w.ub(2).a(attr::PaletteIndex).op(op::SetBrushSource);
+    w.u16Box(0, 0, 30, 30).a(attr::BoundingBox).op(op::Rectangle);
+    w.ub(eRGB).a(attr::ColorSpace).op(op::SetColorSpace);
+    w.ubArray({10, 20, 30}).a(attr::PrimaryArray).ub(e8Bit).a(attr::PrimaryDepth).op(op::SetBrushSource);
+    w.u16Box(0, 0, 30, 30).a(attr::BoundingBox).op(op::Rectangle);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    const auto& c = r.dev.calls();
+    ASSERT_EQ(c.size(), 7u) << r.dev.joined();
+    EXPECT_EQ(c[1], "fill nz #ff0000 rop=102 srcT patT M72,72 L144,72 L144,144 L72,144 Z");
+    EXPECT_EQ(c[2], "stroke w=2.4 #0000ff rop=102 srcT patT M72,72 L144,72 L144,144 L72,144 Z");
+    EXPECT_EQ(c[3].substr(0, 21), "fill nz #808080 rop=1");
+    EXPECT_EQ(c[4].substr(0, 15), "fill nz #c8c8c8");
+    EXPECT_EQ(c[5].substr(0, 15), "fill nz #0a141e");
+}
+
+TEST(Paint, PushAndPopRestoreTheGraphicsState) {
+    XlWriter w;
+    w.start().ub(0).a(attr::NullPen).op(op::SetPenSource);
+    w.op(op::PushGS).ub(128).a(attr::GrayLevel).op(op::SetBrushSource).ub(1).a(attr::FillMode).op(op::SetFillMode);
+    w.u16Box(0, 0, 30, 30).a(attr::BoundingBox).op(op::Rectangle);
+    w.op(op::PopGS).u16Box(0, 0, 30, 30).a(attr::BoundingBox).op(op::Rectangle);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    const auto fills = r.dev.matching("fill");
+    ASSERT_EQ(fills.size(), 2u);
+    EXPECT_EQ(fills[0].substr(0, 15), "fill eo #808080");
+    EXPECT_EQ(fills[1].substr(0, 15), "fill nz #000000");
+}
+
+TEST(Paint, PopWithoutPushIsAnErrorWithItsPosition) {
+    XlWriter w;
+    w.start();
+    const size_t at = w.offset();
+    w.op(op::PopGS).endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    ASSERT_EQ(r.diag.lines().size(), 1u);
+    EXPECT_EQ(r.diag.lines()[0],
+              "quarvex: in.pxl: PCL XL: graphics state stack underflow in PopGS at byte " + std::to_string(at));
+}
+
+// ------------------------------------------------------------------ paths
+
+TEST(Paths, LinesRelativeLinesAndStrokes) {
+    XlWriter w;
+    w.beginSession(72).openData().beginPage();
+    w.ub(0).a(attr::NullBrush).op(op::SetBrushSource).ub(2).a(attr::PenWidth).op(op::SetPenWidth);
+    w.ub(1).a(attr::LineCapStyle).op(op::SetLineCap).ub(2).a(attr::LineJoinStyle).op(op::SetLineJoin);
+    w.ubArray({3, 1}).a(attr::LineDashStyle).op(op::SetLineDash);
+    w.op(op::NewPath).s16Xy(10, 10).a(attr::Point).op(op::SetCursor);
+    w.s16Xy(50, 10).a(attr::EndPoint).op(op::LinePath);
+    // Three relative points as signed bytes, in embedded data.
+    w.ub(3).a(attr::NumberOfPoints).ub(eSByte).a(attr::PointType).op(op::LineRelPath).data({0, 10, 256 - 40, 0, 0, 256 - 10});
+    w.op(op::CloseSubPath).op(op::PaintPath);
+    // Absolute points as uint16, in embedded data.
+    std::vector<uint8_t> pts;
+    for (uint16_t v : {100, 100, 200, 100}) {
+        auto b = w.word(v);
+        pts.insert(pts.end(), b.begin(), b.end());
+    }
+    w.op(op::NewPath).s16Xy(100, 50).a(attr::Point).op(op::SetCursor);
+    w.ub(2).a(attr::NumberOfPoints).ub(eUInt16).a(attr::PointType).op(op::LinePath).data(pts);
+    w.ub(0).a(attr::SolidLine).op(op::SetLineDash).op(op::PaintPath);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    const auto strokes = r.dev.matching("stroke");
+    ASSERT_EQ(strokes.size(), 2u) << r.dev.joined();
+    EXPECT_EQ(strokes[0], "stroke w=2 #000000 rop=252 srcO patO M10,10 L50,10 L50,20 L10,20 L10,10 Z");
+    EXPECT_EQ(strokes[1], "stroke w=2 #000000 rop=252 srcO patO M100,50 L100,100 L200,100");
+    EXPECT_TRUE(r.dev.matching("fill").empty());
+}
+
+TEST(Paths, CurvesAndShapes) {
+    XlWriter w;
+    w.beginSession(72).openData().beginPage();
+    w.ub(0).a(attr::NullPen).op(op::SetPenSource);
+    w.op(op::NewPath).s16Xy(0, 0).a(attr::Point).op(op::SetCursor);
+    w.s16Xy(10, 0).a(attr::ControlPoint1).s16Xy(20, 10).a(attr::ControlPoint2).s16Xy(20, 20).a(attr::EndPoint)
+        .op(op::BezierPath);
+    w.s16Xy(0, 10).a(attr::ControlPoint1).s16Xy(-10, 10).a(attr::ControlPoint2).s16Xy(-20, 0).a(attr::EndPoint)
+        .op(op::BezierRelPath);
+    w.op(op::PaintPath);
+    w.u16Box(0, 0, 100, 50).a(attr::BoundingBox).op(op::Ellipse);
+    w.u16Box(0, 0, 100, 100).a(attr::BoundingBox).u16Xy(20, 20).a(attr::EllipseDimension).op(op::RoundRectangle);
+    w.u16Box(0, 0, 100, 100).a(attr::BoundingBox).u16Xy(100, 50).a(attr::StartPoint).u16Xy(50, 0)
+        .a(attr::EndPoint).op(op::Pie);
+    w.u16Box(0, 0, 100, 100).a(attr::BoundingBox).u16Xy(100, 50).a(attr::StartPoint).u16Xy(50, 0)
+        .a(attr::EndPoint).op(op::Chord);
+    w.op(op::NewPath).u16Box(0, 0, 100, 100).a(attr::BoundingBox).u16Xy(100, 50).a(attr::StartPoint).u16Xy(50, 0)
+        .a(attr::EndPoint).ub(0).a(attr::ArcDirection).op(op::ArcPath).op(op::PaintPath);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    const auto fills = r.dev.matching("fill");
+    ASSERT_EQ(fills.size(), 6u) << r.dev.joined();
+    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcO patO M0,0 C10,0 20,10 20,20 C20,30 10,30 0,20");
+    // A full ellipse: four quarter curves from its right end.
+    EXPECT_EQ(fills[1].substr(fills[1].find(" M")), " M100,25 C100,38.81 77.61,50 50,50 C22.39,50 0,38.81 0,25 "
+                                                    "C0,11.19 22.39,0 50,0 C77.61,0 100,11.19 100,25 Z");
+    // Counter-clockwise (on the page) from the right to the top: one quarter.
+    EXPECT_EQ(fills[3].substr(fills[3].find(" M")), " M50,50 L100,50 C100,22.39 77.61,0 50,0 Z");
+    EXPECT_EQ(fills[4].substr(fills[4].find(" M")), " M100,50 C100,22.39 77.61,0 50,0 Z");
+    // Clockwise: the other three quarters.
+    EXPECT_EQ(std::count(fills[5].begin(), fills[5].end(), 'C'), 3);
+}
+
+TEST(Paths, ClippingRegions) {
+    XlWriter w;
+    w.beginSession(72).openData().beginPage();
+    w.ub(0).a(attr::NullPen).op(op::SetPenSource);
+    w.ub(0).a(attr::ClipRegion).u16Box(10, 10, 100, 100).a(attr::BoundingBox).op(op::SetClipRectangle);
+    w.u16Box(0, 0, 50, 50).a(attr::BoundingBox).op(op::Rectangle);
+    w.op(op::NewPath).u16Box(20, 20, 60, 60).a(attr::BoundingBox).op(op::EllipsePath);
+    w.ub(1).a(attr::ClipMode).op(op::SetClipMode).ub(0).a(attr::ClipRegion).op(op::SetClipIntersect);
+    w.u16Box(0, 0, 50, 50).a(attr::BoundingBox).op(op::Rectangle);
+    w.op(op::SetClipToPage).u16Box(0, 0, 50, 50).a(attr::BoundingBox).op(op::Rectangle);
+    // A page-sized rectangle clips nothing.
+    w.op(op::NewPath).u16Box(0, 0, 612, 792).a(attr::BoundingBox).op(op::RectanglePath);
+    w.ub(0).a(attr::ClipRegion).op(op::SetClipReplace);
+    w.u16Box(0, 0, 50, 50).a(attr::BoundingBox).op(op::Rectangle);
+    w.ub(1).a(attr::ClipRegion).u16Box(10, 10, 100, 100).a(attr::BoundingBox).op(op::SetClipRectangle);
+    w.u16Box(0, 0, 50, 50).a(attr::BoundingBox).op(op::Rectangle);
+    w.endPage().endSession();
+    CaptureDevice* dev = nullptr;
+    Outcome r;
+    dev = &r.dev;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    const auto fills = dev->matching("fill");
+    ASSERT_EQ(fills.size(), 5u);
+    EXPECT_NE(fills[0].find("clip=1"), std::string::npos);
+    EXPECT_NE(fills[1].find("clip=2"), std::string::npos);
+    EXPECT_EQ(fills[2].find("clip"), std::string::npos);
+    EXPECT_EQ(fills[3].find("clip"), std::string::npos);
+    EXPECT_NE(fills[4].find("clip=1"), std::string::npos);
+}
+
+// ------------------------------------------------------------------ images
+
+XlWriter& beginImage(XlWriter& w, uint8_t mapping, uint8_t depth, uint16_t width, uint16_t height, uint16_t dw,
+                     uint16_t dh) {
+    return w.ub(mapping).a(attr::ColorMapping).ub(depth).a(attr::ColorDepth).u16(width).a(attr::SourceWidth)
+        .u16(height).a(attr::SourceHeight).u16Xy(dw, dh).a(attr::DestinationSize).op(op::BeginImage);
+}
+
+XlWriter& readImage(XlWriter& w, uint16_t start, uint16_t rows, uint8_t compress, const std::vector<uint8_t>& d) {
+    return w.u16(start).a(attr::StartLine).u16(rows).a(attr::BlockHeight).ub(compress).a(attr::CompressMode)
+        .op(op::ReadImage).data(d);
+}
+
+TEST(Images, DirectGrayRowsArePaddedToFourBytes) {
+    XlWriter w;
+    w.beginSession(72).openData().beginPage();
+    w.s16Xy(100, 200).a(attr::Point).op(op::SetCursor);
+    beginImage(w, eDirectPixel, e8Bit, 3, 2, 30, 20);
+    readImage(w, 0, 2, eNoCompression, {10, 20, 30, 0, 40, 50, 60, 0});
+    w.op(op::EndImage).endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    ASSERT_EQ(r.dev.images.size(), 1u);
+    EXPECT_EQ(r.dev.matching("image")[0], "image 3x2 gray [10 0 0 10 100 200] #000000 rop=252 srcO patO");
+    EXPECT_EQ(r.dev.images[0].data, (std::vector<uint8_t>{10, 20, 30, 40, 50, 60}));
+}
+
+TEST(Images, RunLengthIndexedRgbInTwoBlocks) {
+    XlWriter w;
+    w.beginSession(72).openData().beginPage();
+    w.ub(eRGB).a(attr::ColorSpace).ub(e8Bit).a(attr::PaletteDepth).ubArray({255, 0, 0, 0, 0, 255})
+        .a(attr::PaletteData).op(op::SetColorSpace);
+    beginImage(w, eIndexedPixel, e4Bit, 4, 2, 4, 2);
+    // Row 0: 0x01 0x10 and padding; row 1 (second block): 0x11 0x11 and padding.
+    readImage(w, 0, 1, eRLECompression, {1, 0x01, 0x10, 0xFF, 0});
+    readImage(w, 1, 1, eRLECompression, {0xFF, 0x11, 0xFF, 0});
+    w.op(op::EndImage).endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    ASSERT_EQ(r.dev.images.size(), 2u);
+    EXPECT_EQ(r.dev.images[0].format, Image::Format::Rgb24);
+    EXPECT_EQ(r.dev.images[0].data, (std::vector<uint8_t>{255, 0, 0, 0, 0, 255, 0, 0, 255, 255, 0, 0}));
+    EXPECT_EQ(r.dev.images[1].data, (std::vector<uint8_t>{0, 0, 255, 0, 0, 255, 0, 0, 255, 0, 0, 255}));
+    EXPECT_EQ(r.dev.matching("image")[1], "image 4x1 rgb [1 0 0 1 0 1] #000000 rop=252 srcO patO");
+}
+
+TEST(Images, DeltaRowKeepsItsSeedAcrossBlocks) {
+    XlWriter w;
+    w.beginSession(72).openData().beginPage();
+    w.ub(eRGB).a(attr::ColorSpace).op(op::SetColorSpace);
+    beginImage(w, eDirectPixel, e8Bit, 2, 3, 2, 3);
+    // Row 0 sets bytes 0..2; row 1 repeats it; row 2 (next block) changes byte 4.
+    readImage(w, 0, 2, eDeltaRowCompression, {4, 0, 0x40, 1, 2, 3, 0, 0});
+    readImage(w, 2, 1, eDeltaRowCompression, {2, 0, 0x04, 9});
+    w.op(op::EndImage).endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    ASSERT_EQ(r.dev.images.size(), 2u);
+    EXPECT_EQ(r.dev.images[0].data, (std::vector<uint8_t>{1, 2, 3, 0, 0, 0, 1, 2, 3, 0, 0, 0}));
+    EXPECT_EQ(r.dev.images[1].data, (std::vector<uint8_t>{1, 2, 3, 0, 9, 0}));
+}
+
+TEST(Images, JpegBlock) {
+    std::ifstream f(PCLXL_TEST_DATA "/red_8x8.jpg", std::ios::binary);
+    std::vector<uint8_t> jpeg((std::istreambuf_iterator<char>(f)), {});
+    ASSERT_GT(jpeg.size(), 100u);
+    XlWriter w;
+    w.beginSession(72).openData().beginPage();
+    w.ub(eRGB).a(attr::ColorSpace).op(op::SetColorSpace);
+    beginImage(w, eDirectPixel, e8Bit, 8, 8, 16, 16);
+    readImage(w, 0, 8, eJPEGCompression, jpeg);
+    w.op(op::EndImage).endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    ASSERT_EQ(r.dev.images.size(), 1u);
+    const Image& img = r.dev.images[0];
+    EXPECT_EQ(img.width, 8);
+    EXPECT_EQ(img.height, 8);
+    for (size_t i = 0; i < img.data.size(); i += 3) {
+        EXPECT_GT(img.data[i], 230);
+        EXPECT_LT(img.data[i + 1], 30);
+        EXPECT_LT(img.data[i + 2], 30);
+    }
+}
+
+TEST(Images, OneBitWithTransparentSourceIsAMask) {
+    XlWriter w;
+    w.beginSession(72).openData().beginPage();
+    w.ub(1).a(attr::TxMode).op(op::SetSourceTxMode);
+    w.ub(0).a(attr::GrayLevel).op(op::SetBrushSource);
+    w.ub(eGray).a(attr::ColorSpace).ub(e8Bit).a(attr::PaletteDepth).ubArray({255, 0}).a(attr::PaletteData)
+        .op(op::SetColorSpace);
+    beginImage(w, eIndexedPixel, e1Bit, 10, 2, 10, 2);
+    readImage(w, 0, 2, eNoCompression, {0xFF, 0xC0, 0, 0, 0x80, 0x00, 0, 0});
+    w.op(op::EndImage).endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    EXPECT_TRUE(r.dev.images.empty());
+    ASSERT_EQ(r.dev.masks.size(), 1u);
+    EXPECT_EQ(r.dev.matching("mask")[0], "mask 10x2 ink=11 [1 0 0 1 0 0] #000000 rop=252 srcT patO");
+}
+
+TEST(Images, ShortDataIsReportedAfterDrawingWhatCame) {
+    XlWriter w;
+    w.beginSession(72).openData().beginPage();
+    beginImage(w, eDirectPixel, e8Bit, 4, 4, 4, 4);
+    const size_t at = w.offset();
+    readImage(w, 0, 4, eNoCompression, {1, 2, 3, 4, 5, 6, 7, 8});
+    w.op(op::EndImage).endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    ASSERT_EQ(r.diag.lines().size(), 1u);
+    EXPECT_EQ(r.diag.lines()[0], "quarvex: in.pxl: PCL XL: image data shorter than BlockHeight in ReadImage at byte " +
+                                     std::to_string(at + 14));
+    ASSERT_EQ(r.dev.images.size(), 1u);
+    EXPECT_EQ(r.dev.images[0].height, 2);
+    EXPECT_EQ(r.dev.pageCount(), 1); // the page with the image is still ejected
+}
+
+TEST(Images, HugeDeclaredImageWithTinyDataStaysSmall) {
+    XlWriter w;
+    w.beginSession(72).openData().beginPage();
+    beginImage(w, eDirectPixel, e8Bit, 65535, 65535, 100, 100);
+    readImage(w, 0, 65535, eRLECompression, {0x81, 0, 0x81, 0});
+    w.op(op::EndImage).endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_TRUE(r.diag.hasWarnings());
+    size_t pixels = 0;
+    for (const Image& i : r.dev.images)
+        pixels += i.data.size();
+    EXPECT_LE(pixels, 256u);
+}
+
+TEST(Images, RasterPatternFillsThroughTheBrush) {
+    XlWriter w;
+    w.beginSession(72).openData().beginPage();
+    w.ub(eDirectPixel).a(attr::ColorMapping).ub(e8Bit).a(attr::ColorDepth).u16(2).a(attr::SourceWidth).u16(2)
+        .a(attr::SourceHeight).u16Xy(8, 8).a(attr::DestinationSize).s16(7).a(attr::PatternDefineID).ub(1)
+        .a(attr::PatternPersistence).op(op::BeginRastPattern);
+    w.u16(0).a(attr::StartLine).u16(2).a(attr::BlockHeight).ub(eNoCompression).a(attr::CompressMode)
+        .op(op::ReadRastPattern).data({0, 255, 0, 0, 255, 0, 0, 0});
+    w.op(op::EndRastPattern);
+    w.s16(7).a(attr::PatternSelectID).op(op::SetBrushSource).ub(0).a(attr::NullPen).op(op::SetPenSource);
+    w.u16Box(0, 0, 50, 50).a(attr::BoundingBox).op(op::Rectangle);
+    w.s16(8).a(attr::PatternSelectID).op(op::SetBrushSource);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_EQ(r.dev.matching("fill")[0].substr(0, 22), "fill nz pattern(2x2) r");
+    ASSERT_EQ(r.diag.lines().size(), 1u);
+    EXPECT_NE(r.diag.lines()[0].find("pattern 8 is not defined in SetBrushSource"), std::string::npos);
+}
+
+// ------------------------------------------------------------------ text
+
+std::vector<uint8_t> bitmapFontHeader() {
+    return {0, 0, 0x02, 0x75, 254, 0, 0, 2, 'B', 'R', 0, 0, 0, 4, 0x01, 0x2C, 0x01, 0x2C, 0xFF, 0xFF, 0, 0, 0, 0};
+}
+
+std::vector<uint8_t> bitmapChar(int16_t left, int16_t top, uint16_t width, uint16_t height, uint8_t fill) {
+    std::vector<uint8_t> d = {0, 0, uint8_t(uint16_t(left) >> 8), uint8_t(left), uint8_t(uint16_t(top) >> 8),
+                              uint8_t(top), uint8_t(width >> 8), uint8_t(width), uint8_t(height >> 8), uint8_t(height)};
+    d.insert(d.end(), size_t((width + 7) / 8) * height, fill);
+    return d;
+}
+
+TEST(Text, DownloadedBitmapFont) {
+    XlWriter w;
+    w.start();
+    w.str("Dot").a(attr::FontName).ub(0).a(attr::FontFormat).op(op::BeginFontHeader);
+    w.u16(24).a(attr::FontHeaderLength).op(op::ReadFontHeader).data(bitmapFontHeader());
+    w.op(op::EndFontHeader);
+    w.str("Dot").a(attr::FontName).op(op::BeginChar);
+    const auto a = bitmapChar(1, 8, 8, 8, 0xFF);
+    w.u16('A').a(attr::CharCode).u16(uint16_t(a.size())).a(attr::CharDataSize).op(op::ReadChar).data(a);
+    const auto b = bitmapChar(0, 4, 4, 4, 0xF0);
+    w.u16('B').a(attr::CharCode).u16(uint16_t(b.size())).a(attr::CharDataSize).op(op::ReadChar).data(b);
+    w.op(op::EndChar);
+    w.str("Dot").a(attr::FontName).r32(1).a(attr::CharSize).u16(277).a(attr::SymbolSet).op(op::SetFont);
+    w.s16Xy(300, 600).a(attr::Point).op(op::SetCursor);
+    w.str("AB").a(attr::TextData).ubArray({20, 20}).a(attr::XSpacingData).op(op::Text);
+    w.str("A").a(attr::TextData).op(op::Text);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    const auto masks = r.dev.matching("mask");
+    ASSERT_EQ(masks.size(), 3u) << r.dev.joined();
+    // 300 units per inch: one unit is 0.24 pt; the cursor (300, 600) is (72, 144).
+    EXPECT_EQ(masks[0], "mask 8x8 ink=64 [0.24 0 0 0.24 72.24 142.08] #000000 rop=252 srcO patO");
+    EXPECT_EQ(masks[1], "mask 4x4 ink=16 [0.24 0 0 0.24 76.8 143.04] #000000 rop=252 srcO patO");
+    EXPECT_EQ(masks[2], "mask 8x8 ink=64 [0.24 0 0 0.24 81.84 142.08] #000000 rop=252 srcO patO");
+}
+
+TEST(Text, ResidentFontByName) {
+    FontLibrary fonts;
+    const int courier = fonts.selectByName("Courier");
+    ASSERT_GE(courier, 0);
+    ASSERT_TRUE(fonts.available(courier)) << "no font file for Courier on this system";
+    XlWriter w;
+    w.start();
+    w.str("Courier         ").a(attr::FontName).r32(120).a(attr::CharSize).u16(629).a(attr::SymbolSet).op(op::SetFont);
+    w.s16Xy(300, 600).a(attr::Point).op(op::SetCursor);
+    w.str("Hi").a(attr::TextData).op(op::Text);
+    w.str("Hi").a(attr::TextData).s16Array({100, 100}).a(attr::XSpacingData).op(op::Text);
+    w.str("Nowhere").a(attr::FontName).r32(120).a(attr::CharSize).u16(629).a(attr::SymbolSet).op(op::SetFont);
+    w.str("x").a(attr::TextData).op(op::Text);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes, &fonts);
+    ASSERT_EQ(r.diag.lines().size(), 1u) << r.warnings();
+    EXPECT_EQ(r.diag.lines()[0], "quarvex: in.pxl: PCL XL: unknown resident font \"Nowhere\"; Courier used");
+    ASSERT_EQ(r.dev.masks.size(), 5u) << r.dev.joined();
+    for (const Mask& m : r.dev.masks) {
+        size_t ink = 0;
+        for (uint8_t b : m.bits)
+            ink += size_t(__builtin_popcount(b));
+        EXPECT_GT(ink, 20u);
+    }
+    // A 120-unit (0.4 inch) Courier advances 0.6 em = 72 units = 17.28 pt a character; the second
+    // run starts where the first ended, its characters 100 units (24 pt) apart.
+    const double x0 = r.dev.maskMatrices[0].e, x1 = r.dev.maskMatrices[1].e;
+    const double x2 = r.dev.maskMatrices[2].e, x3 = r.dev.maskMatrices[3].e;
+    EXPECT_NEAR(x2 - x0, 2 * 17.28, 0.5);
+    EXPECT_NEAR((x3 - x2) - (x1 - x0), 24 - 17.28, 0.5);
+}
+
+TEST(Text, WithoutFontsTextIsSkippedWithOneWarning) {
+    XlWriter w;
+    w.start();
+    w.str("Courier").a(attr::FontName).r32(120).a(attr::CharSize).u16(629).a(attr::SymbolSet).op(op::SetFont);
+    w.str("Hi").a(attr::TextData).op(op::Text).str("Ho").a(attr::TextData).op(op::Text);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    ASSERT_EQ(r.diag.lines().size(), 1u);
+    EXPECT_NE(r.diag.lines()[0].find("no resident fonts available"), std::string::npos);
+    EXPECT_EQ(r.dev.pageCount(), 1);
+}
+
+// ------------------------------------------------------------------ errors and job boundaries
+
+TEST(Errors, MissingAttributeNamesOperatorAndPosition) {
+    XlWriter w;
+    const size_t at = w.offset();
+    w.ub(eInch).a(attr::Measure).op(op::BeginSession);
+    Outcome r;
+    interpret(r, w.bytes);
+    ASSERT_EQ(r.diag.lines().size(), 1u);
+    EXPECT_EQ(r.diag.lines()[0],
+              "quarvex: in.pxl: PCL XL: missing attribute UnitsPerMeasure in BeginSession at byte " +
+                  std::to_string(at + 4));
+}
+
+TEST(Errors, TruncatedStreamKeepsEarlierPagesAndEjectsTheMarkedOne) {
+    XlWriter w;
+    w.start().u16Box(0, 0, 10, 10).a(attr::BoundingBox).op(op::Rectangle).endPage();
+    w.beginPage().u16Box(0, 0, 10, 10).a(attr::BoundingBox).op(op::Rectangle);
+    w.raw({0xD1, 0x01});
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_EQ(r.dev.pageCount(), 2);
+    ASSERT_EQ(r.diag.lines().size(), 1u);
+    EXPECT_NE(r.diag.lines()[0].find("PCL XL: truncated uint16_xy value in attribute list at byte"), std::string::npos);
+    EXPECT_EQ(r.used, w.bytes.size());
+}
+
+TEST(Errors, AnEmptyOpenPageIsDropped) {
+    XlWriter w;
+    w.start().endPage().beginPage();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_EQ(r.dev.pageCount(), 1);
+    EXPECT_FALSE(r.diag.hasWarnings());
+}
+
+TEST(Errors, DrawingOutsideAPage) {
+    XlWriter w;
+    w.beginSession().openData();
+    const size_t at = w.offset();
+    w.u16Box(0, 0, 10, 10).a(attr::BoundingBox).op(op::Rectangle);
+    Outcome r;
+    interpret(r, w.bytes);
+    ASSERT_EQ(r.diag.lines().size(), 1u);
+    EXPECT_EQ(r.diag.lines()[0], "quarvex: in.pxl: PCL XL: drawing operator outside a page in Rectangle at byte " +
+                                     std::to_string(at + 11));
+}
+
+TEST(Errors, RunStopsInFrontOfTheNextJob) {
+    XlWriter w;
+    w.start().endPage().endSession();
+    const size_t end = w.offset();
+    w.raw("\x1b%-12345X@PJL EOJ\n");
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_EQ(r.used, end);
+    EXPECT_FALSE(r.diag.hasWarnings());
+}
+
+TEST(Streams, HighByteFirstDrawsTheSame) {
+    auto build = [](bool little) {
+        XlWriter w(little);
+        w.start().s16Xy(300, 300).a(attr::Point).op(op::SetCursor);
+        std::vector<uint8_t> pts;
+        for (int16_t v : {-100, 50, 400, -25}) {
+            auto b = w.word(uint16_t(v));
+            pts.insert(pts.end(), b.begin(), b.end());
+        }
+        w.ub(2).a(attr::NumberOfPoints).ub(eSInt16).a(attr::PointType).op(op::LineRelPath).data(pts);
+        w.u16(1000).a(attr::PenWidth).op(op::SetPenWidth).op(op::PaintPath).endPage().endSession();
+        return w.bytes;
+    };
+    Outcome a, b;
+    interpret(a, build(true));
+    interpret(b, build(false));
+    EXPECT_FALSE(a.diag.hasWarnings()) << a.warnings();
+    EXPECT_FALSE(b.diag.hasWarnings()) << b.warnings();
+    EXPECT_EQ(a.dev.joined(), b.dev.joined());
+    EXPECT_NE(a.dev.joined().find("M72,72 L48,84 L144,78"), std::string::npos) << a.dev.joined();
+}
+
+TEST(Streams, UserDefinedStreamRunsWhenExecuted) {
+    XlWriter inner;
+    inner.ub(0).a(attr::NullPen).op(op::SetPenSource).u16Box(0, 0, 300, 300).a(attr::BoundingBox).op(op::Rectangle);
+    XlWriter w;
+    w.start();
+    w.str("box").a(attr::StreamName).op(op::BeginStream);
+    w.u32(uint32_t(inner.bytes.size())).a(attr::StreamDataLength).op(op::ReadStream).data(inner.bytes);
+    w.op(op::EndStream);
+    w.str("box").a(attr::StreamName).op(op::ExecStream).str("box").a(attr::StreamName).op(op::ExecStream);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    EXPECT_EQ(r.dev.matching("fill").size(), 2u);
+}
+
+TEST(Streams, SelfExecutingStreamIsStopped) {
+    XlWriter inner;
+    inner.str("loop").a(attr::StreamName).op(op::ExecStream);
+    XlWriter w;
+    w.start();
+    w.str("loop").a(attr::StreamName).op(op::BeginStream);
+    w.u32(uint32_t(inner.bytes.size())).a(attr::StreamDataLength).op(op::ReadStream).data(inner.bytes);
+    w.op(op::EndStream).str("loop").a(attr::StreamName).op(op::ExecStream).endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    ASSERT_EQ(r.diag.lines().size(), 1u);
+    EXPECT_NE(r.diag.lines()[0].find("streams nested too deeply"), std::string::npos) << r.warnings();
+}
+
+} // namespace
+} // namespace qx::pclxl
