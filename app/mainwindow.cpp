@@ -99,7 +99,7 @@ void MainWindow::AddFile()
         strFirst = strFirst.left(iBackslash);
     settings.setValue("/SettingInfo/InputFolder", strFirst);
 
-    QString strJoined = listFiles.join(",");  // kept from the original list handling; unused
+    QString strJoined = listFiles.join(",");  // the chosen paths as one text; nothing uses it
     Q_UNUSED(strJoined);
 
     QTableWidget* table = ui->tableWidget;

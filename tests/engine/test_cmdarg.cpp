@@ -28,8 +28,8 @@ void writeSettings(const Keys& keys)
         settings.setValue("/SettingInfo/" + kv.first, kv.second);
 }
 
-// The option strings below are written with "_" for every blank, as in the examples they
-// come from; everything else is literal.
+// The option strings below are written with "_" for every blank, so that the blanks can be
+// counted; everything else is literal.
 QString blanks(QString s)
 {
     return s.replace('_', ' ');
