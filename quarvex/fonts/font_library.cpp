@@ -328,12 +328,10 @@ int FontLibrary::selectByName(std::string_view name) const {
         if (fam.compare(0, family.size(), family) != 0 && xl.compare(0, family.size(), family) != 0 &&
             family.compare(0, fam.size(), fam) != 0)
             continue;
-        // Longer family names than the match ("Helvetica Narrow" for "Helvetica") come last.
-        int score = (f.entry->bold != bold ? 2 : 0) + (f.entry->italic != italic ? 1 : 0);
-        if (fam != family && xl.compare(0, family.size(), family) != 0)
-            score += 4;
-        if (fam.size() > family.size() && fam.compare(0, family.size(), family) == 0 && fam != family)
-            score += 8;
+        // Faces named by the matched key come first; a family that only begins the key
+        // ("Times" for "TimesNew...") is a last resort. Ties keep the table's order.
+        const bool direct = fam == family || xl.compare(0, family.size(), family) == 0;
+        const int score = (f.entry->bold != bold ? 2 : 0) + (f.entry->italic != italic ? 1 : 0) + (direct ? 0 : 4);
         if (score < bestScore) {
             bestScore = score;
             best = f.info.index;

@@ -1,0 +1,1302 @@
+#include "pcl5/interpreter.h"
+
+#include "common/diagnostics.h"
+#include "pcl5/patterns.h"
+#include "pcl5/raster_decode.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+namespace qx::pcl5 {
+
+namespace {
+
+constexpr double kUnitsPerInch = 7200;
+constexpr double kUnitsPerPoint = 100;
+constexpr double kDecipoint = 10;
+constexpr size_t kMaxCursorStack = 20;
+constexpr int kStripRows = 128;
+// Values of position commands are kept to what fits on any sheet several times over.
+constexpr double kMaxPosition = 7200.0 * 200;
+
+double clampPos(double v) { return std::clamp(v, -kMaxPosition, kMaxPosition); }
+
+bool isUel(const uint8_t* p, size_t n) {
+    static const char kUel[] = "\x1b%-12345X";
+    return n >= 9 && std::memcmp(p, kUel, 9) == 0;
+}
+
+} // namespace
+
+Interpreter::Interpreter(JobContext& ctx) : m_ctx(ctx), m_dev(ctx.device), m_fonts(ctx.fonts) {
+    m_paper = *paperByCode(2);
+    reset(true);
+}
+
+Interpreter::~Interpreter() = default;
+
+void Interpreter::warnOnce(const std::string& message) {
+    if (std::find(m_warned.begin(), m_warned.end(), message) != m_warned.end())
+        return;
+    m_warned.push_back(message);
+    m_ctx.diag.warning(message);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Reset and page setup
+
+void Interpreter::reset(bool pjlDefaults) {
+    (void)pjlDefaults;
+    if (m_raster.active)
+        endRaster();
+    const PjlDefaults& pjl = m_ctx.pjl;
+    PaperSize paper = *paperByCode(2);
+    if (!pjl.paper.empty()) {
+        if (auto p = paperByName(pjl.paper))
+            paper = *p;
+    }
+    int orientation = 0;
+    if (!pjl.orientation.empty() && (pjl.orientation[0] == 'L' || pjl.orientation[0] == 'l'))
+        orientation = 1;
+    m_unitsPerInch = 300;
+    m_regLeft = 0;
+    m_regTop = 0;
+    m_perfSkip = true;
+    m_wrap = false;
+    m_lineTermination = 0;
+    m_cursorStack.clear();
+    m_underline = false;
+    m_rectWidth = m_rectHeight = 0;
+    m_patternId = 0;
+    m_currentPatternType = 0;
+    m_currentPatternId = 0;
+    m_rop = 252;
+    m_sourceTransparent = true;
+    m_patternTransparent = true;
+    m_patternRefX = m_patternRefY = 0;
+    m_userPatterns.clear();
+    m_simpleColour = 0;
+    m_pixelEncoding = 0;
+    m_bitsPerIndex = 1;
+    m_colourSpaceCmy = false;
+    defaultPalette();
+    m_foreground = -1;
+    m_foregroundRgb = Rgb::black();
+    m_rasterResolution = 75;
+    m_compression = 0;
+    m_presentation = 0;
+    m_destWidth = m_destHeight = 0;
+    m_raster = RasterState{};
+    m_displayFunctions = false;
+
+    // The default font: Courier 10 pitch 12 point Roman-8, or what PJL set.
+    FontRequest rq;
+    if (pjl.fontNumber >= 0 && m_fonts && (pjl.fontSource.empty() || pjl.fontSource == "I")) {
+        const int idx = m_fonts->selectByNumber(pjl.fontNumber);
+        if (idx >= 0) {
+            const ResidentFontInfo& info = m_fonts->info(idx);
+            rq.typeface = info.typeface;
+            rq.proportional = info.proportional;
+            rq.weight = info.bold ? 3 : 0;
+            rq.style = info.italic ? 1 : 0;
+        }
+    }
+    if (pjl.pitch > 0)
+        rq.pitch = std::clamp(pjl.pitch, 0.44, 99.99);
+    if (pjl.pointSize > 0)
+        rq.height = std::clamp(pjl.pointSize, 4.0, 999.75);
+    if (!pjl.symbolSet.empty())
+        if (auto s = parseSymbolSet(pjl.symbolSet))
+            rq.symbolSet = *s;
+    m_primary = FontState{};
+    m_primary.request = rq;
+    m_secondary = m_primary;
+    m_secondaryActive = false;
+
+    applyPageSetup(paper, orientation);
+}
+
+void Interpreter::applyPageSetup(const PaperSize& paper, int orientation) {
+    m_paper = paper;
+    m_orientation = orientation & 3;
+    const bool landscape = (m_orientation & 1) != 0;
+    const double w = paper.widthPt * kUnitsPerPoint;
+    const double h = paper.heightPt * kUnitsPerPoint;
+    m_sheetWidth = landscape ? h : w;
+    m_sheetHeight = landscape ? w : h;
+    m_offsetX = logicalPageOffset(paper, landscape);
+    m_logicalWidth = std::max(0.0, m_sheetWidth - 2 * m_offsetX);
+    m_logicalHeight = m_sheetHeight;
+    defaultTextArea();
+}
+
+void Interpreter::defaultTextArea() {
+    // Form lines from PJL give the VMI that fits them between half-inch margins.
+    if (m_ctx.pjl.formLines > 0 && m_ctx.pjl.formLines <= 128)
+        m_vmi = (m_logicalHeight - kUnitsPerInch) / m_ctx.pjl.formLines;
+    else
+        m_vmi = kUnitsPerInch / 6;
+    m_topMargin = kUnitsPerInch / 2;
+    m_textLength = m_vmi > 0 ? static_cast<int>((m_logicalHeight - kUnitsPerInch) / m_vmi + 1e-6) : 0;
+    m_leftMargin = 0;
+    m_rightMargin = m_logicalWidth;
+    selectFont(m_primary);
+    selectFont(m_secondary);
+    m_hmi = currentFont().hmi;
+    m_x = m_leftMargin;
+    m_y = firstBaseline();
+}
+
+double Interpreter::firstBaseline() const { return m_topMargin + 0.75 * m_vmi; }
+
+void Interpreter::setPaper(int code) {
+    auto paper = paperByCode(code);
+    if (!paper) {
+        warnOnce("PCL 5: unknown page size " + std::to_string(code) + " ignored");
+        return;
+    }
+    ejectPage();
+    applyPageSetup(*paper, m_orientation);
+}
+
+void Interpreter::setOrientation(int orientation) {
+    if (orientation < 0 || orientation > 3)
+        return;
+    ejectPage();
+    applyPageSetup(m_paper, orientation);
+}
+
+void Interpreter::setCustomSize(double widthUnits, double lengthUnits) {
+    // Custom paper: both sides within what printers take (3 to 17 by 5 to 47 inches, generously).
+    PaperSize p = m_paper;
+    p.code = 101;
+    p.name = "CUSTOM";
+    if (widthUnits > 0)
+        p.widthPt = std::clamp(widthUnits / kUnitsPerPoint, 72.0, 72.0 * 60);
+    if (lengthUnits > 0)
+        p.heightPt = std::clamp(lengthUnits / kUnitsPerPoint, 72.0, 72.0 * 60);
+    ejectPage();
+    applyPageSetup(p, m_orientation);
+}
+
+Matrix Interpreter::logicalToPage() const {
+    // Logical units to page points on the oriented sheet; orientations 2 and 3 turn the logical
+    // page half a turn.
+    const double s = 1.0 / kUnitsPerPoint;
+    const double ox = (m_offsetX + m_regLeft) * s;
+    const double oy = m_regTop * s;
+    if (m_orientation >= 2) {
+        const double W = m_sheetWidth * s, H = m_sheetHeight * s;
+        return Matrix{-s, 0, 0, -s, W - ox, H - oy};
+    }
+    return Matrix{s, 0, 0, s, ox, oy};
+}
+
+// ---------------------------------------------------------------------------------------------
+// Pages
+
+void Interpreter::ensurePage() {
+    if (m_pageOpen)
+        return;
+    PageSpec spec;
+    spec.widthPt = m_sheetWidth / kUnitsPerPoint;
+    spec.heightPt = m_sheetHeight / kUnitsPerPoint;
+    if (m_ctx.pjl.resolution > 0) {
+        spec.declaredDpiX = spec.declaredDpiY = m_ctx.pjl.resolution;
+    } else if (m_unitsPerInch != 300 || m_rasterResolution > 300) {
+        const double dpi = std::max(m_unitsPerInch, static_cast<double>(m_rasterResolution));
+        spec.declaredDpiX = spec.declaredDpiY = dpi;
+    }
+    m_dev.beginPage(spec);
+    m_pageOpen = true;
+}
+
+void Interpreter::ejectPage() {
+    if (m_raster.active)
+        flushStrip();
+    if (m_underline)
+        drawUnderline();
+    if (m_pageOpen) {
+        m_dev.endPage();
+        m_pageOpen = false;
+    }
+    m_x = m_leftMargin;
+    m_y = firstBaseline();
+    if (m_raster.active)
+        m_raster.y = m_y;
+    if (m_underline)
+        startUnderline();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Text
+
+void Interpreter::selectFont(FontState& f) {
+    f.fixed = !f.request.proportional;
+    if (m_fonts) {
+        f.index = m_fonts->selectPcl(f.request);
+        if (f.index >= 0)
+            f.fixed = !m_fonts->info(f.index).proportional;
+    } else {
+        f.index = -1;
+    }
+    if (f.fixed) {
+        const double pitch = std::clamp(f.request.pitch, 0.1, 200.0);
+        const double adv = (f.index >= 0 && m_fonts) ? m_fonts->metrics(f.index).fixedAdvance : 0.6;
+        f.hmi = kUnitsPerInch / pitch;
+        f.emPt = 72.0 / (pitch * (adv > 0 ? adv : 0.6));
+    } else {
+        f.emPt = std::clamp(f.request.height, 0.25, 999.75);
+        double space = 0.25;
+        if (f.index >= 0 && m_fonts) {
+            const double a = m_fonts->advance(f.index, U' ');
+            if (a > 0)
+                space = a;
+        }
+        f.hmi = space * f.emPt * kUnitsPerPoint;
+    }
+}
+
+void Interpreter::fontChanged(FontState& f) {
+    selectFont(f);
+    if (&f == &currentFont())
+        m_hmi = f.hmi;
+}
+
+void Interpreter::startUnderline() {
+    m_underlineStart = m_x;
+    m_underlineY = m_y;
+}
+
+void Interpreter::drawUnderline() {
+    const double x0 = std::min(m_underlineStart, m_x);
+    const double x1 = std::max(m_underlineStart, m_x);
+    if (x1 - x0 > 0.5 && m_underlineY == m_y) {
+        ensurePage();
+        // Three dots thick, a little below the baseline.
+        const double top = m_y + 5 * 24;
+        Path p;
+        p.addRect(x0, top, x1 - x0, 3 * 24);
+        m_dev.fillPath(p.transformed(logicalToPage()), FillRule::NonZero, currentPaint(), renderState());
+    }
+    m_underlineStart = m_x;
+    m_underlineY = m_y;
+}
+
+void Interpreter::carriageReturn() {
+    if (m_underline)
+        drawUnderline();
+    m_x = m_leftMargin;
+    if (m_underline)
+        startUnderline();
+}
+
+void Interpreter::lineFeed() {
+    if (m_underline)
+        drawUnderline();
+    m_y += m_vmi;
+    // Perforation skip: past the text area's bottom, go on to the next page.
+    if (m_perfSkip && m_vmi > 0) {
+        const double bottom = m_topMargin + m_textLength * m_vmi;
+        if (m_y > bottom + 0.75 * m_vmi + 1e-6 && m_textLength > 0) {
+            const double x = m_x;
+            formFeed();
+            m_x = x;
+        }
+    }
+    if (m_y > kMaxPosition)
+        m_y = kMaxPosition;
+    if (m_underline)
+        startUnderline();
+}
+
+void Interpreter::formFeed() {
+    // A form feed always ends the sheet that has been started; an untouched one stays unprinted.
+    ejectPage();
+}
+
+void Interpreter::printCode(uint32_t code) {
+    FontState& f = currentFont();
+    if (f.index < 0 && !m_fonts) {
+        warnOnce("PCL 5: no fonts available, text skipped");
+        m_x += m_hmi;
+        return;
+    }
+    const char32_t uc = symbolSetToUnicode(f.request.symbolSet, code);
+    double advance;
+    if (code == ' ' || (uc == U' '))
+        advance = m_hmi;
+    else if (f.fixed)
+        advance = m_hmi;
+    else if (uc != 0 && f.index >= 0)
+        advance = m_fonts->advance(f.index, uc) * f.emPt * kUnitsPerPoint;
+    else
+        advance = 0;
+
+    if (m_wrap && m_x + advance > m_rightMargin + 0.5 && m_x > m_leftMargin) {
+        carriageReturn();
+        lineFeed();
+    }
+    ensurePage(); // printing has started on this sheet
+    if (uc != 0 && uc != U' ' && f.index >= 0) {
+        const Matrix toDevice = m_dev.pageToDevice() * logicalToPage();
+        const double em = f.emPt * kUnitsPerPoint;
+        const Matrix fontToDevice = toDevice * Matrix::scale(em, -em);
+        if (auto g = m_fonts->renderGlyph(f.index, uc, Matrix{fontToDevice.a, fontToDevice.b, fontToDevice.c,
+                                                               fontToDevice.d, 0, 0})) {
+            if (g->mask.width > 0 && g->mask.height > 0) {
+                const Point pen = toDevice.apply({m_x, m_y});
+                const double ox = std::round(pen.x) + g->left;
+                const double oy = std::round(pen.y) + g->top;
+                if (auto inv = m_dev.pageToDevice().inverted())
+                    m_dev.fillMask(g->mask, *inv * Matrix::translate(ox, oy), currentPaint(), renderState());
+            }
+        }
+    }
+    m_x = clampPos(m_x + advance);
+    m_lastAdvance = advance;
+}
+
+void Interpreter::handleText(const uint8_t* text, size_t length) {
+    for (size_t i = 0; i < length; ++i) {
+        const uint8_t c = text[i];
+        if (m_displayFunctions) {
+            printCode(c);
+            if (c == '\r') {
+                carriageReturn();
+            } else if (c == '\n') {
+                lineFeed();
+            }
+            continue;
+        }
+        switch (c) {
+        case '\r':
+            carriageReturn();
+            if (m_lineTermination == 1 || m_lineTermination == 3)
+                lineFeed();
+            break;
+        case '\n':
+            if (m_lineTermination == 2 || m_lineTermination == 3)
+                carriageReturn();
+            lineFeed();
+            break;
+        case '\f':
+            if (m_lineTermination == 2 || m_lineTermination == 3)
+                carriageReturn();
+            formFeed();
+            break;
+        case '\b':
+            m_x = std::max(m_leftMargin, m_x - (m_lastAdvance > 0 ? m_lastAdvance : m_hmi));
+            break;
+        case '\t': {
+            const double tab = 8 * m_hmi;
+            if (tab > 0) {
+                const double col = std::floor((m_x - m_leftMargin) / tab + 1e-9) + 1;
+                m_x = clampPos(m_leftMargin + col * tab);
+            }
+            break;
+        }
+        case 0x0E:
+            m_secondaryActive = true;
+            m_hmi = m_secondary.hmi;
+            break;
+        case 0x0F:
+            m_secondaryActive = false;
+            m_hmi = m_primary.hmi;
+            break;
+        default:
+            if (c >= 0x20)
+                printCode(c);
+            break;
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Paint
+
+RenderState Interpreter::renderState() const {
+    RenderState rs;
+    rs.rop3 = m_rop;
+    rs.sourceTransparent = m_sourceTransparent;
+    rs.patternTransparent = m_patternTransparent;
+    return rs;
+}
+
+std::shared_ptr<PatternTile> Interpreter::placeTile(std::shared_ptr<PatternTile> tile, double pixelUnits) const {
+    tile->tileToPage = logicalToPage() * Matrix::translate(m_patternRefX, m_patternRefY) *
+                       Matrix::scale(pixelUnits, pixelUnits);
+    return tile;
+}
+
+Paint Interpreter::paintForPattern(int type, int id) const {
+    switch (type) {
+    case 0: return Paint::solid(m_foregroundRgb);
+    case 1: return Paint::solid(Rgb::white());
+    case 2:
+        if (id <= 0)
+            return Paint::solid(Rgb::white());
+        if (id >= 100)
+            return Paint::solid(m_foregroundRgb);
+        return Paint::tiled(placeTile(shadingTile(id), 24));
+    case 3: return Paint::tiled(placeTile(crossHatchTile(std::clamp(id, 1, 6)), 24));
+    case 4: {
+        auto it = m_userPatterns.find(id);
+        if (it == m_userPatterns.end())
+            return Paint::solid(m_foregroundRgb);
+        auto copy = std::make_shared<PatternTile>(*it->second);
+        return Paint::tiled(placeTile(copy, 24));
+    }
+    default: return Paint::solid(m_foregroundRgb);
+    }
+}
+
+Paint Interpreter::currentPaint(double) const { return paintForPattern(m_currentPatternType, m_currentPatternId); }
+
+void Interpreter::fillRect() {
+    double w = m_rectWidth, h = m_rectHeight;
+    if (w <= 0 || h <= 0)
+        return;
+    // Rectangles are clipped to the logical page.
+    double x0 = std::max(0.0, m_x), y0 = std::max(0.0, m_y);
+    double x1 = std::min(m_logicalWidth, m_x + w), y1 = std::min(m_logicalHeight, m_y + h);
+    if (x1 <= x0 || y1 <= y0)
+        return;
+    ensurePage();
+    Path p;
+    p.addRect(x0, y0, x1 - x0, y1 - y0);
+    const Path onPage = p.transformed(logicalToPage());
+    RenderState rs = renderState();
+    // Erase (white) rules and solid fills are painted like text; patterns follow the ROP too.
+    m_dev.fillPath(onPage, FillRule::NonZero, paintForPattern(m_patternTypeForRect, m_patternId), rs);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Colour
+
+void Interpreter::defaultPalette() {
+    m_palette = {Rgb::white(), Rgb::black()};
+}
+
+void Interpreter::setSimpleColour(int mode) {
+    if (m_raster.active)
+        endRaster();
+    m_simpleColour = mode;
+    m_pixelEncoding = 0;
+    if (mode == 3 || mode == -3) {
+        m_bitsPerIndex = 3;
+        m_palette.resize(8);
+        for (int i = 0; i < 8; ++i) {
+            const bool b0 = i & 1, b1 = i & 2, b2 = i & 4;
+            Rgb c{static_cast<uint8_t>(b0 ? 255 : 0), static_cast<uint8_t>(b1 ? 255 : 0),
+                  static_cast<uint8_t>(b2 ? 255 : 0)};
+            if (mode == 3) // CMY: bits are ink
+                c = Rgb{static_cast<uint8_t>(b0 ? 0 : 255), static_cast<uint8_t>(b1 ? 0 : 255),
+                        static_cast<uint8_t>(b2 ? 0 : 255)};
+            m_palette[static_cast<size_t>(i)] = c;
+        }
+        m_colourSpaceCmy = mode == 3;
+    } else {
+        m_bitsPerIndex = 1;
+        m_colourSpaceCmy = false;
+        defaultPalette();
+    }
+    m_foreground = m_colourSpaceCmy ? 7 : (mode == -3 ? 0 : 1);
+    m_foregroundRgb = Rgb::black();
+}
+
+void Interpreter::configureImageData(std::span<const uint8_t> data) {
+    if (data.size() < 6) {
+        warnOnce("PCL 5: short configure image data command ignored");
+        return;
+    }
+    if (m_raster.active)
+        endRaster();
+    const int space = data[0];
+    const int encoding = data[1];
+    const int bits = data[2];
+    m_simpleColour = 0;
+    m_colourSpaceCmy = space == 1;
+    if (space > 1)
+        warnOnce("PCL 5: colour space " + std::to_string(space) + " treated as RGB");
+    m_pixelEncoding = std::clamp(encoding, 0, 3);
+    if (m_pixelEncoding == 3)
+        m_bitsPerIndex = 24;
+    else if (m_pixelEncoding == 2)
+        m_bitsPerIndex = 3;
+    else
+        m_bitsPerIndex = std::clamp(bits, 1, 8);
+    // The default palette of an indexed configuration: black and white for one bit, the eight
+    // primaries for more, the rest black.
+    const int entries = m_pixelEncoding <= 1 ? (1 << m_bitsPerIndex) : 8;
+    m_palette.assign(static_cast<size_t>(entries), Rgb::black());
+    if (m_bitsPerIndex == 1 && m_pixelEncoding <= 1) {
+        m_palette[0] = Rgb::white();
+        m_palette[1] = Rgb::black();
+    } else {
+        for (int i = 0; i < std::min(entries, 8); ++i) {
+            const bool r = i & 1, g = i & 2, b = i & 4;
+            Rgb c{static_cast<uint8_t>(r ? 255 : 0), static_cast<uint8_t>(g ? 255 : 0), static_cast<uint8_t>(b ? 255 : 0)};
+            if (m_colourSpaceCmy)
+                c = Rgb{static_cast<uint8_t>(255 - c.r), static_cast<uint8_t>(255 - c.g), static_cast<uint8_t>(255 - c.b)};
+            m_palette[static_cast<size_t>(i)] = c;
+        }
+    }
+    m_foreground = -1;
+    m_foregroundRgb = Rgb::black();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Raster graphics
+
+int Interpreter::planes() const {
+    if (m_simpleColour == 3 || m_simpleColour == -3)
+        return 3;
+    if (m_pixelEncoding == 0)
+        return m_bitsPerIndex;
+    if (m_pixelEncoding == 2)
+        return 3;
+    return 1;
+}
+
+int Interpreter::rasterWidthPixels() const {
+    // The raster may not reach past the logical page's right edge.
+    const double room = std::max(0.0, m_logicalWidth - m_raster.left);
+    const int maxPixels = static_cast<int>(std::ceil(room / rasterPixelUnits()));
+    if (m_raster.width > 0)
+        return std::min(m_raster.width, maxPixels);
+    return maxPixels;
+}
+
+void Interpreter::startRaster(int mode) {
+    if (m_raster.active)
+        return;
+    m_raster.active = true;
+    m_raster.left = (mode == 1 || mode == 3) ? m_x : 0;
+    m_raster.y = m_y;
+    m_raster.rowsDone = 0;
+    m_raster.planeIndex = 0;
+    m_raster.stripRows = 0;
+    m_raster.strip.clear();
+    m_raster.stripWidth = rasterWidthPixels();
+    const bool colour = !(m_simpleColour == 0 && m_pixelEncoding <= 1 && m_bitsPerIndex == 1 &&
+                          m_palette.size() == 2 && m_palette[0] == Rgb::white() && m_palette[1] == Rgb::black());
+    m_raster.stripColour = colour;
+    m_raster.seeds.assign(static_cast<size_t>(planes()), {});
+    if (m_raster.stripWidth <= 0)
+        return;
+    if (m_rasterResolution <= 0)
+        m_rasterResolution = 75;
+}
+
+void Interpreter::endRaster() {
+    if (!m_raster.active)
+        return;
+    flushStrip();
+    m_raster.active = false;
+    m_y = m_raster.y;
+}
+
+void Interpreter::flushStrip() {
+    RasterState& r = m_raster;
+    if (r.stripRows <= 0 || r.stripWidth <= 0) {
+        r.stripRows = 0;
+        r.strip.clear();
+        return;
+    }
+    ensurePage();
+    const double px = rasterPixelUnits();
+    const Matrix toPage = logicalToPage() * Matrix::translate(r.left, r.stripTop) * Matrix::scale(px, px);
+    if (!r.stripColour) {
+        Mask m;
+        m.width = r.stripWidth;
+        m.height = r.stripRows;
+        m.stride = static_cast<size_t>((r.stripWidth + 7) / 8);
+        m.bits = std::move(r.strip);
+        bool any = false;
+        for (uint8_t b : m.bits)
+            if (b) {
+                any = true;
+                break;
+            }
+        if (!m_sourceTransparent) {
+            // Opaque source: the white pixels are painted white too.
+            Mask inverse = m;
+            for (uint8_t& b : inverse.bits)
+                b = static_cast<uint8_t>(~b);
+            RenderState rs = renderState();
+            m_dev.fillMask(inverse, toPage, Paint::solid(Rgb::white()), rs);
+        }
+        if (any)
+            m_dev.fillMask(m, toPage, currentPaint(), renderState());
+    } else {
+        Image img;
+        img.width = r.stripWidth;
+        img.height = r.stripRows;
+        img.format = Image::Format::Rgb24;
+        img.stride = static_cast<size_t>(r.stripWidth) * 3;
+        img.data = std::move(r.strip);
+        m_dev.drawImage(img, toPage, currentPaint(), renderState());
+    }
+    r.strip.clear();
+    r.stripRows = 0;
+}
+
+void Interpreter::rasterYOffset(int rows) {
+    if (!m_raster.active)
+        startRaster(0);
+    flushStrip();
+    if (rows <= 0)
+        return;
+    const double maxRows = m_logicalHeight / rasterPixelUnits() + 1;
+    rows = static_cast<int>(std::min<double>(rows, maxRows));
+    m_raster.y += rows * rasterPixelUnits();
+    m_raster.rowsDone += rows;
+    for (auto& s : m_raster.seeds)
+        std::fill(s.begin(), s.end(), 0);
+}
+
+void Interpreter::emitRow(const std::vector<std::vector<uint8_t>>& planeRows) {
+    RasterState& r = m_raster;
+    if (r.height > 0 && r.rowsDone >= r.height)
+        return;
+    const double px = rasterPixelUnits();
+    const bool visible = r.y < m_logicalHeight + px && r.y > -kMaxPosition && r.stripWidth > 0;
+    if (visible) {
+        if (r.stripRows == 0)
+            r.stripTop = r.y;
+        const int w = r.stripWidth;
+        if (!r.stripColour) {
+            const size_t stride = static_cast<size_t>((w + 7) / 8);
+            const size_t at = r.strip.size();
+            r.strip.resize(at + stride, 0);
+            const auto& row = planeRows[0];
+            std::memcpy(r.strip.data() + at, row.data(), std::min(stride, row.size()));
+            if (w % 8)
+                r.strip[at + stride - 1] &= static_cast<uint8_t>(0xFF << (8 - w % 8));
+        } else {
+            const size_t at = r.strip.size();
+            r.strip.resize(at + static_cast<size_t>(w) * 3, 255);
+            uint8_t* out = r.strip.data() + at;
+            const auto bit = [](const std::vector<uint8_t>& row, int x) -> int {
+                const size_t byte = static_cast<size_t>(x) / 8;
+                return byte < row.size() ? (row[byte] >> (7 - x % 8)) & 1 : 0;
+            };
+            for (int x = 0; x < w; ++x) {
+                Rgb c;
+                if (m_pixelEncoding == 3 && m_simpleColour == 0) {
+                    const auto& row = planeRows[0];
+                    const size_t o = static_cast<size_t>(x) * 3;
+                    if (o + 2 < row.size())
+                        c = Rgb{row[o], row[o + 1], row[o + 2]};
+                    else
+                        c = Rgb::white();
+                    if (m_colourSpaceCmy)
+                        c = Rgb{static_cast<uint8_t>(255 - c.r), static_cast<uint8_t>(255 - c.g),
+                                static_cast<uint8_t>(255 - c.b)};
+                } else if (m_pixelEncoding == 2 && m_simpleColour == 0) {
+                    const int rb = bit(planeRows[0], x), gb = bit(planeRows[1], x), bb = bit(planeRows[2], x);
+                    c = Rgb{static_cast<uint8_t>(rb ? 255 : 0), static_cast<uint8_t>(gb ? 255 : 0),
+                            static_cast<uint8_t>(bb ? 255 : 0)};
+                    if (m_colourSpaceCmy)
+                        c = Rgb{static_cast<uint8_t>(255 - c.r), static_cast<uint8_t>(255 - c.g),
+                                static_cast<uint8_t>(255 - c.b)};
+                } else if (m_pixelEncoding == 1 && m_simpleColour == 0) {
+                    const auto& row = planeRows[0];
+                    const int bpi = m_bitsPerIndex;
+                    const size_t bitPos = static_cast<size_t>(x) * static_cast<size_t>(bpi);
+                    int index = 0;
+                    if ((bitPos + static_cast<size_t>(bpi) + 7) / 8 <= row.size() + 1) {
+                        for (int k = 0; k < bpi; ++k) {
+                            const size_t b = bitPos + static_cast<size_t>(k);
+                            const size_t byte = b / 8;
+                            index = (index << 1) | (byte < row.size() ? (row[byte] >> (7 - b % 8)) & 1 : 0);
+                        }
+                    }
+                    c = static_cast<size_t>(index) < m_palette.size() ? m_palette[static_cast<size_t>(index)]
+                                                                       : Rgb::black();
+                } else {
+                    int index = 0;
+                    for (size_t p = 0; p < planeRows.size(); ++p)
+                        index |= bit(planeRows[p], x) << p;
+                    c = static_cast<size_t>(index) < m_palette.size() ? m_palette[static_cast<size_t>(index)]
+                                                                       : Rgb::black();
+                }
+                out[x * 3] = c.r;
+                out[x * 3 + 1] = c.g;
+                out[x * 3 + 2] = c.b;
+            }
+        }
+        ++r.stripRows;
+        if (r.stripRows >= kStripRows)
+            flushStrip();
+    }
+    r.y += px;
+    ++r.rowsDone;
+}
+
+void Interpreter::rasterData(std::span<const uint8_t> data, bool lastPlane) {
+    if (!m_raster.active)
+        startRaster(0);
+    RasterState& r = m_raster;
+    const int nPlanes = static_cast<int>(r.seeds.size());
+    if (nPlanes <= 0)
+        return;
+    // Bytes of one row of one plane.
+    size_t rowBytes;
+    const size_t w = static_cast<size_t>(std::max(r.stripWidth, 0));
+    if (m_pixelEncoding == 3 && m_simpleColour == 0)
+        rowBytes = w * 3;
+    else if (m_pixelEncoding == 1 && m_simpleColour == 0)
+        rowBytes = (w * static_cast<size_t>(m_bitsPerIndex) + 7) / 8;
+    else
+        rowBytes = (w + 7) / 8;
+    for (auto& s : r.seeds)
+        if (s.size() != rowBytes)
+            s.resize(rowBytes, 0);
+
+    if (m_compression == 5) {
+        // A block of rows for a single plane job.
+        decodeAdaptive(data, r.seeds[0], [&](const std::vector<uint8_t>&) {
+            if (r.height > 0 && r.rowsDone >= r.height)
+                return false;
+            if (r.y > m_logicalHeight + rasterPixelUnits())
+                return false;
+            emitRow(r.seeds);
+            return true;
+        });
+        r.planeIndex = 0;
+        return;
+    }
+    if (r.planeIndex >= nPlanes) {
+        // More planes than the configuration has: the extra ones are dropped.
+        if (lastPlane)
+            r.planeIndex = 0;
+        return;
+    }
+    auto& row = r.seeds[static_cast<size_t>(r.planeIndex)];
+    if (!decodeRow(m_compression, data, row)) {
+        warnOnce("PCL 5: raster compression method " + std::to_string(m_compression) + " not supported");
+        std::fill(row.begin(), row.end(), 0);
+    }
+    ++r.planeIndex;
+    if (lastPlane) {
+        // Planes not sent in this row are zero.
+        for (int p = r.planeIndex; p < nPlanes; ++p)
+            std::fill(r.seeds[static_cast<size_t>(p)].begin(), r.seeds[static_cast<size_t>(p)].end(), 0);
+        emitRow(r.seeds);
+        r.planeIndex = 0;
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Commands
+
+void Interpreter::handleEscape2(uint8_t c) {
+    switch (c) {
+    case 'E': // reset
+        ejectPage();
+        reset(true);
+        break;
+    case '9': // clear horizontal margins
+        m_leftMargin = 0;
+        m_rightMargin = m_logicalWidth;
+        break;
+    case '=': // half line feed
+        m_y = clampPos(m_y + m_vmi / 2);
+        break;
+    case 'Y': m_displayFunctions = true; break;
+    case 'Z': m_displayFunctions = false; break;
+    case 'z': break; // self test
+    default: break;
+    }
+}
+
+void Interpreter::handleFontCommand(const Command& cmd, bool secondary) {
+    FontState& f = secondary ? m_secondary : m_primary;
+    const double v = cmd.value;
+    if (cmd.group == 0) {
+        if (cmd.final == '@') {
+            // ESC(3@: the default font.
+            if (cmd.intValue() == 3) {
+                const FontRequest saved = f.request;
+                (void)saved;
+                f.request = FontRequest{};
+                fontChanged(f);
+            }
+            return;
+        }
+        if (cmd.final == 'X') {
+            warnOnce("PCL 5: font selection by ID (downloaded fonts) not supported");
+            return;
+        }
+        const int number = cmd.intValue();
+        if (number >= 0 && number <= 2047) {
+            f.request.symbolSet = symbolSetId(number, static_cast<char>(cmd.final));
+            fontChanged(f);
+        }
+        return;
+    }
+    if (cmd.group != 's')
+        return;
+    switch (cmd.final) {
+    case 'P': f.request.proportional = cmd.intValue() == 1; break;
+    case 'H':
+        if (v > 0)
+            f.request.pitch = std::clamp(v, 0.44, 999.99);
+        break;
+    case 'V':
+        if (v > 0)
+            f.request.height = std::clamp(v, 0.25, 999.75);
+        break;
+    case 'S': f.request.style = std::clamp(cmd.intValue(), 0, 32767); break;
+    case 'B': f.request.weight = std::clamp(cmd.intValue(), -7, 7); break;
+    case 'T': f.request.typeface = std::clamp(cmd.intValue(), 0, 65535); break;
+    default: return;
+    }
+    fontChanged(f);
+}
+
+void Interpreter::handleParam(Parser& parser, const Command& cmd) {
+    const uint8_t p = cmd.parameter, g = cmd.group, f = cmd.final;
+    const double v = cmd.value;
+    const int iv = cmd.intValue();
+    const bool relative = cmd.sign != 0;
+
+    // Commands that carry data.
+    if (f == 'W' && !(p == '&' && g == 'k')) {
+        handleDataCommand(parser, cmd);
+        return;
+    }
+    if (p == '&' && g == 'p' && f == 'X') {
+        handleDataCommand(parser, cmd);
+        return;
+    }
+
+    if (p == '(' || p == ')') {
+        handleFontCommand(cmd, p == ')');
+        return;
+    }
+
+    if (p == '&' && g == 'l') {
+        switch (f) {
+        case 'A': setPaper(iv); break;
+        case 'O': setOrientation(iv); break;
+        case 'E': // top margin in lines
+            if (iv >= 0 && m_vmi * iv < m_logicalHeight) {
+                m_topMargin = iv * m_vmi;
+                m_textLength = m_vmi > 0 ? static_cast<int>((m_logicalHeight - m_topMargin - kUnitsPerInch / 2) / m_vmi) : 0;
+            }
+            break;
+        case 'F':
+            if (iv >= 0 && m_vmi * iv <= m_logicalHeight)
+                m_textLength = iv;
+            break;
+        case 'D':
+            if (v == 0 || v == 1 || v == 2 || v == 3 || v == 4 || v == 6 || v == 8 || v == 12 || v == 16 ||
+                v == 24 || v == 48)
+                m_vmi = v == 0 ? 0 : kUnitsPerInch / v;
+            break;
+        case 'C':
+            if (v >= 0 && v <= 336)
+                m_vmi = v * kUnitsPerInch / 48;
+            break;
+        case 'L': m_perfSkip = iv != 0; break;
+        case 'U': m_regLeft = std::clamp(v, -32767.0, 32767.0) * kDecipoint; break;
+        case 'Z':
+            // Top registration trims a printer's paper path to its drivers' expectation (they
+            // send +36 decipoints); the sheet here already starts where they expect it.
+            break;
+        case 'P': break; // page length in lines: the paper decides here
+        case 'X': case 'H': case 'G': case 'S': case 'M': case 'T': break; // copies, trays, bins, duplex
+        default: break;
+        }
+        return;
+    }
+    if (p == '&' && g == 'a') {
+        switch (f) {
+        case 'R': {
+            const double dy = v * m_vmi;
+            m_y = clampPos(relative ? m_y + dy : m_topMargin + 0.75 * m_vmi + dy);
+            break;
+        }
+        case 'C': {
+            const double dx = v * m_hmi;
+            m_x = clampPos(relative ? m_x + dx : m_leftMargin + dx);
+            break;
+        }
+        case 'H': m_x = clampPos(relative ? m_x + v * kDecipoint : v * kDecipoint); break;
+        case 'V': m_y = clampPos(relative ? m_y + v * kDecipoint : m_topMargin + v * kDecipoint); break;
+        case 'L':
+            if (iv >= 0 && iv * m_hmi < m_rightMargin)
+                m_leftMargin = iv * m_hmi;
+            break;
+        case 'M':
+            if (iv >= 0 && (iv + 1) * m_hmi > m_leftMargin)
+                m_rightMargin = std::min(m_logicalWidth, (iv + 1) * m_hmi);
+            break;
+        case 'P':
+            if (iv != 0)
+                warnOnce("PCL 5: print direction " + std::to_string(iv) + " not supported");
+            break;
+        case 'G': ejectPage(); break; // duplex page side
+        default: break;
+        }
+        return;
+    }
+    if (p == '&' && g == 'k') {
+        switch (f) {
+        case 'H':
+            if (v >= 0 && v <= 32767)
+                m_hmi = v * kUnitsPerInch / 120;
+            break;
+        case 'G': m_lineTermination = std::clamp(iv, 0, 3); break;
+        case 'S': {
+            // Pitch mode: 0 = 10, 2 = compressed 16.67, 4 = elite 12.
+            double pitch = 10;
+            if (iv == 2)
+                pitch = 16.67;
+            else if (iv == 4)
+                pitch = 12;
+            else if (iv != 0)
+                return;
+            m_primary.request.pitch = pitch;
+            fontChanged(m_primary);
+            break;
+        }
+        default: break;
+        }
+        return;
+    }
+    if (p == '&' && g == 's' && f == 'C') {
+        m_wrap = iv == 0;
+        return;
+    }
+    if (p == '&' && g == 'f' && f == 'S') {
+        if (iv == 0) {
+            if (m_cursorStack.size() < kMaxCursorStack)
+                m_cursorStack.emplace_back(m_x, m_y);
+        } else if (iv == 1 && !m_cursorStack.empty()) {
+            m_x = m_cursorStack.back().first;
+            m_y = m_cursorStack.back().second;
+            m_cursorStack.pop_back();
+        }
+        return;
+    }
+    if (p == '&' && g == 'd') {
+        if (f == 'D') {
+            if (m_underline)
+                drawUnderline();
+            m_underline = true;
+            m_underlineFloating = iv == 3;
+            startUnderline();
+        } else if (f == '@') {
+            if (m_underline)
+                drawUnderline();
+            m_underline = false;
+        }
+        return;
+    }
+    if (p == '&' && g == 'u' && f == 'D') {
+        if (v >= 96 && v <= 7200)
+            m_unitsPerInch = v;
+        return;
+    }
+    if (p == '*' && g == 'p') {
+        const double unit = kUnitsPerInch / m_unitsPerInch;
+        if (f == 'X')
+            m_x = clampPos(relative ? m_x + v * unit : v * unit);
+        else if (f == 'Y')
+            m_y = clampPos(relative ? m_y + v * unit : m_topMargin + v * unit);
+        else if (f == 'R') {
+            m_patternRefX = m_x;
+            m_patternRefY = m_y;
+        }
+        if (m_raster.active && (f == 'X' || f == 'Y')) {
+            // Moving the cursor inside a raster block restarts the rows there.
+            flushStrip();
+            m_raster.y = m_y;
+        }
+        return;
+    }
+    if (p == '*' && g == 'c') {
+        const double unit = kUnitsPerInch / m_unitsPerInch;
+        switch (f) {
+        case 'A': m_rectWidth = std::clamp(v, 0.0, 1e6) * unit; break;
+        case 'B': m_rectHeight = std::clamp(v, 0.0, 1e6) * unit; break;
+        case 'H': m_rectWidth = std::clamp(v, 0.0, 1e6) * kDecipoint; break;
+        case 'V': m_rectHeight = std::clamp(v, 0.0, 1e6) * kDecipoint; break;
+        case 'G': m_patternId = iv; break;
+        case 'P': {
+            int type;
+            switch (iv) {
+            case 0: type = 0; break;
+            case 1: type = 1; break;
+            case 2: type = 2; break;
+            case 3: type = 3; break;
+            case 4: type = 4; break;
+            case 5: type = m_currentPatternType; break;
+            default: return;
+            }
+            m_patternTypeForRect = type;
+            const int savedId = m_patternId;
+            if (iv == 5)
+                m_patternId = m_currentPatternId;
+            if (iv == 1) {
+                // Erase: white, always opaque.
+                const auto savedRop = m_rop;
+                const bool st = m_sourceTransparent, pt = m_patternTransparent;
+                m_rop = 252;
+                m_sourceTransparent = m_patternTransparent = false;
+                fillRect();
+                m_rop = savedRop;
+                m_sourceTransparent = st;
+                m_patternTransparent = pt;
+            } else {
+                fillRect();
+            }
+            m_patternId = savedId;
+            break;
+        }
+        case 'Q': break; // pattern control
+        case 'D': case 'E': case 'F': case 'R': case 'S': case 'T': case 'K': case 'L': break;
+        default: break;
+        }
+        return;
+    }
+    if (p == '*' && g == 't') {
+        if (f == 'R') {
+            if (m_raster.active)
+                return;
+            if (iv == 75 || iv == 100 || iv == 150 || iv == 200 || iv == 300 || iv == 600 || iv == 1200)
+                m_rasterResolution = iv;
+            else if (iv > 0)
+                warnOnce("PCL 5: raster resolution " + std::to_string(iv) + " not supported");
+        } else if (f == 'H') {
+            m_destWidth = std::max(0.0, v);
+        } else if (f == 'V') {
+            m_destHeight = std::max(0.0, v);
+        }
+        return;
+    }
+    if (p == '*' && g == 'r') {
+        switch (f) {
+        case 'A': startRaster(iv); break;
+        case 'B': endRaster(); break;
+        case 'C':
+            endRaster();
+            m_compression = 0;
+            break;
+        case 'S':
+            if (!m_raster.active)
+                m_raster.width = std::clamp(iv, 0, 65535);
+            break;
+        case 'T':
+            if (!m_raster.active)
+                m_raster.height = std::clamp(iv, 0, 65535);
+            break;
+        case 'F':
+            if (!m_raster.active && (iv == 0 || iv == 3))
+                m_presentation = iv;
+            break;
+        case 'U':
+            if (iv == 1 || iv == 3 || iv == -3)
+                setSimpleColour(iv);
+            break;
+        default: break;
+        }
+        return;
+    }
+    if (p == '*' && g == 'b') {
+        switch (f) {
+        case 'M':
+            if (knownCompression(iv))
+                m_compression = iv;
+            else
+                warnOnce("PCL 5: raster compression method " + std::to_string(iv) + " not supported");
+            break;
+        case 'Y': rasterYOffset(std::clamp(iv, 0, 1 << 20)); break;
+        case 'V': handleDataCommand(parser, cmd); break;
+        default: break;
+        }
+        return;
+    }
+    if (p == '*' && g == 'v') {
+        switch (f) {
+        case 'A': m_componentValues[0] = v; break;
+        case 'B': m_componentValues[1] = v; break;
+        case 'C': m_componentValues[2] = v; break;
+        case 'I':
+            if (iv >= 0 && static_cast<size_t>(iv) < m_palette.size()) {
+                const auto comp = [&](double c) {
+                    const double x = std::clamp(c, 0.0, 255.0);
+                    return static_cast<uint8_t>(m_colourSpaceCmy ? 255 - x : x);
+                };
+                m_palette[static_cast<size_t>(iv)] =
+                    Rgb{comp(m_componentValues[0]), comp(m_componentValues[1]), comp(m_componentValues[2])};
+            }
+            m_componentValues = {0, 0, 0};
+            break;
+        case 'S':
+            if (iv >= 0 && static_cast<size_t>(iv) < m_palette.size()) {
+                m_foreground = iv;
+                m_foregroundRgb = m_palette[static_cast<size_t>(iv)];
+            }
+            break;
+        case 'N': m_sourceTransparent = iv == 0; break;
+        case 'O': m_patternTransparent = iv == 0; break;
+        case 'T':
+            if (iv >= 0 && iv <= 4) {
+                m_currentPatternType = iv;
+                m_currentPatternId = m_patternId;
+            }
+            break;
+        default: break;
+        }
+        return;
+    }
+    if (p == '*' && g == 'l' && f == 'O') {
+        if (iv >= 0 && iv <= 255)
+            m_rop = static_cast<uint8_t>(iv);
+        return;
+    }
+}
+
+void Interpreter::handleDataCommand(Parser& parser, const Command& cmd) {
+    const uint8_t p = cmd.parameter, g = cmd.group, f = cmd.final;
+    const int count = std::max(0, cmd.intValue());
+    std::span<const uint8_t> data = parser.takeData(static_cast<size_t>(count));
+    if (data.size() < static_cast<size_t>(count))
+        warnOnce("PCL 5: data of a command is cut short (truncated input)");
+
+    if (p == '*' && g == 'b') {
+        rasterData(data, f == 'W');
+        return;
+    }
+    if (p == '*' && g == 'v' && f == 'W') {
+        configureImageData(data);
+        return;
+    }
+    if (p == '&' && g == 'p' && f == 'X') {
+        for (uint8_t c : data)
+            printCode(c);
+        return;
+    }
+    if (p == '*' && g == 'c' && f == 'W') {
+        // User-defined pattern: format, continuation, pixel encoding, reserved, height, width, bits.
+        if (data.size() < 8) {
+            warnOnce("PCL 5: short pattern definition ignored");
+            return;
+        }
+        const int format = data[0];
+        const int height = (data[4] << 8) | data[5];
+        const int width = (data[6] << 8) | data[7];
+        const size_t header = format == 20 ? 12 : 8;
+        if (format != 0 && format != 20) {
+            warnOnce("PCL 5: colour user patterns not supported");
+            return;
+        }
+        if (width <= 0 || height <= 0 || width > 4096 || height > 4096)
+            return;
+        const size_t stride = static_cast<size_t>((width + 7) / 8);
+        auto tile = std::make_shared<PatternTile>();
+        tile->width = width;
+        tile->height = height;
+        tile->pixels.assign(static_cast<size_t>(width) * static_cast<size_t>(height), Rgb::white());
+        for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x) {
+                const size_t byte = header + static_cast<size_t>(y) * stride + static_cast<size_t>(x / 8);
+                if (byte < data.size() && (data[byte] >> (7 - x % 8)) & 1)
+                    tile->pixels[static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)] =
+                        m_foregroundRgb;
+            }
+        m_userPatterns[m_patternId] = tile;
+        return;
+    }
+    if ((p == ')' || p == '(') && g == 's' && f == 'W') {
+        warnOnce("PCL 5: downloaded fonts not supported, their text uses resident fonts");
+        return;
+    }
+    // Everything else that carries data (configurations, palettes, lookup tables) is skipped.
+}
+
+bool Interpreter::skipHpgl(Parser& parser) {
+    // HP-GL/2 runs until ESC%#A (back to PCL), ESC E or the end of the job.
+    warnOnce("PCL 5: HP-GL/2 graphics not supported, skipped");
+    const uint8_t* d = parser.data();
+    const size_t n = parser.size();
+    size_t pos = parser.position();
+    while (pos < n) {
+        const void* hit = std::memchr(d + pos, 0x1B, n - pos);
+        if (!hit) {
+            parser.setPosition(n);
+            return true;
+        }
+        pos = static_cast<size_t>(static_cast<const uint8_t*>(hit) - d);
+        if (isUel(d + pos, n - pos)) {
+            parser.setPosition(pos);
+            return true;
+        }
+        Parser sub(d, n);
+        sub.setPosition(pos);
+        const Command c = sub.next();
+        if (c.kind == Command::Kind::Escape2 && c.final == 'E') {
+            parser.setPosition(pos);
+            return true;
+        }
+        if (c.kind == Command::Kind::Param && c.parameter == '%' && c.group == 0 && c.final == 'A') {
+            parser.setPosition(sub.position());
+            return true;
+        }
+        pos = std::max(pos + 1, sub.position());
+    }
+    parser.setPosition(n);
+    return true;
+}
+
+size_t Interpreter::run(const uint8_t* data, size_t size) {
+    Parser parser(data, size);
+    size_t stop = size;
+    for (;;) {
+        const Command cmd = parser.next();
+        if (cmd.kind == Command::Kind::End)
+            break;
+        if (cmd.kind == Command::Kind::Text) {
+            handleText(cmd.text, cmd.textLength);
+            continue;
+        }
+        if (cmd.kind == Command::Kind::Escape2) {
+            handleEscape2(cmd.final);
+            continue;
+        }
+        if (cmd.parameter == '%' && cmd.group == 0) {
+            if (cmd.final == 'X' && cmd.value == -12345) {
+                stop = cmd.offset;
+                break;
+            }
+            if (cmd.final == 'B') {
+                if (m_raster.active)
+                    endRaster();
+                skipHpgl(parser);
+            }
+            continue;
+        }
+        handleParam(parser, cmd);
+    }
+    if (parser.truncated())
+        warnOnce("PCL 5: the data ends inside a command (truncated input)");
+    if (parser.malformed() > 0)
+        warnOnce("PCL 5: malformed escape sequences skipped");
+    if (m_raster.active)
+        endRaster();
+    if (m_underline)
+        drawUnderline();
+    if (m_pageOpen) {
+        m_dev.endPage();
+        m_pageOpen = false;
+    }
+    return stop;
+}
+
+} // namespace qx::pcl5

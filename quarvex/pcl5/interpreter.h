@@ -1,0 +1,188 @@
+#pragma once
+// The PCL 5 interpreter: acts on the commands the parser splits the job into and describes the
+// pages through the job's Device.
+//
+// Internal lengths are in 1/7200 inch ("units": a decipoint is 10, a 300 dpi dot 24, a point
+// 100). Positions are in the logical page: x from its left edge, y from its top edge, both in
+// the print direction of the current orientation.
+
+#include "common/job.h"
+#include "fonts/font_library.h"
+#include "pcl5/page_formats.h"
+#include "pcl5/parser.h"
+#include "render/device.h"
+
+#include <array>
+#include <map>
+#include <memory>
+#include <vector>
+
+namespace qx::pcl5 {
+
+class Interpreter {
+public:
+    explicit Interpreter(JobContext& ctx);
+    ~Interpreter();
+
+    // Interprets data; returns the bytes used (stops in front of a Universal Exit Language).
+    size_t run(const uint8_t* data, size_t size);
+
+private:
+    struct FontState {
+        FontRequest request;
+        int index = -1;       // selected resident font, -1 = to be selected
+        double emPt = 12;     // the em size in points for the request
+        double hmi = 720;     // the font's own HMI in units
+        bool fixed = true;
+    };
+
+    struct RasterState {
+        bool active = false;
+        double left = 0;           // logical x of the left raster margin
+        double y = 0;              // logical y of the next row's top
+        int width = 0;             // source pixels; 0 = to the page's edge
+        int height = 0;            // rows; 0 = no limit
+        int rowsDone = 0;
+        int planeIndex = 0;
+        // The strip being gathered, flushed as one mask / image.
+        int stripWidth = 0;
+        int stripRows = 0;
+        double stripTop = 0;
+        std::vector<uint8_t> strip;      // 1-bit rows (mono) or RGB rows (colour)
+        bool stripColour = false;
+        std::vector<std::vector<uint8_t>> seeds; // one seed row per plane
+    };
+
+    // Commands
+    void handleText(const uint8_t* text, size_t length);
+    void handleEscape2(uint8_t c);
+    void handleParam(Parser& parser, const Command& cmd);
+    void handleDataCommand(Parser& parser, const Command& cmd);
+    void handleFontCommand(const Command& cmd, bool secondary);
+    bool skipHpgl(Parser& parser);
+
+    // Page setup
+    void reset(bool pjlDefaults);
+    void applyPageSetup(const PaperSize& paper, int orientation);
+    void defaultTextArea();
+    void setPaper(int code);
+    void setOrientation(int orientation);
+    void setCustomSize(double widthUnits, double lengthUnits);
+    double pageLength() const { return m_logicalHeight; }
+    Matrix logicalToPage() const;
+
+    // Page lifetime
+    void ensurePage();
+    void ejectPage();
+    void markPage() { ensurePage(); }
+
+    // Cursor and text
+    void carriageReturn();
+    void lineFeed();
+    void formFeed();
+    void printCode(uint32_t code);
+    double firstBaseline() const;
+    FontState& currentFont() { return m_secondaryActive ? m_secondary : m_primary; }
+    void selectFont(FontState& f);
+    void fontChanged(FontState& f);
+    void drawUnderline();
+    void startUnderline();
+
+    // Graphics
+    Paint currentPaint(double patternUnits = 24) const;
+    RenderState renderState() const;
+    Paint paintForPattern(int type, int id) const;
+    void fillRect();
+    std::shared_ptr<PatternTile> placeTile(std::shared_ptr<PatternTile> tile, double pixelUnits) const;
+
+    // Raster
+    void startRaster(int mode);
+    void endRaster();
+    void rasterData(std::span<const uint8_t> data, bool lastPlane);
+    void rasterRowDone();
+    void rasterYOffset(int rows);
+    void flushStrip();
+    int rasterWidthPixels() const;
+    double rasterPixelUnits() const { return 7200.0 / m_rasterResolution; }
+    int planes() const;
+    void emitRow(const std::vector<std::vector<uint8_t>>& planes);
+
+    // Colour
+    void setSimpleColour(int mode);
+    void configureImageData(std::span<const uint8_t> data);
+    void defaultPalette();
+
+    void warnOnce(const std::string& message);
+
+    JobContext& m_ctx;
+    Device& m_dev;
+    const FontLibrary* m_fonts;
+
+    // Page
+    PaperSize m_paper;
+    int m_orientation = 0;
+    bool m_pageOpen = false;
+    double m_offsetX = 1800;        // logical page left edge from the sheet edge (oriented)
+    double m_logicalWidth = 0;
+    double m_logicalHeight = 0;
+    double m_sheetWidth = 0;        // oriented sheet, units
+    double m_sheetHeight = 0;
+    double m_regLeft = 0;           // registration offsets
+    double m_regTop = 0;
+    double m_unitsPerInch = 300;
+
+    // Text area and cursor
+    double m_x = 0, m_y = 0;
+    double m_leftMargin = 0, m_rightMargin = 0, m_topMargin = 3600;
+    int m_textLength = 60;
+    double m_vmi = 1200;
+    double m_hmi = 720;
+    bool m_perfSkip = true;
+    bool m_wrap = false;
+    int m_lineTermination = 0;
+    std::vector<std::pair<double, double>> m_cursorStack;
+    bool m_underline = false;
+    bool m_underlineFloating = false;
+    double m_underlineStart = 0;
+    double m_underlineY = 0;
+    double m_lastAdvance = 0;
+
+    FontState m_primary;
+    FontState m_secondary;
+    bool m_secondaryActive = false;
+
+    // Graphics state
+    double m_rectWidth = 0, m_rectHeight = 0;
+    int m_patternId = 0;
+    int m_patternTypeForRect = 0;
+    int m_currentPatternType = 0; // ESC*v#T: 0 solid black (foreground), 1 white, 2 shade, 3 hatch, 4 user
+    int m_currentPatternId = 0;
+    uint8_t m_rop = 252;
+    bool m_sourceTransparent = true;
+    bool m_patternTransparent = true;
+    double m_patternRefX = 0, m_patternRefY = 0;
+    std::map<int, std::shared_ptr<PatternTile>> m_userPatterns;
+
+    // Colour
+    std::vector<Rgb> m_palette;
+    int m_foreground = 1;  // palette index of the foreground colour, -1 = black
+    Rgb m_foregroundRgb = Rgb::black();
+    int m_pixelEncoding = 0; // 0 indexed by plane, 1 indexed by pixel, 2 direct by plane, 3 direct by pixel
+    int m_bitsPerIndex = 1;
+    bool m_colourSpaceCmy = false;
+    bool m_simpleColourCmy = false;
+    int m_simpleColour = 0; // 0 = none (monochrome), 1, 3, -3
+    std::array<double, 3> m_componentValues{0, 0, 0};
+
+    // Raster
+    RasterState m_raster;
+    int m_rasterResolution = 75;
+    int m_compression = 0;
+    int m_presentation = 0;
+    double m_destWidth = 0, m_destHeight = 0; // ESC*t#H/V, decipoints; 0 = none
+
+    std::vector<std::string> m_warned;
+    bool m_displayFunctions = false;
+};
+
+} // namespace qx::pcl5

@@ -1,0 +1,356 @@
+#include "pcl5/pcl5.h"
+
+#include "common/diagnostics.h"
+#include "fonts/font_library.h"
+#include "render/recording_device.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+using namespace qx;
+
+namespace {
+
+const std::string kStageFonts = std::string(QX_STAGE_DIR) + "/fonts";
+
+const FontLibrary& fonts() {
+    static FontLibrary lib({kStageFonts}, false);
+    return lib;
+}
+
+struct Result {
+    std::vector<std::string> calls;
+    std::vector<std::string> messages;
+    size_t used = 0;
+    bool warnings = false;
+    int pages = 0;
+
+    std::vector<std::string> starting(const std::string& prefix) const {
+        std::vector<std::string> out;
+        for (const auto& c : calls)
+            if (c.rfind(prefix, 0) == 0)
+                out.push_back(c);
+        return out;
+    }
+};
+
+Result runPcl(const std::string& job, PjlDefaults pjl = {}, bool withFonts = true) {
+    RecordingDevice dev;
+    Diagnostics diag("test", false);
+    JobContext ctx{dev, diag, withFonts ? &fonts() : nullptr, pjl};
+    Result r;
+    r.used = pcl5::run(reinterpret_cast<const uint8_t*>(job.data()), job.size(), ctx);
+    r.calls = dev.calls();
+    r.messages = diag.lines();
+    r.warnings = diag.hasWarnings();
+    r.pages = dev.pageCount();
+    return r;
+}
+
+const std::string ESC = "\x1b";
+
+} // namespace
+
+TEST(Pcl5Pages, EmptyJobPrintsNothing) {
+    Result r = runPcl(ESC + "E" + ESC + "&l0O\r\n\f" + ESC + "E");
+    EXPECT_EQ(r.pages, 0);
+    EXPECT_FALSE(r.warnings);
+}
+
+TEST(Pcl5Pages, DefaultLetterAndSizesByCode) {
+    Result r = runPcl(ESC + "E" + "x" + ESC + "E");
+    ASSERT_EQ(r.pages, 1);
+    EXPECT_EQ(r.calls.front(), "beginPage 612x792");
+
+    r = runPcl(ESC + "&l26A" + "x\f" + ESC + "&l3Ax\f" + ESC + "&l1Ax\f" + ESC + "&l6Ax\f" + ESC +
+               "&l27Ax\f" + ESC + "&l25Ax\f" + ESC + "&l81Ax\f" + ESC + "&l90Ax");
+    auto pages = r.starting("beginPage");
+    std::vector<std::string> want = {"beginPage 595.28x841.89", "beginPage 612x1008", "beginPage 522x756",
+                                     "beginPage 792x1224",      "beginPage 841.89x1190.55", "beginPage 419.53x595.28",
+                                     "beginPage 297x684",       "beginPage 311.81x623.62"};
+    EXPECT_EQ(pages, want);
+}
+
+TEST(Pcl5Pages, OrientationTurnsTheSheet) {
+    Result r = runPcl(ESC + "&l1O" + "x" + ESC + "E" + ESC + "&l26a3O" + "x");
+    auto pages = r.starting("beginPage");
+    ASSERT_EQ(pages.size(), 2u);
+    EXPECT_EQ(pages[0], "beginPage 792x612");
+    EXPECT_EQ(pages[1], "beginPage 841.89x595.28");
+}
+
+TEST(Pcl5Pages, PjlPaperAndOrientationAreTheDefaults) {
+    PjlDefaults pjl;
+    pjl.paper = "A4";
+    pjl.orientation = "LANDSCAPE";
+    Result r = runPcl(ESC + "Ex", pjl);
+    ASSERT_EQ(r.pages, 1);
+    EXPECT_EQ(r.calls.front(), "beginPage 841.89x595.28");
+}
+
+TEST(Pcl5Pages, FormFeedEjectsOnlyStartedPages) {
+    Result r = runPcl("a\f\f\fb\f");
+    EXPECT_EQ(r.pages, 2);
+    // A page size change ejects the started page.
+    r = runPcl("a" + ESC + "&l26A" + "b");
+    EXPECT_EQ(r.pages, 2);
+    // Text that runs past the text area goes on to the next sheet (perforation skip).
+    std::string lines;
+    for (int i = 0; i < 70; ++i)
+        lines += "x\r\n";
+    r = runPcl(lines);
+    EXPECT_EQ(r.pages, 2);
+    // Without perforation skip the text runs down the sheet and off it.
+    r = runPcl(ESC + "&l0L" + lines);
+    EXPECT_EQ(r.pages, 1);
+}
+
+TEST(Pcl5Rectangles, SolidFillAtTheCursorInPclUnits) {
+    // 300 units a inch by default: a 1 x 0.5 inch rule one inch right and two inches down.
+    Result r = runPcl(ESC + "*p300x600Y" + ESC + "*c300a150b0P");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 1u);
+    // x: logical page offset 18 pt + 72; y: top margin 36 pt + 144.
+    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M90,180 L162,180 L162,216 L90,216 Z");
+}
+
+TEST(Pcl5Rectangles, UnitsOfMeasureAndDecipoints) {
+    Result r = runPcl(ESC + "&u600D" + ESC + "*p600x0Y" + ESC + "*c720h360V" + ESC + "*c0P");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 1u);
+    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M90,36 L162,36 L162,72 L90,72 Z");
+}
+
+TEST(Pcl5Rectangles, EraseShadeAndHatch) {
+    Result r = runPcl(ESC + "*c100a100b1P" + ESC + "*c25g2P" + ESC + "*c3g3P" + ESC + "*c100g2P");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 4u);
+    EXPECT_NE(fills[0].find("#ffffff rop=252 srcO patO"), std::string::npos) << fills[0];
+    EXPECT_NE(fills[1].find("pattern(8x8)"), std::string::npos) << fills[1];
+    EXPECT_NE(fills[2].find("pattern(16x16)"), std::string::npos) << fills[2];
+    EXPECT_NE(fills[3].find("#000000"), std::string::npos) << fills[3];
+}
+
+TEST(Pcl5Rectangles, RopAndTransparencyAreHandedOn) {
+    Result r = runPcl(ESC + "*l90O" + ESC + "*v1n1O" + ESC + "*c10a10b0P");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 1u);
+    EXPECT_NE(fills[0].find("rop=90 srcO patO"), std::string::npos) << fills[0];
+}
+
+TEST(Pcl5Cursor, RowsColumnsAndPushPop) {
+    // Column 10 at 10 pitch is one inch; row 2 at 6 lines an inch is the third line.
+    Result r = runPcl(ESC + "&a10c2R" + ESC + "&f0S" + ESC + "*p+30X" + ESC + "*c3a3b0P" + ESC + "&f1S" + ESC +
+                      "*c3a3b0P");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 2u);
+    // y = top margin 36 pt + 3/4 of 12 pt + 2 lines of 12 pt = 69 pt.
+    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M97.2,69 L97.92,69 L97.92,69.72 L97.2,69.72 Z");
+    EXPECT_EQ(fills[1], "fill nz #000000 rop=252 srcT patT M90,69 L90.72,69 L90.72,69.72 L90,69.72 Z");
+}
+
+TEST(Pcl5Cursor, LineSpacingMarginsAndHalfLineFeed) {
+    // 8 lines an inch, top margin 2 lines; the first baseline is 3/4 of a line below the margin.
+    Result r = runPcl(ESC + "&l8d2E" + ESC + "&a0R" + ESC + "*c3a3b0P" + ESC + "=" + ESC + "*c3a3b0P" + ESC + "&l12C\n" + ESC +
+                      "*c3a3b0P");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 3u);
+    EXPECT_NE(fills[0].find("M18,24.75 "), std::string::npos) << fills[0];
+    EXPECT_NE(fills[1].find("M18,29.25 "), std::string::npos) << fills[1];
+    EXPECT_NE(fills[2].find("M18,47.25 "), std::string::npos) << fills[2]; // VMI 12/48 inch = 18 pt
+}
+
+TEST(Pcl5Text, DefaultFontPlacesCourierOnTheFirstBaseline) {
+    Result r = runPcl("H");
+    auto masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 1u);
+    // The mask is in device pixels at 300 dpi: scale 0.24 pt a pixel. The pen sits at
+    // (18, 45) pt = (75, 187.5) px, so the glyph's left edge lies a few pixels right of 18 pt
+    // and its top well above the baseline.
+    double a, b, c, d, e, f;
+    int w, h, ink;
+    ASSERT_EQ(std::sscanf(masks[0].c_str(), "mask %dx%d ink=%d [%lf %lf %lf %lf %lf %lf]", &w, &h, &ink, &a, &b, &c,
+                          &d, &e, &f),
+              9)
+        << masks[0];
+    EXPECT_NEAR(a, 0.24, 0.001);
+    EXPECT_NEAR(d, 0.24, 0.001);
+    EXPECT_GT(e, 18.0);
+    EXPECT_LT(e, 21.0);
+    EXPECT_LT(f, 45.0 - 5);
+    EXPECT_NEAR(f + h * 0.24, 45.0, 1.0); // the H stands on the baseline
+    EXPECT_GT(ink, 50);
+}
+
+TEST(Pcl5Text, FixedPitchAdvancesByHmi) {
+    Result r = runPcl("HH" + ESC + "&k6H" + "HH" + ESC + "(s12H" + "HH");
+    auto masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 6u);
+    auto x = [&](int i) {
+        double a, b, c, d, e, f;
+        int w, h, ink;
+        std::sscanf(masks[static_cast<size_t>(i)].c_str(), "mask %dx%d ink=%d [%lf %lf %lf %lf %lf %lf]", &w, &h,
+                    &ink, &a, &b, &c, &d, &e, &f);
+        return e;
+    };
+    EXPECT_NEAR(x(1) - x(0), 7.2, 0.25);  // 10 pitch
+    EXPECT_NEAR(x(3) - x(2), 3.6, 0.25);  // HMI 6/120 inch
+    EXPECT_NEAR(x(5) - x(4), 6.0, 0.25);  // 12 pitch
+}
+
+TEST(Pcl5Text, ProportionalFontSelection) {
+    // Arial bold 24 point: a W is wider than an i, and both are bigger than Courier's 12 point.
+    Result r = runPcl(ESC + "(19U" + ESC + "(s1p24v0s3b16602T" + "Wi");
+    auto masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 2u);
+    int w0, h0, w1, h1, ink;
+    std::sscanf(masks[0].c_str(), "mask %dx%d ink=%d", &w0, &h0, &ink);
+    std::sscanf(masks[1].c_str(), "mask %dx%d ink=%d", &w1, &h1, &ink);
+    EXPECT_GT(w0, 2 * w1);
+    EXPECT_GT(h0, 60); // a 24 point capital is about 72 pixels at 300 dpi
+}
+
+TEST(Pcl5Text, SymbolSetChoosesTheCharacter) {
+    // 0xC5 is e-acute in Roman-8 and a box-drawing cross in PC-8: different glyphs.
+    Result roman = runPcl("\xc5");
+    Result pc8 = runPcl(ESC + "(10U\xc5");
+    auto a = roman.starting("mask"), b = pc8.starting("mask");
+    ASSERT_EQ(a.size(), 1u);
+    ASSERT_EQ(b.size(), 1u);
+    EXPECT_NE(a[0], b[0]);
+}
+
+TEST(Pcl5Text, CarriageReturnLineFeedAndTabs) {
+    Result r = runPcl("A\r\nB\tC" + ESC + "&k2G" + "\nD");
+    auto masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 4u);
+    auto pos = [&](int i) {
+        double a, b, c, d, e, f;
+        int w, h, ink;
+        std::sscanf(masks[static_cast<size_t>(i)].c_str(), "mask %dx%d ink=%d [%lf %lf %lf %lf %lf %lf]", &w, &h,
+                    &ink, &a, &b, &c, &d, &e, &f);
+        return std::pair<double, double>(e, f + h * 0.24);
+    };
+    EXPECT_NEAR(pos(1).first, pos(0).first, 0.5);        // back at the left margin
+    EXPECT_NEAR(pos(1).second - pos(0).second, 12, 0.5); // one line down
+    EXPECT_NEAR(pos(2).first - pos(1).first, 57.6, 0.5); // tab to column 8
+    EXPECT_NEAR(pos(3).first, pos(0).first, 0.5);        // LF = CR + LF
+}
+
+TEST(Pcl5Text, UnderlineDrawsARule) {
+    Result r = runPcl(ESC + "&dD" + "ABC" + ESC + "&d@");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 1u);
+    // Three characters of 7.2 pt from the pen at 18 pt.
+    EXPECT_NE(fills[0].find("M18,46.2 L39.6,46.2"), std::string::npos) << fills[0];
+}
+
+TEST(Pcl5Text, WithoutFontsTextIsSkippedWithAWarning) {
+    Result r = runPcl("Hello", {}, false);
+    EXPECT_TRUE(r.warnings);
+    EXPECT_TRUE(r.starting("mask").empty());
+}
+
+TEST(Pcl5Text, PjlFontDefaults) {
+    PjlDefaults pjl;
+    pjl.pitch = 20;
+    Result r = runPcl("HH", pjl);
+    auto masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 2u);
+    double e0, e1, a, b, c, d, f;
+    int w, h, ink;
+    std::sscanf(masks[0].c_str(), "mask %dx%d ink=%d [%lf %lf %lf %lf %lf %lf]", &w, &h, &ink, &a, &b, &c, &d, &e0, &f);
+    std::sscanf(masks[1].c_str(), "mask %dx%d ink=%d [%lf %lf %lf %lf %lf %lf]", &w, &h, &ink, &a, &b, &c, &d, &e1, &f);
+    EXPECT_NEAR(e1 - e0, 3.6, 0.25);
+}
+
+TEST(Pcl5Raster, UnencodedRowsLandOneToOneAt300Dpi) {
+    // Two rows of 16 pixels at the cursor (1 inch, 1 inch).
+    Result r = runPcl(ESC + "*t300R" + ESC + "*p300x300Y" + ESC + "*r16s1A" + ESC + "*b2W" + std::string("\xff\x00", 2) + ESC +
+                      "*b2W" + std::string("\x00\xff", 2) + ESC + "*rB");
+    auto masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 1u);
+    EXPECT_EQ(masks[0], "mask 16x2 ink=16 [0.24 0 0 0.24 90 108] #000000 rop=252 srcT patT");
+}
+
+TEST(Pcl5Raster, DefaultResolutionIs75DpiAndLeftMarginModeZero) {
+    Result r = runPcl(ESC + "*p300x300Y" + ESC + "*r8s0A" + ESC + "*b1W\xf0" + ESC + "*rB");
+    auto masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 1u);
+    EXPECT_EQ(masks[0], "mask 8x1 ink=4 [0.96 0 0 0.96 18 108] #000000 rop=252 srcT patT");
+}
+
+TEST(Pcl5Raster, CompressionMethodsAndYOffset) {
+    // Row 1 by run length, row 2 by TIFF, then a y offset of 3 rows, row 6 by delta row against a
+    // zeroed seed.
+    const std::string job = ESC + "*t300R" + ESC + "*r16s1A" + ESC + "*b1m2W" + std::string("\x01\xaa", 2) + ESC +
+                            "*b2m3W" + std::string("\xfe\x0f\x80", 3) + ESC + "*b3Y" + ESC + "*b3m2W" +
+                            std::string("\x01\x3c", 2) + ESC + "*rC";
+    Result r = runPcl(job);
+    auto masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 2u);
+    // 45 pt is the first baseline: the raster starts there.
+    EXPECT_EQ(masks[0], "mask 16x2 ink=16 [0.24 0 0 0.24 18 45] #000000 rop=252 srcT patT");
+    EXPECT_EQ(masks[1], "mask 16x1 ink=4 [0.24 0 0 0.24 18 46.2] #000000 rop=252 srcT patT");
+}
+
+TEST(Pcl5Raster, WidthIsCappedToThePage) {
+    Result r = runPcl(ESC + "*t300R" + ESC + "*r60000s1A" + ESC + "*b0m4W\xff\xff\xff\xff" + ESC + "*rB");
+    auto masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 1u);
+    int w, h;
+    std::sscanf(masks[0].c_str(), "mask %dx%d", &w, &h);
+    EXPECT_EQ(w, 2400); // the logical page of Letter at 300 dpi
+}
+
+TEST(Pcl5Raster, SimpleColourRgbPlanesGoToAnImage) {
+    // Three planes of 8 pixels: red in the first four pixels, blue in the last four.
+    Result r = runPcl(ESC + "*r-3U" + ESC + "*t300R" + ESC + "*r8s1A" + ESC + "*b1V\xf0" + ESC + "*b1V" +
+                      std::string("\x00", 1) + ESC + "*b1W\x0f" + ESC + "*rB");
+    auto images = r.starting("image");
+    ASSERT_EQ(images.size(), 1u);
+    EXPECT_EQ(images[0], "image 8x1 rgb [0.24 0 0 0.24 18 45] #000000 rop=252 srcT patT");
+}
+
+TEST(Pcl5Raster, OpaqueSourcePaintsWhitePixelsToo) {
+    Result r = runPcl(ESC + "*v1N" + ESC + "*t300R" + ESC + "*r8s1A" + ESC + "*b1W\xf0" + ESC + "*rB");
+    auto masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 2u);
+    EXPECT_NE(masks[0].find("ink=4 [0.24 0 0 0.24 18 45] #ffffff"), std::string::npos) << masks[0];
+    EXPECT_NE(masks[1].find("ink=4 [0.24 0 0 0.24 18 45] #000000"), std::string::npos) << masks[1];
+}
+
+TEST(Pcl5Robustness, UniversalExitLanguageEndsTheJob) {
+    const std::string job = "x" + ESC + "%-12345X@PJL EOJ\r\n";
+    Result r = runPcl(job);
+    EXPECT_EQ(r.used, 1u);
+    EXPECT_EQ(r.pages, 1);
+}
+
+TEST(Pcl5Robustness, HpglIsSkippedWithAWarning) {
+    Result r = runPcl(ESC + "%0BIN;SP1;PU100,100;PD200,200;" + ESC + "%0A" + "x");
+    EXPECT_TRUE(r.warnings);
+    EXPECT_EQ(r.starting("mask").size(), 1u);
+    EXPECT_EQ(r.used, r.used); // the whole job was read
+    r = runPcl(ESC + "%1BIN;PD;" + ESC + "E" + "y");
+    EXPECT_EQ(r.starting("mask").size(), 1u);
+}
+
+TEST(Pcl5Robustness, TruncatedRasterIsWarnedAndKept) {
+    Result r = runPcl(ESC + "*t300R" + ESC + "*r8s1A" + ESC + "*b1W\xff" + ESC + "*b100W\xff");
+    EXPECT_TRUE(r.warnings);
+    EXPECT_EQ(r.pages, 1);
+    EXPECT_EQ(r.starting("mask").size(), 1u);
+}
+
+TEST(Pcl5Robustness, AbsurdValuesDoNotHang) {
+    std::string job = ESC + "*p99999999x99999999Y" + ESC + "*c99999999a99999999b0P" + ESC + "*b1m" +
+                      "\x04\xff\xff" + ESC + "*b99999Y" + ESC + "&l-5A" + ESC + "&f0S" + ESC + "&f0S";
+    for (int i = 0; i < 100; ++i)
+        job += ESC + "&f0S";
+    job += ESC + "(s-1h0V" + "abc\b\b\b\b" + ESC + "&l0D\n\n" + ESC + "*b5m20W" + std::string(20, '\x05');
+    Result r = runPcl(job);
+    EXPECT_LE(r.pages, 2);
+}
