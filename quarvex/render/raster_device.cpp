@@ -128,6 +128,10 @@ constexpr double kCairoLimitPx = 4.0e6;
 // The budget of one coverage band.
 constexpr size_t kBandBytes = size_t(1) << 20;
 
+// Coverage is rendered in slices at most this wide (cairo's image surfaces stop at 32767
+// pixels a side); a multiple of 8, so that slices of a clip mask start on whole bytes.
+constexpr int kMaxSliceWidth = 16384;
+
 int64_t floorMod(int64_t a, int64_t m) {
     const int64_t r = a % m;
     return r < 0 ? r + m : r;
@@ -320,42 +324,49 @@ struct RasterDevice::Impl {
         clip.stride = size_t(box.width() + 7) / 8;
         clip.bits.assign(clip.stride * size_t(box.height()), 0);
 
-        const int w = box.width();
-        const int bstride = cairo_format_stride_for_width(CAIRO_FORMAT_A8, w);
+        // Band by band, and in slices no wider than a cairo surface may be.
+        const int sliceW = std::min(box.width(), kMaxSliceWidth);
+        const int bstride = cairo_format_stride_for_width(CAIRO_FORMAT_A8, sliceW);
         const int rows = std::max(1, std::min(box.height(), int(kBandBytes / size_t(bstride))));
         band.resize(size_t(bstride) * rows);
         if (region->entries.size() > 1)
             band2.resize(size_t(bstride) * rows);
-        for (int by = box.y0; by < box.y1; by += rows) {
-            const int bh = std::min(rows, box.y1 - by);
-            const size_t bytes = size_t(bstride) * bh;
-            for (size_t i = 0; i < region->entries.size(); ++i) {
-                const ClipRegion::Entry& e = region->entries[i];
-                uint8_t* target = i == 0 ? band.data() : band2.data();
-                std::memset(target, 0, bytes);
-                withCairo(target, bstride, box.x0, by, w, bh, [&](cairo_t* cr) {
-                    appendPath(cr, e.path);
-                    cairo_set_fill_rule(cr, e.rule == FillRule::EvenOdd ? CAIRO_FILL_RULE_EVEN_ODD
-                                                                       : CAIRO_FILL_RULE_WINDING);
-                    cairo_fill(cr);
-                });
-                if (i > 0)
-                    for (size_t k = 0; k < bytes; ++k)
-                        band[k] &= band2[k];
-            }
-            for (int r = 0; r < bh; ++r) {
-                const uint8_t* src = band.data() + size_t(r) * bstride;
-                uint8_t* dst = clip.bits.data() + size_t(by - box.y0 + r) * clip.stride;
-                int x = 0;
-                for (; x + 8 <= w; x += 8) {
-                    unsigned b = 0;
-                    for (int i = 0; i < 8; ++i)
-                        b = (b << 1) | unsigned(src[x + i] != 0);
-                    dst[x >> 3] = uint8_t(b);
+        for (int sx = box.x0; sx < box.x1; sx += kMaxSliceWidth) {
+            const int w = std::min(kMaxSliceWidth, box.x1 - sx);
+            const size_t byteOffset = size_t(sx - box.x0) / 8; // slices start on whole bytes
+            for (int by = box.y0; by < box.y1; by += rows) {
+                const int bh = std::min(rows, box.y1 - by);
+                const size_t bytes = size_t(bstride) * bh;
+                for (size_t i = 0; i < region->entries.size(); ++i) {
+                    const ClipRegion::Entry& e = region->entries[i];
+                    uint8_t* target = i == 0 ? band.data() : band2.data();
+                    std::memset(target, 0, bytes);
+                    withCairo(target, bstride, sx, by, w, bh, [&](cairo_t* cr) {
+                        appendPath(cr, e.path);
+                        cairo_set_fill_rule(cr, e.rule == FillRule::EvenOdd
+                                                    ? CAIRO_FILL_RULE_EVEN_ODD
+                                                    : CAIRO_FILL_RULE_WINDING);
+                        cairo_fill(cr);
+                    });
+                    if (i > 0)
+                        for (size_t k = 0; k < bytes; ++k)
+                            band[k] &= band2[k];
                 }
-                for (; x < w; ++x)
-                    if (src[x])
-                        dst[x >> 3] |= static_cast<uint8_t>(0x80 >> (x & 7));
+                for (int r = 0; r < bh; ++r) {
+                    const uint8_t* src = band.data() + size_t(r) * bstride;
+                    uint8_t* dst =
+                        clip.bits.data() + size_t(by - box.y0 + r) * clip.stride + byteOffset;
+                    int x = 0;
+                    for (; x + 8 <= w; x += 8) {
+                        unsigned b = 0;
+                        for (int i = 0; i < 8; ++i)
+                            b = (b << 1) | unsigned(src[x + i] != 0);
+                        dst[x >> 3] = uint8_t(b);
+                    }
+                    for (; x < w; ++x)
+                        if (src[x])
+                            dst[x >> 3] |= static_cast<uint8_t>(0x80 >> (x & 7));
+                }
             }
         }
 
@@ -659,16 +670,19 @@ struct RasterDevice::Impl {
     // fillBand(data, stride, x0, y0, w, h) and draws it.
     template <class FillBand>
     void rasterise(const IRect& box, FillBand&& fillBand) {
-        const int w = box.width();
-        const int bstride = cairo_format_stride_for_width(CAIRO_FORMAT_A8, w);
+        const int sliceW = std::min(box.width(), kMaxSliceWidth);
+        const int bstride = cairo_format_stride_for_width(CAIRO_FORMAT_A8, sliceW);
         const int rows = std::max(1, std::min(box.height(), int(kBandBytes / size_t(bstride))));
         band.resize(size_t(bstride) * rows);
-        for (int by = box.y0; by < box.y1; by += rows) {
-            const int bh = std::min(rows, box.y1 - by);
-            std::memset(band.data(), 0, size_t(bstride) * bh);
-            fillBand(band.data(), bstride, box.x0, by, w, bh);
-            for (int r = 0; r < bh; ++r)
-                compositeCoverage(by + r, box.x0, band.data() + size_t(r) * bstride, w);
+        for (int sx = box.x0; sx < box.x1; sx += kMaxSliceWidth) {
+            const int w = std::min(kMaxSliceWidth, box.x1 - sx);
+            for (int by = box.y0; by < box.y1; by += rows) {
+                const int bh = std::min(rows, box.y1 - by);
+                std::memset(band.data(), 0, size_t(bstride) * bh);
+                fillBand(band.data(), bstride, sx, by, w, bh);
+                for (int r = 0; r < bh; ++r)
+                    compositeCoverage(by + r, sx, band.data() + size_t(r) * bstride, w);
+            }
         }
     }
 

@@ -1114,3 +1114,36 @@ TEST(RasterDevice, FullPageOneBitRasterAt600Dpi) {
         for (int x = 0; x < 5100; ++x)
             ASSERT_EQ(black(p, x, y), bool(ink(x, y))) << x << "," << y;
 }
+
+TEST(RasterDevice, PagesWiderThanOneCairoSurface) {
+    CaptureSink sink;
+    RasterOptions o;
+    o.depth = 8;
+    o.pageWidthPx = 40000;
+    o.pageHeightPx = 20;
+    RasterDevice dev(o, sink);
+    dev.beginPage(PageSpec{4000, 2, 0, 0}); // 10 pixels a point across, 10 down
+    RenderState rs;
+    Path tri; // a clip across the whole width that is not a rectangle
+    tri.moveTo({0, 0});
+    tri.lineTo({4000, 0});
+    tri.lineTo({4000, 2});
+    tri.close();
+    rs.clip = clipOf({tri});
+    dev.fillPath(rect(0, 0, 4000, 1), FillRule::NonZero, Paint::solid(Rgb::black()), rs);
+    StrokeStyle s;
+    s.width = 0;
+    Path line;
+    line.moveTo({0, 1.55});
+    line.lineTo({4000, 1.55});
+    dev.strokePath(line, s, Paint::solid({80, 80, 80}), RenderState{});
+    dev.endPage();
+    const RasterPage& p = sink.pages.at(0);
+    ASSERT_EQ(p.width, 40000);
+    // Row 2 (centre 2.5): inside the clip right of x = 2.5 * 40000 / 20 = 5000.
+    for (int x : {5010, 16383, 16384, 20000, 32767, 32768, 39999})
+        EXPECT_EQ(grey(p, x, 2), 0) << x;
+    EXPECT_EQ(grey(p, 4990, 2), 255);
+    for (int x : {0, 16383, 16384, 32768, 39999})
+        EXPECT_EQ(grey(p, x, 15), 80) << x;
+}
