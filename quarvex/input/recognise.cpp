@@ -89,7 +89,10 @@ Kind recognise(const uint8_t* data, size_t size) {
         return Kind::Uel;
     if (startsWithNoCase(d, n, "@PJL"))
         return Kind::Pjl;
-    if (startsWith(d, n, ") HP-PCL XL") || startsWith(d, n, ") BROADCAST"))
+    // The PCL XL stream header: the binding byte (')' low byte first, '(' high byte first,
+    // '\'' ASCII), a blank, then the stream class.
+    if (n >= 2 && (d[0] == ')' || d[0] == '(' || d[0] == '\'') && d[1] == ' ' &&
+        (startsWith(d + 2, n - 2, "HP-PCL XL") || startsWith(d + 2, n - 2, "BROADCAST")))
         return Kind::PclXl;
     if (startsWith(d, n, "%!") || startsWith(d, n, "\x04%!") || startsWith(d, n, "\xc5\xd0\xd3\xc6"))
         return Kind::PostScript;

@@ -51,6 +51,10 @@ TEST(Recognise, PclXlStreamHeaders) {
     EXPECT_EQ(kindOf(") HP-PCL XL;2;0;Comment\n"), Kind::PclXl);
     EXPECT_EQ(kindOf(") HP-PCL XL;3;0\n"), Kind::PclXl);
     EXPECT_EQ(kindOf(") BROADCAST;1;0\n"), Kind::PclXl);
+    // Either byte order, and the ASCII binding.
+    EXPECT_EQ(kindOf("( HP-PCL XL;2;0\n"), Kind::PclXl);
+    EXPECT_EQ(kindOf("' HP-PCL XL;1;1\n"), Kind::PclXl);
+    EXPECT_EQ(kindOf(") HP-PCL"), Kind::Pcl5) << "too short for a header: text";
 }
 
 TEST(Recognise, RefusedKinds) {
