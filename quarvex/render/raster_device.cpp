@@ -104,7 +104,8 @@ bool allFinite(const std::vector<Point>& pts) {
 }
 
 // Whole device pixels that points mapped by m may touch, widened by pad pixels.
-IRect deviceBounds(const std::vector<Point>& pts, const Matrix& m, double pad) {
+template <class Points>
+IRect deviceBounds(const Points& pts, const Matrix& m, double pad) {
     if (pts.empty())
         return {};
     double minX = INFINITY, minY = INFINITY, maxX = -INFINITY, maxY = -INFINITY;
@@ -951,7 +952,8 @@ struct RasterDevice::Impl {
 
     // Page-space corners of a w x h grid mapped by m, clipped to the page and the clip.
     IRect gridBox(const Matrix& m, int w, int h) const {
-        const std::vector<Point> corners{{0, 0}, {double(w), 0}, {0, double(h)}, {double(w), double(h)}};
+        const std::array<Point, 4> corners{
+            {{0, 0}, {double(w), 0}, {0, double(h)}, {double(w), double(h)}}};
         return intersect(deviceBounds(corners, m, 1), clip.bound);
     }
 };
@@ -1081,10 +1083,7 @@ void RasterDevice::strokePath(const Path& path, const StrokeStyle& style, const 
                 p = d->ptd.apply(p);
         d->rasterise(box, [&](uint8_t* data, int bstride, int x0, int y0, int w, int h) {
             for (const auto& line : lines) {
-                if (line.size() == 1) {
-                    Impl::plotSegment(data, bstride, x0, y0, w, h, line[0], line[0]);
-                    continue;
-                }
+                // A lone point (a bare move) draws nothing; a zero-length segment draws a dot.
                 for (size_t i = 1; i < line.size(); ++i)
                     Impl::plotSegment(data, bstride, x0, y0, w, h, line[i - 1], line[i]);
             }

@@ -1147,3 +1147,23 @@ TEST(RasterDevice, PagesWiderThanOneCairoSurface) {
     for (int x : {0, 16383, 16384, 32768, 39999})
         EXPECT_EQ(grey(p, x, 15), 80) << x;
 }
+
+TEST(RasterDevice, ZeroLengthThinSegmentIsADotBareMoveIsNothing) {
+    CaptureSink sink;
+    RasterDevice dev(opts(8), sink);
+    dev.beginPage(square(8));
+    StrokeStyle s;
+    s.width = 0;
+    Path dot;
+    dot.moveTo({2.5, 3.5});
+    dot.lineTo({2.5, 3.5});
+    dot.moveTo({6.5, 6.5}); // a move with nothing after it
+    dev.strokePath(dot, s, Paint::solid(Rgb::black()), RenderState{});
+    dev.endPage();
+    const RasterPage& p = sink.pages.at(0);
+    int n = 0;
+    for (uint8_t v : p.data)
+        n += v == 0;
+    EXPECT_EQ(n, 1);
+    EXPECT_EQ(grey(p, 2, 3), 0);
+}
