@@ -89,6 +89,7 @@ void Interpreter::reset(bool pjlDefaults) {
     m_destWidth = m_destHeight = 0;
     m_raster = RasterState{};
     m_displayFunctions = false;
+    fontControl(1); // a reset deletes the temporary downloaded fonts
 
     // The default font: Courier 10 pitch 12 point Roman-8, or what PJL set.
     FontRequest rq;
@@ -233,6 +234,24 @@ void Interpreter::ejectPage() {
 // Text
 
 void Interpreter::selectFont(FontState& f) {
+    if (f.softId >= 0) {
+        auto it = m_softFonts.find(f.softId);
+        if (it != m_softFonts.end()) {
+            const SoftFont& sf = it->second.font;
+            const double unitsPerDot = kUnitsPerInch / sf.resolution;
+            f.fixed = !sf.proportional;
+            f.hmi = sf.pitchDots * unitsPerDot;
+            if (sf.proportional) {
+                auto sp = sf.glyphs.find(' ');
+                if (sp != sf.glyphs.end() && sp->second.deltaX > 0)
+                    f.hmi = sp->second.deltaX * unitsPerDot;
+            }
+            if (f.hmi <= 0)
+                f.hmi = kUnitsPerInch / 10;
+            return;
+        }
+        f.softId = -1;
+    }
     f.fixed = !f.request.proportional;
     if (m_fonts) {
         f.index = m_fonts->selectPcl(f.request);
@@ -318,6 +337,8 @@ void Interpreter::formFeed() {
 
 void Interpreter::printCode(uint32_t code) {
     FontState& f = currentFont();
+    if (f.softId >= 0 && printSoftCode(f, code))
+        return;
     if (f.index < 0 && !m_fonts) {
         warnOnce("PCL 5: no fonts available, text skipped");
         m_x += m_hmi;
@@ -411,6 +432,151 @@ void Interpreter::handleText(const uint8_t* text, size_t length) {
             break;
         }
     }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Downloaded fonts
+
+namespace {
+// All downloaded fonts together may hold this much glyph memory.
+constexpr size_t kSoftFontBudget = 64u * 1024 * 1024;
+} // namespace
+
+void Interpreter::selectSoftFont(FontState& f, int id) {
+    auto it = m_softFonts.find(id);
+    if (it == m_softFonts.end()) {
+        warnOnce("PCL 5: font ID " + std::to_string(id) + " selected but never downloaded");
+        return;
+    }
+    const SoftFont& sf = it->second.font;
+    f.softId = id;
+    // The font's attributes become the current ones, so that later changes start from them.
+    if (sf.symbolSet)
+        f.request.symbolSet = sf.symbolSet;
+    f.request.proportional = sf.proportional;
+    f.request.style = sf.style;
+    f.request.weight = sf.weight;
+    f.request.typeface = sf.typeface;
+    if (sf.pitchDots > 0)
+        f.request.pitch = sf.resolution / sf.pitchDots;
+    if (sf.heightDots > 0)
+        f.request.height = sf.heightDots * 72.0 / sf.resolution;
+    fontChanged(f);
+}
+
+void Interpreter::fontControl(int operation) {
+    const auto erase = [&](std::map<int, StoredFont>::iterator it) {
+        m_softFontBytes -= std::min(m_softFontBytes, it->second.font.bytes);
+        return m_softFonts.erase(it);
+    };
+    switch (operation) {
+    case 0: // delete all
+        m_softFonts.clear();
+        m_softFontBytes = 0;
+        break;
+    case 1: // delete the temporary ones
+        for (auto it = m_softFonts.begin(); it != m_softFonts.end();)
+            it = it->second.permanent ? std::next(it) : erase(it);
+        break;
+    case 2:
+        if (auto it = m_softFonts.find(m_fontId); it != m_softFonts.end())
+            erase(it);
+        break;
+    case 3:
+        if (auto it = m_softFonts.find(m_fontId); it != m_softFonts.end()) {
+            auto g = it->second.font.glyphs.find(m_charCode);
+            if (g != it->second.font.glyphs.end()) {
+                const size_t b = g->second.mask.bits.size();
+                it->second.font.bytes -= std::min(it->second.font.bytes, b);
+                m_softFontBytes -= std::min(m_softFontBytes, b);
+                it->second.font.glyphs.erase(g);
+            }
+        }
+        break;
+    case 4:
+    case 5:
+        if (auto it = m_softFonts.find(m_fontId); it != m_softFonts.end())
+            it->second.permanent = operation == 5;
+        break;
+    default: break;
+    }
+    for (FontState* f : {&m_primary, &m_secondary})
+        if (f->softId >= 0 && !m_softFonts.count(f->softId)) {
+            f->softId = -1;
+            selectFont(*f);
+        }
+}
+
+void Interpreter::defineFont(std::span<const uint8_t> data) {
+    std::string why;
+    auto font = parseFontHeader(data, &why);
+    if (!font) {
+        warnOnce("PCL 5: downloaded font skipped: " + why);
+        return;
+    }
+    if (auto it = m_softFonts.find(m_fontId); it != m_softFonts.end()) {
+        m_softFontBytes -= std::min(m_softFontBytes, it->second.font.bytes);
+        m_softFonts.erase(it);
+    }
+    m_softFonts[m_fontId] = StoredFont{std::move(*font), false};
+}
+
+void Interpreter::defineCharacter(std::span<const uint8_t> data) {
+    auto it = m_softFonts.find(m_fontId);
+    std::string why;
+    auto glyph = m_assembler.add(data, &why);
+    if (!why.empty())
+        warnOnce("PCL 5: downloaded character skipped: " + why);
+    if (!glyph || it == m_softFonts.end())
+        return;
+    const size_t bytes = glyph->mask.bits.size();
+    if (m_softFontBytes + bytes > kSoftFontBudget) {
+        warnOnce("PCL 5: downloaded fonts exceed the memory budget; further characters skipped");
+        return;
+    }
+    SoftFont& font = it->second.font;
+    if (auto old = font.glyphs.find(m_charCode); old != font.glyphs.end()) {
+        const size_t b = old->second.mask.bits.size();
+        font.bytes -= std::min(font.bytes, b);
+        m_softFontBytes -= std::min(m_softFontBytes, b);
+    }
+    font.glyphs[m_charCode] = std::move(*glyph);
+    font.bytes += bytes;
+    m_softFontBytes += bytes;
+    for (FontState* f : {&m_primary, &m_secondary})
+        if (f->softId == m_fontId && m_charCode == ' ')
+            fontChanged(*f);
+}
+
+bool Interpreter::printSoftCode(FontState& f, uint32_t code) {
+    auto it = m_softFonts.find(f.softId);
+    if (it == m_softFonts.end())
+        return false;
+    const SoftFont& sf = it->second.font;
+    const double unitsPerDot = kUnitsPerInch / sf.resolution;
+    auto g = sf.glyphs.find(code);
+    double advance = m_hmi;
+    if (g != sf.glyphs.end() && sf.proportional && code != ' ')
+        advance = g->second.deltaX * unitsPerDot;
+    if (m_wrap && m_x + advance > m_rightMargin + 0.5 && m_x > m_leftMargin) {
+        carriageReturn();
+        lineFeed();
+    }
+    ensurePage();
+    if (g != sf.glyphs.end() && g->second.mask.width > 0 && g->second.mask.height > 0) {
+        const SoftGlyph& glyph = g->second;
+        const Matrix toDevice = m_dev.pageToDevice() * logicalToPage() *
+                                Matrix::translate(m_x + glyph.left * unitsPerDot, m_y - glyph.top * unitsPerDot) *
+                                Matrix::scale(unitsPerDot, unitsPerDot);
+        Matrix snapped = toDevice;
+        snapped.e = std::round(toDevice.e);
+        snapped.f = std::round(toDevice.f);
+        if (auto inv = m_dev.pageToDevice().inverted())
+            m_dev.fillMask(glyph.mask, *inv * snapped, currentPaint(), renderState());
+    }
+    m_x = clampPos(m_x + advance);
+    m_lastAdvance = advance;
+    return true;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -820,20 +986,20 @@ void Interpreter::handleFontCommand(const Command& cmd, bool secondary) {
         if (cmd.final == '@') {
             // ESC(3@: the default font.
             if (cmd.intValue() == 3) {
-                const FontRequest saved = f.request;
-                (void)saved;
                 f.request = FontRequest{};
+                f.softId = -1;
                 fontChanged(f);
             }
             return;
         }
         if (cmd.final == 'X') {
-            warnOnce("PCL 5: font selection by ID (downloaded fonts) not supported");
+            selectSoftFont(f, cmd.intValue());
             return;
         }
         const int number = cmd.intValue();
         if (number >= 0 && number <= 2047) {
             f.request.symbolSet = symbolSetId(number, static_cast<char>(cmd.final));
+            f.softId = -1;
             fontChanged(f);
         }
         return;
@@ -855,6 +1021,7 @@ void Interpreter::handleFontCommand(const Command& cmd, bool secondary) {
     case 'T': f.request.typeface = std::clamp(cmd.intValue(), 0, 65535); break;
     default: return;
     }
+    f.softId = -1;
     fontChanged(f);
 }
 
@@ -1060,7 +1227,10 @@ void Interpreter::handleParam(Parser& parser, const Command& cmd) {
             break;
         }
         case 'Q': break; // pattern control
-        case 'D': case 'E': case 'F': case 'R': case 'S': case 'T': case 'K': case 'L': break;
+        case 'D': m_fontId = std::clamp(iv, 0, 32767); break;
+        case 'E': m_charCode = static_cast<uint32_t>(std::clamp(iv, 0, 65535)); break;
+        case 'F': fontControl(iv); break;
+        case 'R': case 'S': case 'T': case 'K': case 'L': break;
         default: break;
         }
         return;
@@ -1214,8 +1384,12 @@ void Interpreter::handleDataCommand(Parser& parser, const Command& cmd) {
         m_userPatterns[m_patternId] = tile;
         return;
     }
-    if ((p == ')' || p == '(') && g == 's' && f == 'W') {
-        warnOnce("PCL 5: downloaded fonts not supported, their text uses resident fonts");
+    if (p == ')' && g == 's' && f == 'W') {
+        defineFont(data);
+        return;
+    }
+    if (p == '(' && g == 's' && f == 'W') {
+        defineCharacter(data);
         return;
     }
     // Everything else that carries data (configurations, palettes, lookup tables) is skipped.

@@ -10,6 +10,7 @@
 #include "fonts/font_library.h"
 #include "pcl5/page_formats.h"
 #include "pcl5/parser.h"
+#include "pcl5/soft_fonts.h"
 #include "render/device.h"
 
 #include <array>
@@ -34,6 +35,7 @@ private:
         double emPt = 12;     // the em size in points for the request
         double hmi = 720;     // the font's own HMI in units
         bool fixed = true;
+        int softId = -1;      // a downloaded font selected by ID, -1 = resident
     };
 
     struct RasterState {
@@ -114,6 +116,13 @@ private:
 
     void warnOnce(const std::string& message);
 
+    // Downloaded fonts
+    void selectSoftFont(FontState& f, int id);
+    void fontControl(int operation);
+    void defineFont(std::span<const uint8_t> data);
+    void defineCharacter(std::span<const uint8_t> data);
+    bool printSoftCode(FontState& f, uint32_t code);
+
     JobContext& m_ctx;
     Device& m_dev;
     const FontLibrary* m_fonts;
@@ -180,6 +189,16 @@ private:
     int m_compression = 0;
     int m_presentation = 0;
     double m_destWidth = 0, m_destHeight = 0; // ESC*t#H/V, decipoints; 0 = none
+
+    struct StoredFont {
+        SoftFont font;
+        bool permanent = false;
+    };
+    std::map<int, StoredFont> m_softFonts;
+    size_t m_softFontBytes = 0;
+    int m_fontId = 0;
+    uint32_t m_charCode = 0;
+    CharacterAssembler m_assembler;
 
     std::vector<std::string> m_warned;
     bool m_displayFunctions = false;

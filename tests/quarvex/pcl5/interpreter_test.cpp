@@ -354,3 +354,88 @@ TEST(Pcl5Robustness, AbsurdValuesDoNotHang) {
     Result r = runPcl(job);
     EXPECT_LE(r.pages, 2);
 }
+
+namespace {
+
+std::string u16(int v) { return std::string{static_cast<char>((v >> 8) & 0xFF), static_cast<char>(v & 0xFF)}; }
+
+// A bitmap font header: 64 bytes, fixed or proportional, 300 dpi.
+std::string fontHeader(bool proportional, int pitchQuarterDots) {
+    std::string h(64, '\0');
+    h.replace(0, 2, u16(64));
+    h[2] = 0; // bitmap
+    h[3] = 1; // 8 bit
+    h.replace(6, 2, u16(20)); // baseline
+    h.replace(8, 2, u16(16)); // cell width
+    h.replace(10, 2, u16(24)); // cell height
+    h[13] = proportional ? 1 : 0;
+    h.replace(14, 2, u16(277)); // 8U
+    h.replace(16, 2, u16(pitchQuarterDots));
+    h.replace(18, 2, u16(48)); // 12 dots high
+    return h;
+}
+
+// A character: left offset 1, top offset 8 (above the baseline), width 8, height 8, advance
+// deltaX quarter dots, then the rows.
+std::string character(int cls, int deltaX, const std::string& rows) {
+    std::string c;
+    c += '\x04';
+    c += '\x00';
+    c += '\x0e';
+    c += static_cast<char>(cls);
+    c += '\x00';
+    c += '\x00';
+    c += u16(1) + u16(8) + u16(8) + u16(8) + u16(deltaX);
+    return c + rows;
+}
+
+} // namespace
+
+TEST(Pcl5SoftFonts, BitmapFontDownloadedAndSelectedById) {
+    const std::string box = std::string("\xff\x81\x81\x81\x81\x81\x81\xff", 8);
+    // Class 2: one row of 8 black, then the middle row repeated 5 times (white 0, black 1,
+    // white 6, black 1), then 8 black.
+    const std::string packed = std::string("\x00\x00\x08", 3) + std::string("\x05\x00\x01\x06\x01", 5) +
+                               std::string("\x00\x00\x08", 3);
+    const std::string job = ESC + "*c5D" + ESC + ")s64W" + fontHeader(false, 40) + ESC + "*c65E" + ESC + "(s" +
+                            std::to_string(16 + box.size()) + "W" + character(1, 40, box) + ESC + "*c66E" + ESC +
+                            "(s" + std::to_string(16 + packed.size()) + "W" + character(2, 40, packed) + ESC +
+                            "(5X" + "AB";
+    Result r = runPcl(job);
+    EXPECT_FALSE(r.warnings) << (r.messages.empty() ? "" : r.messages[0]);
+    auto masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 2u);
+    // The pen is at (18, 45) pt = (75, 187.5) dots: the box's top-left lies 1 dot right and 8 up.
+    EXPECT_EQ(masks[0], "mask 8x8 ink=28 [0.24 0 0 0.24 18.24 43.2] #000000 rop=252 srcT patT");
+    // Fixed pitch of 10 dots (40 quarter dots): the next character starts 2.4 pt further on.
+    EXPECT_EQ(masks[1], "mask 8x8 ink=28 [0.24 0 0 0.24 20.64 43.2] #000000 rop=252 srcT patT");
+}
+
+TEST(Pcl5SoftFonts, ResidentFontsComeBackOnAttributeSelection) {
+    const std::string box(8, '\xff');
+    const std::string job = ESC + "*c7D" + ESC + ")s64W" + fontHeader(true, 40) + ESC + "*c65E" + ESC + "(s" +
+                            std::to_string(16 + box.size()) + "W" + character(1, 48, box) + ESC + "(7X" + "A" +
+                            ESC + "(s0p10H" + "A";
+    Result r = runPcl(job);
+    auto masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 2u);
+    EXPECT_EQ(masks[0].rfind("mask 8x8 ink=64", 0), 0u) << masks[0];
+    EXPECT_NE(masks[1].rfind("mask 8x8 ink=64", 0), 0u) << masks[1]; // Courier's A
+}
+
+TEST(Pcl5SoftFonts, DamagedDownloadsAreWarnedAndSkipped) {
+    Result r = runPcl(ESC + "*c1D" + ESC + ")s10W0123456789" + ESC + "(1X" + "A" + ESC + "(s3W\x04\x00\x0e");
+    EXPECT_TRUE(r.warnings);
+    EXPECT_EQ(r.starting("mask").size(), 1u); // the resident font prints the A
+    // A character claiming a huge bitmap is refused, not allocated.
+    std::string hdr = fontHeader(false, 40);
+    std::string big;
+    big += '\x04';
+    big += '\x00';
+    big += '\x0e';
+    big += '\x01';
+    big += std::string(2, '\0');
+    big += u16(0) + u16(0) + u16(65535) + u16(65535) + u16(40);
+    r = runPcl(ESC + "*c1D" + ESC + ")s64W" + hdr + ESC + "*c65E" + ESC + "(s16W" + big + ESC + "(1XA");
+    EXPECT_TRUE(r.warnings);
+}
