@@ -42,7 +42,7 @@ for t in "${TARGETS[@]}"; do
 done
 
 # Seeds from the generated corpus.
-if [ ! -f "$BUILD/corpus/manifest.tsv" ]; then
+if [ ! -f "$BUILD/corpus/manifest.tsv" ] || [ "$ROOT/tools/corpus/make_corpus.sh" -nt "$BUILD/corpus/manifest.tsv" ]; then
     "$ROOT/tools/corpus/make_corpus.sh" "$BUILD/corpus" 2> "$BUILD/corpus.log" || {
         echo "fuzz: corpus generation failed, see $BUILD/corpus.log" >&2
         exit 2
@@ -57,12 +57,33 @@ seed() { # DIR FILES...
     done
 }
 seed "$BUILD/seeds/fuzz_pcl5" "$BUILD"/corpus/pcl5/*.pcl
-seed "$BUILD/seeds/fuzz_pclxl" "$BUILD"/corpus/pclxl/*.pxl
+# The PCL XL target gets the streams from their header on (the job loop's PJL prefix cut off).
+mkdir -p "$BUILD/seeds/fuzz_pclxl"
+for f in "$BUILD"/corpus/pclxl/*.pxl; do
+    off=$(grep -abo -m1 'HP-PCL XL;' "$f" | head -1 | cut -d: -f1)
+    [ -n "$off" ] && [ "$off" -ge 2 ] || continue
+    tail -c +"$((off - 1))" "$f" | head -c 65536 > "$BUILD/seeds/fuzz_pclxl/$(basename "$f")"
+done
 seed "$BUILD/seeds/fuzz_input" "$BUILD"/corpus/pcl5/*.pcl "$BUILD"/corpus/pclxl/*.pxl "$BUILD"/corpus/src/text.ps
 
 # The resident fonts staged by the build.
 export PCLFONTSOURCE=${PCLFONTSOURCE:-$BUILD/stage/fonts}
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:allocator_may_return_null=1}
+
+# Replays every problem input of a target once and groups them by the kind of failure and
+# the innermost engine frame: "count  SUMMARY  frame  one-example".
+triage() { # TARGET CRASH-DIR
+    local t=$1 dir=$2 f out summary frame
+    for f in "$dir"/*; do
+        [ -f "$f" ] || continue
+        out=$(timeout 60 "$BUILD/$t" -timeout=10 -rss_limit_mb=2048 "$f" 2>&1)
+        summary=$(grep -m1 -oE 'SUMMARY: [A-Za-z]+: [^ ]+( [^ ]+)?' <<< "$out" || true)
+        [ -n "$summary" ] || summary=$(grep -m1 -E 'ERROR: libFuzzer: [a-z-]+|what\(\):' <<< "$out" || echo "no longer fails")
+        frame=$(grep -m1 -oE 'in qx::[^(]*\([^)]*\)? [^ ]*quarvex/[^ ]+' <<< "$out" || grep -m1 -oE 'in qx::[^ ]+' <<< "$out" || true)
+        printf '%s\t%s\t%s\n' "$summary" "${frame#in }" "$f"
+    done | sort | awk -F'\t' '{ k = $1 "\t" $2; n[k]++; if (!(k in ex)) ex[k] = $3 }
+        END { for (k in n) printf "  %4d  %s\t%s\n", n[k], k, ex[k] }' | sort -rn
+}
 
 for t in "${built[@]}"; do
     dict=
@@ -74,15 +95,19 @@ for t in "${built[@]}"; do
     crashes="$BUILD/crashes/$t"
     mkdir -p "$work" "$crashes"
     echo "fuzz: $t for $SECONDS_EACH s"
-    "$BUILD/$t" $dict -max_total_time="$SECONDS_EACH" -timeout=10 -rss_limit_mb=2048 -max_len=65536 \
-        -print_final_stats=1 -artifact_prefix="$crashes/" "$work" "$BUILD/seeds/$t" \
-        > "$BUILD/runs/$t.log" 2>&1
+    before=$(find "$crashes" -type f | wc -l)
+    # Fork mode goes on after a crash, so that one run can find several problems; every input
+    # that crashed, hung or ran out of memory lands in $crashes.
+    "$BUILD/$t" $dict -fork=1 -ignore_crashes=1 -ignore_timeouts=1 -ignore_ooms=1 \
+        -max_total_time="$SECONDS_EACH" -timeout=10 -rss_limit_mb=2048 -max_len=65536 \
+        -artifact_prefix="$crashes/" "$work" "$BUILD/seeds/$t" > "$BUILD/runs/$t.log" 2>&1
     rc=$?
-    grep -E '^stat::(number_of_executed_units|peak_rss_mb|new_units_added)|cov:' "$BUILD/runs/$t.log" | tail -4
-    if [ $rc -ne 0 ]; then
+    after=$(find "$crashes" -type f | wc -l)
+    grep -E '^#[0-9]+: cov:' "$BUILD/runs/$t.log" | tail -1
+    if [ "$after" -gt "$before" ] || [ $rc -ne 0 ]; then
         [ $status -eq 2 ] || status=1
-        echo "fuzz: $t FOUND A PROBLEM (exit $rc); log $BUILD/runs/$t.log, inputs in $crashes/"
-        grep -E 'ERROR: |SUMMARY: |Test unit written' "$BUILD/runs/$t.log" | head -5
+        echo "fuzz: $t FOUND $((after - before)) PROBLEM INPUT(S) (exit $rc); log $BUILD/runs/$t.log, inputs in $crashes/"
+        triage "$t" "$crashes"
     else
         echo "fuzz: $t clean"
     fi
