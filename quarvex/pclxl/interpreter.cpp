@@ -245,6 +245,13 @@ std::vector<double> Interpreter::numbers(const Value& v) const {
     return out;
 }
 
+void Interpreter::checkCtm() const {
+    const Matrix& m = m_gs.ctm;
+    for (double v : {m.a, m.b, m.c, m.d, m.e, m.f})
+        if (!std::isfinite(v) || std::fabs(v) > 1e9)
+            failOp("page transform out of range");
+}
+
 double Interpreter::userToPageScale() const {
     const double det = m_gs.ctm.a * m_gs.ctm.d - m_gs.ctm.b * m_gs.ctm.c;
     return std::sqrt(std::fabs(det));
@@ -314,21 +321,21 @@ void Interpreter::execute(const Operator& op, int depth) {
         break;
     case op::SetDefaultGS: {
         const Point cursor = m_gs.cursor;
-        Path path = m_gs.path;
         resetGraphics();
         m_gs.cursor = cursor;
-        m_gs.path = path;
         break;
     }
     case op::SetPageDefaultCTM: m_gs.ctm = m_pageCtm; break;
     case op::SetPageOrigin: {
         const Point o = xy(needXy(op, attr::PageOrigin));
         m_gs.ctm = m_gs.ctm * Matrix::translate(o.x, o.y);
+        checkCtm();
         break;
     }
     case op::SetPageRotation: {
         const double deg = need(op, attr::PageAngle).number();
         m_gs.ctm = m_gs.ctm * Matrix::rotate(deg * kPi / 180.0);
+        checkCtm();
         break;
     }
     case op::SetPageScale: {
@@ -348,21 +355,26 @@ void Interpreter::execute(const Operator& op, int depth) {
         if (!std::isfinite(s.x) || !std::isfinite(s.y) || s.x == 0 || s.y == 0)
             failOp("unusable PageScale");
         m_gs.ctm = m_gs.ctm * Matrix::scale(s.x, s.y);
+        checkCtm();
         break;
     }
     case op::SetCursor: {
         const Point p = xy(needXy(op, attr::Point));
         m_gs.cursor = userToPage(p.x, p.y);
-        m_gs.subpathStart = m_gs.cursor;
-        m_gs.path.moveTo(m_gs.cursor);
+        if (!finite(m_gs.cursor))
+            failOp("coordinates out of range");
+        m_subpathStart = m_gs.cursor;
+        m_path.moveTo(m_gs.cursor);
         break;
     }
     case op::SetCursorRel: {
         const Point d = xy(needXy(op, attr::Point));
         const Point v = userVector(d.x, d.y);
         m_gs.cursor = {m_gs.cursor.x + v.x, m_gs.cursor.y + v.y};
-        m_gs.subpathStart = m_gs.cursor;
-        m_gs.path.moveTo(m_gs.cursor);
+        if (!finite(m_gs.cursor))
+            failOp("coordinates out of range");
+        m_subpathStart = m_gs.cursor;
+        m_path.moveTo(m_gs.cursor);
         break;
     }
 
@@ -439,11 +451,11 @@ void Interpreter::execute(const Operator& op, int depth) {
     }
 
     // ---- Paths ----
-    case op::NewPath: m_gs.path.clear(); break;
+    case op::NewPath: m_path.clear(); break;
     case op::CloseSubPath:
-        if (!m_gs.path.empty()) {
-            m_gs.path.close();
-            m_gs.cursor = m_gs.subpathStart;
+        if (!m_path.empty()) {
+            m_path.close();
+            m_gs.cursor = m_subpathStart;
         }
         break;
     case op::LinePath: addPoints(op, false, false); break;
@@ -462,7 +474,7 @@ void Interpreter::execute(const Operator& op, int depth) {
     case op::Rectangle:
     case op::RoundRectangle: {
         requirePage(op);
-        m_gs.path.clear();
+        m_path.clear();
         if (op.tag == op::RoundRectangle)
             addRoundRect(op);
         else
@@ -489,19 +501,19 @@ void Interpreter::execute(const Operator& op, int depth) {
         break;
     }
     case op::SetClipReplace:
-        clipToPath(m_gs.path, m_gs.clipRule, number(op, attr::ClipRegion, 0) == 1, true);
+        clipToPath(m_path, m_gs.clipRule, number(op, attr::ClipRegion, 0) == 1, true);
         break;
     case op::SetClipIntersect:
-        clipToPath(m_gs.path, m_gs.clipRule, number(op, attr::ClipRegion, 0) == 1, false);
+        clipToPath(m_path, m_gs.clipRule, number(op, attr::ClipRegion, 0) == 1, false);
         break;
     case op::SetPathToClip:
-        m_gs.path.clear();
+        m_path.clear();
         if (m_gs.rs.clip && m_gs.rs.clip->entries.size() == 1)
-            m_gs.path = m_gs.rs.clip->entries.front().path;
+            m_path = m_gs.rs.clip->entries.front().path;
         else {
             Path p;
             p.addRect(0, 0, m_page.widthPt, m_page.heightPt);
-            m_gs.path = p;
+            m_path = p;
             if (m_gs.rs.clip)
                 warnOnce("SetPathToClip with a combined clip uses the page");
         }
@@ -753,6 +765,7 @@ void Interpreter::beginPage(const Operator& op) {
     m_inPage = true;
     m_pageMarked = false;
     m_stack.clear();
+    m_path.clear();
     resetGraphics();
 }
 
@@ -910,8 +923,8 @@ void Interpreter::addPoints(const Operator& op, bool relative, bool bezier) {
     } else {
         pts.push_back(xy(needXy(op, attr::EndPoint)));
     }
-    if (m_gs.path.empty())
-        m_gs.path.moveTo(m_gs.cursor);
+    if (m_path.empty())
+        m_path.moveTo(m_gs.cursor);
     Point cur = m_gs.cursor;
     if (bezier) {
         for (size_t i = 0; i + 2 < pts.size(); i += 3) {
@@ -924,7 +937,7 @@ void Interpreter::addPoints(const Operator& op, bool relative, bool bezier) {
                     q[k] = userToPage(pts[i + k].x, pts[i + k].y);
                 }
             }
-            m_gs.path.curveTo(q[0], q[1], q[2]);
+            m_path.curveTo(q[0], q[1], q[2]);
             cur = q[2];
         }
     } else {
@@ -935,7 +948,7 @@ void Interpreter::addPoints(const Operator& op, bool relative, bool bezier) {
             } else {
                 cur = userToPage(p.x, p.y);
             }
-            m_gs.path.lineTo(cur);
+            m_path.lineTo(cur);
         }
     }
     m_gs.cursor = cur;
@@ -947,20 +960,20 @@ void Interpreter::addArcShape(const Operator& op, int kind) {
     const double rx = (b.x2 - b.x1) / 2, ry = (b.y2 - b.y1) / 2;
     const Matrix& m = m_gs.ctm;
     if (kind == 4) { // rectangle
-        m_gs.path.moveTo(m.apply({b.x1, b.y1}));
-        m_gs.path.lineTo(m.apply({b.x2, b.y1}));
-        m_gs.path.lineTo(m.apply({b.x2, b.y2}));
-        m_gs.path.lineTo(m.apply({b.x1, b.y2}));
-        m_gs.path.close();
+        m_path.moveTo(m.apply({b.x1, b.y1}));
+        m_path.lineTo(m.apply({b.x2, b.y1}));
+        m_path.lineTo(m.apply({b.x2, b.y2}));
+        m_path.lineTo(m.apply({b.x1, b.y2}));
+        m_path.close();
         m_gs.cursor = m.apply({b.x1, b.y1});
-        m_gs.subpathStart = m_gs.cursor;
+        m_subpathStart = m_gs.cursor;
         return;
     }
     if (kind == 3) { // ellipse
-        appendArc(m_gs.path, m, cx, cy, rx, ry, 0, 2 * kPi, true);
-        m_gs.path.close();
+        appendArc(m_path, m, cx, cy, rx, ry, 0, 2 * kPi, true);
+        m_path.close();
         m_gs.cursor = m.apply({cx + rx, cy});
-        m_gs.subpathStart = m_gs.cursor;
+        m_subpathStart = m_gs.cursor;
         return;
     }
     const Point s = xy(needXy(op, attr::StartPoint));
@@ -982,22 +995,22 @@ void Interpreter::addArcShape(const Operator& op, int kind) {
             sweep -= 2 * kPi;
     }
     if (kind == 2) {
-        m_gs.path.moveTo(m.apply({cx, cy}));
-        appendArc(m_gs.path, m, cx, cy, rx, ry, a0, sweep, false);
-        m_gs.path.close();
+        m_path.moveTo(m.apply({cx, cy}));
+        appendArc(m_path, m, cx, cy, rx, ry, a0, sweep, false);
+        m_path.close();
         m_gs.cursor = m.apply({cx, cy});
-        m_gs.subpathStart = m_gs.cursor;
+        m_subpathStart = m_gs.cursor;
         return;
     }
-    appendArc(m_gs.path, m, cx, cy, rx, ry, a0, sweep, true);
+    appendArc(m_path, m, cx, cy, rx, ry, a0, sweep, true);
     const Point end{cx + rx * std::cos(a0 + sweep), cy + ry * std::sin(a0 + sweep)};
     if (kind == 1) {
-        m_gs.path.close();
+        m_path.close();
         m_gs.cursor = m.apply({cx + rx * std::cos(a0), cy + ry * std::sin(a0)});
-        m_gs.subpathStart = m_gs.cursor;
+        m_subpathStart = m_gs.cursor;
     } else {
         m_gs.cursor = m.apply(end);
-        m_gs.subpathStart = m.apply({cx + rx * std::cos(a0), cy + ry * std::sin(a0)});
+        m_subpathStart = m.apply({cx + rx * std::cos(a0), cy + ry * std::sin(a0)});
     }
 }
 
@@ -1007,7 +1020,7 @@ void Interpreter::addRoundRect(const Operator& op) {
     const double rx = std::min(std::fabs(ed.x) / 2, (b.x2 - b.x1) / 2);
     const double ry = std::min(std::fabs(ed.y) / 2, (b.y2 - b.y1) / 2);
     const Matrix& m = m_gs.ctm;
-    Path& p = m_gs.path;
+    Path& p = m_path;
     p.moveTo(m.apply({b.x1 + rx, b.y1}));
     p.lineTo(m.apply({b.x2 - rx, b.y1}));
     appendArc(p, m, b.x2 - rx, b.y1 + ry, rx, ry, -kPi / 2, kPi / 2, false);
@@ -1019,7 +1032,7 @@ void Interpreter::addRoundRect(const Operator& op) {
     appendArc(p, m, b.x1 + rx, b.y1 + ry, rx, ry, kPi, kPi / 2, false);
     p.close();
     m_gs.cursor = m.apply({b.x1 + rx, b.y1});
-    m_gs.subpathStart = m_gs.cursor;
+    m_subpathStart = m_gs.cursor;
 }
 
 StrokeStyle Interpreter::currentStroke() const {
@@ -1034,7 +1047,7 @@ StrokeStyle Interpreter::currentStroke() const {
 }
 
 void Interpreter::paintPath() {
-    const Path& path = m_gs.path;
+    const Path& path = m_path;
     // A path of nothing but moves paints nothing.
     bool hasSegments = false;
     for (Path::Op o : path.ops())
@@ -1056,6 +1069,9 @@ void Interpreter::paintPath() {
 }
 
 void Interpreter::clipToPath(const Path& pagePath, FillRule rule, bool exterior, bool replace) {
+    for (const Point& p : pagePath.points())
+        if (!finite(p))
+            failOp("clip path coordinates out of range");
     std::shared_ptr<ClipRegion> clip = std::make_shared<ClipRegion>();
     if (!replace && m_gs.rs.clip)
         *clip = *m_gs.rs.clip;

@@ -51,9 +51,7 @@ private:
         FillRule fillRule = FillRule::NonZero;
         FillRule clipRule = FillRule::NonZero;
         RenderState rs;
-        Path path; // page space
         Point cursor; // page space
-        Point subpathStart;
         // Text.
         std::string fontName;
         double charSize = 0;
@@ -88,6 +86,7 @@ private:
     void endPage();
     void resetGraphics();
     double userToPageScale() const;
+    void checkCtm() const;
 
     // Colour.
     void setColorSpace(const Operator& op);
@@ -141,6 +140,10 @@ private:
 
     GState m_gs;
     std::vector<GState> m_stack;
+    // The current path, in page space. It is not part of the saved state, so that a deep stack
+    // of saved states never holds copies of a long path.
+    Path m_path;
+    Point m_subpathStart;
 
     ImageState m_image;
     std::map<int, Pattern> m_patterns;
