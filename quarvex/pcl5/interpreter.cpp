@@ -22,10 +22,6 @@ constexpr double kMaxPosition = 7200.0 * 200;
 
 double clampPos(double v) { return std::clamp(v, -kMaxPosition, kMaxPosition); }
 
-bool isUel(const uint8_t* p, size_t n) {
-    static const char kUel[] = "\x1b%-12345X";
-    return n >= 9 && std::memcmp(p, kUel, 9) == 0;
-}
 
 } // namespace
 
@@ -90,6 +86,9 @@ void Interpreter::reset(bool pjlDefaults) {
     m_raster = RasterState{};
     m_displayFunctions = false;
     fontControl(1); // a reset deletes the temporary downloaded fonts
+    m_frameWidth = m_frameHeight = 0;
+    m_frameAnchorX = 0;
+    m_frameAnchorY = -1;
 
     // The default font: Courier 10 pitch 12 point Roman-8, or what PJL set.
     FontRequest rq;
@@ -130,6 +129,8 @@ void Interpreter::applyPageSetup(const PaperSize& paper, int orientation) {
     m_logicalWidth = std::max(0.0, m_sheetWidth - 2 * m_offsetX);
     m_logicalHeight = m_sheetHeight;
     defaultTextArea();
+    if (m_hpgl)
+        m_hpgl->setFrame(pictureFrame());
 }
 
 void Interpreter::defaultTextArea() {
@@ -964,6 +965,8 @@ void Interpreter::handleEscape2(uint8_t c) {
     case 'E': // reset
         ejectPage();
         reset(true);
+        m_inHpgl = false;
+        m_hpgl.reset();
         break;
     case '9': // clear horizontal margins
         m_leftMargin = 0;
@@ -1230,7 +1233,25 @@ void Interpreter::handleParam(Parser& parser, const Command& cmd) {
         case 'D': m_fontId = std::clamp(iv, 0, 32767); break;
         case 'E': m_charCode = static_cast<uint32_t>(std::clamp(iv, 0, 65535)); break;
         case 'F': fontControl(iv); break;
-        case 'R': case 'S': case 'T': case 'K': case 'L': break;
+        case 'X':
+            m_frameWidth = std::clamp(v, 0.0, 1e6) * kDecipoint;
+            if (m_hpgl)
+                m_hpgl->setFrame(pictureFrame());
+            break;
+        case 'Y':
+            m_frameHeight = std::clamp(v, 0.0, 1e6) * kDecipoint;
+            if (m_hpgl)
+                m_hpgl->setFrame(pictureFrame());
+            break;
+        case 'T':
+            if (iv == 0) {
+                m_frameAnchorX = m_x;
+                m_frameAnchorY = std::max(0.0, m_y);
+                if (m_hpgl)
+                    m_hpgl->setFrame(pictureFrame());
+            }
+            break;
+        case 'R': case 'S': case 'K': case 'L': break;
         default: break;
         }
         return;
@@ -1395,47 +1416,79 @@ void Interpreter::handleDataCommand(Parser& parser, const Command& cmd) {
     // Everything else that carries data (configurations, palettes, lookup tables) is skipped.
 }
 
-bool Interpreter::skipHpgl(Parser& parser) {
-    // HP-GL/2 runs until ESC%#A (back to PCL), ESC E or the end of the job.
-    warnOnce("PCL 5: HP-GL/2 graphics not supported, skipped");
-    const uint8_t* d = parser.data();
-    const size_t n = parser.size();
-    size_t pos = parser.position();
-    while (pos < n) {
-        const void* hit = std::memchr(d + pos, 0x1B, n - pos);
-        if (!hit) {
-            parser.setPosition(n);
-            return true;
-        }
-        pos = static_cast<size_t>(static_cast<const uint8_t*>(hit) - d);
-        if (isUel(d + pos, n - pos)) {
-            parser.setPosition(pos);
-            return true;
-        }
-        Parser sub(d, n);
-        sub.setPosition(pos);
-        const Command c = sub.next();
-        if (c.kind == Command::Kind::Escape2 && c.final == 'E') {
-            parser.setPosition(pos);
-            return true;
-        }
-        if (c.kind == Command::Kind::Param && c.parameter == '%' && c.group == 0 && c.final == 'A') {
-            parser.setPosition(sub.position());
-            return true;
-        }
-        pos = std::max(pos + 1, sub.position());
+HpglFrame Interpreter::pictureFrame() const {
+    // The default picture frame is the logical page's width by the text length, from the left
+    // edge at the top margin.
+    const double w = m_frameWidth > 0 ? m_frameWidth : m_logicalWidth;
+    double h = m_frameHeight;
+    if (h <= 0)
+        h = m_textLength > 0 && m_vmi > 0 ? m_textLength * m_vmi : m_logicalHeight - kUnitsPerInch;
+    if (h <= 0)
+        h = m_logicalHeight;
+    const double ax = m_frameAnchorX;
+    const double ay = m_frameAnchorY >= 0 ? m_frameAnchorY : m_topMargin;
+    const double unitsPerPlu = kUnitsPerInch / 1016.0;
+    HpglFrame f;
+    f.plotterToPage = logicalToPage() * Matrix::translate(ax, ay + h) * Matrix::scale(unitsPerPlu, -unitsPerPlu);
+    f.widthPlu = w / unitsPerPlu;
+    f.heightPlu = h / unitsPerPlu;
+    return f;
+}
+
+void Interpreter::enterHpgl(int mode) {
+    if (m_raster.active)
+        endRaster();
+    if (!m_hpgl) {
+        Hpgl::Hooks hooks;
+        hooks.ensurePage = [this] { ensurePage(); };
+        hooks.warn = [this](const std::string& m) { warnOnce(m); };
+        hooks.renderState = [this] { return renderState(); };
+        m_hpgl = std::make_unique<Hpgl>(m_dev, hooks);
+        m_hpgl->setFrame(pictureFrame());
     }
-    parser.setPosition(n);
-    return true;
+    m_inHpgl = true;
+    if (mode == 1 || mode == 3) {
+        // The pen starts at the PCL cursor.
+        if (auto inv = m_hpgl->plotterToPage().inverted())
+            m_hpgl->setPenPosition(inv->apply(logicalToPage().apply({m_x, m_y})));
+    }
+}
+
+void Interpreter::leaveHpgl(int mode) {
+    if (!m_inHpgl)
+        return;
+    m_inHpgl = false;
+    if (mode == 1 && m_hpgl) {
+        // The PCL cursor moves to the pen.
+        const Point page = m_hpgl->plotterToPage().apply(m_hpgl->penPosition());
+        if (auto inv = logicalToPage().inverted()) {
+            const Point logical = inv->apply(page);
+            m_x = clampPos(logical.x);
+            m_y = clampPos(logical.y);
+        }
+    }
 }
 
 size_t Interpreter::run(const uint8_t* data, size_t size) {
     Parser parser(data, size);
     size_t stop = size;
     for (;;) {
+        if (m_inHpgl) {
+            parser.setPosition(m_hpgl->run(data, parser.position(), size));
+            if (parser.atEnd())
+                break;
+        }
         const Command cmd = parser.next();
         if (cmd.kind == Command::Kind::End)
             break;
+        if (m_inHpgl) {
+            // Inside HP-GL/2 only the way back to PCL, a reset and the end of the job count.
+            const bool leave = (cmd.kind == Command::Kind::Escape2 && cmd.final == 'E') ||
+                               (cmd.kind == Command::Kind::Param && cmd.parameter == '%' && cmd.group == 0 &&
+                                (cmd.final == 'A' || cmd.final == 'X'));
+            if (!leave)
+                continue;
+        }
         if (cmd.kind == Command::Kind::Text) {
             handleText(cmd.text, cmd.textLength);
             continue;
@@ -1449,11 +1502,10 @@ size_t Interpreter::run(const uint8_t* data, size_t size) {
                 stop = cmd.offset;
                 break;
             }
-            if (cmd.final == 'B') {
-                if (m_raster.active)
-                    endRaster();
-                skipHpgl(parser);
-            }
+            if (cmd.final == 'B')
+                enterHpgl(cmd.intValue());
+            else if (cmd.final == 'A')
+                leaveHpgl(cmd.intValue());
             continue;
         }
         handleParam(parser, cmd);

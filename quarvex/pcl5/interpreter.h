@@ -9,6 +9,7 @@
 #include "common/job.h"
 #include "fonts/font_library.h"
 #include "pcl5/page_formats.h"
+#include "pcl5/hpgl.h"
 #include "pcl5/parser.h"
 #include "pcl5/soft_fonts.h"
 #include "render/device.h"
@@ -61,7 +62,9 @@ private:
     void handleParam(Parser& parser, const Command& cmd);
     void handleDataCommand(Parser& parser, const Command& cmd);
     void handleFontCommand(const Command& cmd, bool secondary);
-    bool skipHpgl(Parser& parser);
+    void enterHpgl(int mode);
+    void leaveHpgl(int mode);
+    HpglFrame pictureFrame() const;
 
     // Page setup
     void reset(bool pjlDefaults);
@@ -199,6 +202,11 @@ private:
     int m_fontId = 0;
     uint32_t m_charCode = 0;
     CharacterAssembler m_assembler;
+
+    std::unique_ptr<Hpgl> m_hpgl;
+    bool m_inHpgl = false;
+    double m_frameWidth = 0, m_frameHeight = 0; // picture frame, units; 0 = the default
+    double m_frameAnchorX = 0, m_frameAnchorY = -1; // -1 = at the top margin
 
     std::vector<std::string> m_warned;
     bool m_displayFunctions = false;

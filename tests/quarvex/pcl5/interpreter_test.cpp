@@ -329,13 +329,47 @@ TEST(Pcl5Robustness, UniversalExitLanguageEndsTheJob) {
     EXPECT_EQ(r.pages, 1);
 }
 
-TEST(Pcl5Robustness, HpglIsSkippedWithAWarning) {
-    Result r = runPcl(ESC + "%0BIN;SP1;PU100,100;PD200,200;" + ESC + "%0A" + "x");
+TEST(Pcl5Hpgl, LinesInPlotterUnitsFromTheFrameCorner) {
+    // The default picture frame: the logical page's width, 10 inches high from the top margin;
+    // plotter units are 1/1016 inch from its lower left corner, y up.
+    Result r = runPcl(ESC + "%0BIN;SP1;PU0,0;PD1016,0,1016,1016;PU;" + ESC + "%0A" + "x");
+    EXPECT_FALSE(r.warnings);
+    auto strokes = r.starting("stroke");
+    ASSERT_EQ(strokes.size(), 1u);
+    // Lower left of the frame: x 18 pt, y 36 + 720 pt; 0.35 mm pen.
+    EXPECT_EQ(strokes[0], "stroke w=0.99 #000000 rop=252 srcT patT M18,756 L90,756 L90,684");
+    EXPECT_EQ(r.starting("mask").size(), 1u); // PCL text after the return
+}
+
+TEST(Pcl5Hpgl, RelativeMovesRectanglesCirclesAndPenWidth) {
+    Result r = runPcl(ESC + "%1BIN;PW1;SP1;PA1016,1016;PR;PD508,0;PU;RR254,254;EA0,0;CI100;" + ESC + "%0A");
+    auto strokes = r.starting("stroke");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(strokes.size(), 3u);
+    ASSERT_EQ(fills.size(), 1u);
+    EXPECT_EQ(strokes[0], "stroke w=2.83 #000000 rop=252 srcT patT M90,684 L126,684");
+    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M126,684 L144,684 L144,666 L126,666 Z");
+    EXPECT_NE(strokes[1].find("M126,684 L18,684 L18,756 L126,756 Z"), std::string::npos) << strokes[1];
+    EXPECT_NE(strokes[2].find(" C"), std::string::npos) << strokes[2];
+}
+
+TEST(Pcl5Hpgl, ScalingAndPolygons) {
+    // User units 0..10 across P1..P2 = 0..1016 plotter units; a filled triangle in polygon mode.
+    Result r = runPcl(ESC + "%0BIN;IP0,0,1016,1016;SC0,10,0,10;PA0,0;PM0;PD10,0,10,10,0,0;PM2;FP;" + ESC + "%0A");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 1u);
+    EXPECT_EQ(fills[0], "fill eo #000000 rop=252 srcT patT M18,756 L90,756 L90,684 L18,756");
+}
+
+TEST(Pcl5Hpgl, LabelsAreSkippedWithAWarningAndResetLeavesHpgl) {
+    Result r = runPcl(ESC + "%0BIN;LBHelloPD;" + ESC + "E" + "y");
     EXPECT_TRUE(r.warnings);
     EXPECT_EQ(r.starting("mask").size(), 1u);
-    EXPECT_EQ(r.used, r.used); // the whole job was read
-    r = runPcl(ESC + "%1BIN;PD;" + ESC + "E" + "y");
-    EXPECT_EQ(r.starting("mask").size(), 1u);
+    // The end of the job inside HP-GL/2 stops in front of the exit sequence.
+    const std::string job = ESC + "%0BIN;PD100,100;" + ESC + "%-12345X";
+    r = runPcl(job);
+    EXPECT_EQ(r.used, job.size() - 9);
+    EXPECT_EQ(r.starting("stroke").size(), 1u);
 }
 
 TEST(Pcl5Robustness, TruncatedRasterIsWarnedAndKept) {
