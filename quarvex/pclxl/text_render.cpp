@@ -45,6 +45,35 @@ void put32(std::vector<uint8_t>& v, size_t at, uint32_t x) {
 uint16_t get16(const uint8_t* p) { return uint16_t(p[0] << 8 | p[1]); }
 uint32_t get32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
 
+// Emboldening: the glyph smeared `extra` pixels to the right.
+Mask embolden(const Mask& in, int extra) {
+    if (extra <= 0 || in.width <= 0)
+        return in;
+    Mask out;
+    out.width = in.width + extra;
+    out.height = in.height;
+    out.stride = (size_t(out.width) + 7) / 8;
+    out.bits.assign(out.stride * size_t(out.height), 0);
+    for (int y = 0; y < in.height; ++y) {
+        const uint8_t* src = in.bits.data() + size_t(y) * in.stride;
+        uint8_t* dst = out.bits.data() + size_t(y) * out.stride;
+        int run = -1; // last ink column seen
+        for (int x = 0; x < out.width; ++x) {
+            if (x < in.width && (src[x >> 3] >> (7 - (x & 7))) & 1)
+                run = x;
+            if (run >= 0 && x - run <= extra)
+                dst[x >> 3] |= uint8_t(0x80 >> (x & 7));
+        }
+    }
+    return out;
+}
+
+int boldPixels(double bold, double emPixels) {
+    if (!(bold > 0))
+        return 0;
+    return std::clamp(int(std::lround(bold * emPixels)), 1, 64);
+}
+
 } // namespace
 
 Matrix TextStyle::charMatrix() const {
@@ -235,7 +264,8 @@ void drawDownloadedText(DownloadedFont& font, const TextRun& run, const TextStyl
                 if (g.width > 0 && g.height > 0 && paint.kind != Paint::Kind::None) {
                     const Matrix maskToPage =
                         Matrix::translate(cursor.x, cursor.y) * pixelToPage * Matrix::translate(g.left, -g.top);
-                    device.fillMask(g.mask, maskToPage, paint, rs);
+                    const int extra = boldPixels(style.bold, double(g.height));
+                    device.fillMask(extra ? embolden(g.mask, extra) : g.mask, maskToPage, paint, rs);
                 }
                 fallback = pixelToPage.applyVector({double(g.left + g.width), 0});
             }
@@ -261,6 +291,7 @@ void drawDownloadedText(DownloadedFont& font, const TextRun& run, const TextStyl
     const Matrix deviceToPage = pageToDevice.inverted().value_or(Matrix{});
     // em units (y up) to device pixels (y down).
     const Matrix fontToDevice = devLinear * charToPage * Matrix::scale(style.charSize, -style.charSize);
+    const double emPixels = std::sqrt(std::fabs(fontToDevice.a * fontToDevice.d - fontToDevice.b * fontToDevice.c));
     for (size_t i = 0; i < run.codes.size(); ++i) {
         Point fallback{0, 0};
         auto it = font.ttChars.find(run.codes[i]);
@@ -275,7 +306,8 @@ void drawDownloadedText(DownloadedFont& font, const TextRun& run, const TextStyl
                 if (mask.width > 0 && mask.height > 0 && paint.kind != Paint::Kind::None) {
                     const Matrix maskToPage = deviceToPage * Matrix::translate(std::round(pen.x) + left,
                                                                                std::round(pen.y) + top);
-                    device.fillMask(mask, maskToPage, paint, rs);
+                    const int extra = boldPixels(style.bold, emPixels);
+                    device.fillMask(extra ? embolden(mask, extra) : mask, maskToPage, paint, rs);
                 }
                 fallback = deviceToPage.applyVector(adv);
             }
@@ -307,6 +339,7 @@ bool drawResidentText(const FontLibrary& fonts, const std::string& name, const T
     const Matrix deviceToPage = pageToDevice.inverted().value_or(Matrix{});
     const Matrix charToPage = linear(style.ctm) * style.charMatrix();
     const Matrix fontToDevice = devLinear * charToPage * Matrix::scale(style.charSize, -style.charSize);
+    const double emPixels = std::sqrt(std::fabs(fontToDevice.a * fontToDevice.d - fontToDevice.b * fontToDevice.c));
     for (size_t i = 0; i < run.codes.size(); ++i) {
         const char32_t u = symbolSetToUnicode(uint16_t(style.symbolSet), run.codes[i]);
         Point fallback{0, 0};
@@ -316,7 +349,8 @@ bool drawResidentText(const FontLibrary& fonts, const std::string& name, const T
                 if (g->mask.width > 0 && g->mask.height > 0 && paint.kind != Paint::Kind::None) {
                     const Matrix maskToPage =
                         deviceToPage * Matrix::translate(std::round(pen.x) + g->left, std::round(pen.y) + g->top);
-                    device.fillMask(g->mask, maskToPage, paint, rs);
+                    const int extra = boldPixels(style.bold, emPixels);
+                    device.fillMask(extra ? embolden(g->mask, extra) : g->mask, maskToPage, paint, rs);
                 }
                 fallback = deviceToPage.applyVector({g->advanceX, g->advanceY});
             }

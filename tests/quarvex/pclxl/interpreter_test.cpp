@@ -506,6 +506,48 @@ TEST(Text, DownloadedBitmapFont) {
     EXPECT_EQ(masks[2], "mask 8x8 ink=64 [0.24 0 0 0.24 81.84 142.08] #000000 rop=252 srcO patO");
 }
 
+TEST(Text, CharacterScaleAngleAndBoldness) {
+    XlWriter w;
+    w.start();
+    w.str("Dot").a(attr::FontName).ub(0).a(attr::FontFormat).op(op::BeginFontHeader);
+    w.u16(24).a(attr::FontHeaderLength).op(op::ReadFontHeader).data(bitmapFontHeader());
+    w.op(op::EndFontHeader);
+    w.str("Dot").a(attr::FontName).op(op::BeginChar);
+    const auto a = bitmapChar(1, 8, 8, 8, 0xFF);
+    w.u16('A').a(attr::CharCode).u16(uint16_t(a.size())).a(attr::CharDataSize).op(op::ReadChar).data(a);
+    w.op(op::EndChar);
+    w.str("Dot").a(attr::FontName).r32(1).a(attr::CharSize).u16(277).a(attr::SymbolSet).op(op::SetFont);
+    w.s16Xy(300, 600).a(attr::Point).op(op::SetCursor);
+    w.r32Xy(2, 1).a(attr::CharScale).op(op::SetCharScale);
+    w.str("A").a(attr::TextData).ubArray({0}).a(attr::XSpacingData).op(op::Text);
+    w.r32Xy(1, 1).a(attr::CharScale).op(op::SetCharScale).s16(90).a(attr::CharAngle).op(op::SetCharAngle);
+    w.str("A").a(attr::TextData).ubArray({0}).a(attr::XSpacingData).op(op::Text);
+    w.s16(0).a(attr::CharAngle).op(op::SetCharAngle).r32(0.25f).a(attr::CharBoldValue).op(op::SetCharBoldValue);
+    w.str("A").a(attr::TextData).ubArray({0}).a(attr::XSpacingData).op(op::Text);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    const auto masks = r.dev.matching("mask");
+    ASSERT_EQ(masks.size(), 3u) << r.dev.joined();
+    EXPECT_EQ(masks[0], "mask 8x8 ink=64 [0.48 0 0 0.24 72.48 142.08] #000000 rop=252 srcO patO");
+    EXPECT_EQ(masks[1], "mask 8x8 ink=64 [0 0.24 -0.24 0 73.92 144.24] #000000 rop=252 srcO patO");
+    // A quarter of the glyph's height, two pixels, more ink to the right.
+    EXPECT_EQ(masks[2], "mask 10x8 ink=80 [0.24 0 0 0.24 72.24 142.08] #000000 rop=252 srcO patO");
+}
+
+TEST(Paint, SavedStatesAreBounded) {
+    XlWriter w;
+    w.start();
+    for (int i = 0; i < 300; ++i)
+        w.op(op::PushGS);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    ASSERT_EQ(r.diag.lines().size(), 1u);
+    EXPECT_NE(r.diag.lines()[0].find("graphics state stack overflow in PushGS"), std::string::npos);
+}
+
 TEST(Text, ResidentFontByName) {
     FontLibrary fonts;
     const int courier = fonts.selectByName("Courier");
