@@ -71,7 +71,10 @@ struct FontLibrary::Impl {
     std::vector<std::string> folders;
     bool useFontconfig = true;
     FT_Library ft = nullptr;
-    bool fcInitialised = false;
+    // A configuration of our own, loaded on first use and released with the library, so that
+    // the process-wide one stays untouched.
+    FcConfig* fc = nullptr;
+    bool fcTried = false;
 
     struct Face {
         ResidentFontInfo info;
@@ -89,21 +92,24 @@ struct FontLibrary::Impl {
                 FT_Done_Face(f.face);
         if (ft)
             FT_Done_FreeType(ft);
+        if (fc)
+            FcConfigDestroy(fc);
     }
 
     std::string fontconfigMatch(const fonts::FaceFile& file, bool requireFamily) {
-        if (!fcInitialised) {
-            if (!FcInit())
-                return {};
-            fcInitialised = true;
+        if (!fcTried) {
+            fcTried = true;
+            fc = FcInitLoadConfigAndFonts();
         }
+        if (!fc)
+            return {};
         FcPattern* pattern = FcPatternCreate();
         FcPatternAddString(pattern, FC_FAMILY, reinterpret_cast<const FcChar8*>(file.fcFamily));
         FcPatternAddString(pattern, FC_STYLE, reinterpret_cast<const FcChar8*>(file.fcStyle));
-        FcConfigSubstitute(nullptr, pattern, FcMatchPattern);
+        FcConfigSubstitute(fc, pattern, FcMatchPattern);
         FcDefaultSubstitute(pattern);
         FcResult result = FcResultNoMatch;
-        FcPattern* match = FcFontMatch(nullptr, pattern, &result);
+        FcPattern* match = FcFontMatch(fc, pattern, &result);
         std::string path;
         if (match) {
             FcChar8* family = nullptr;
