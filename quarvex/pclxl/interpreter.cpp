@@ -1552,18 +1552,18 @@ void Interpreter::text(const Operator& op, bool asPath) {
     style.unitsPerInchX = m_unitsX;
     style.unitsPerInchY = m_unitsY;
     style.symbolSet = m_gs.symbolSet;
-    Paint paint = m_gs.brush;
-    if (asPath) {
-        // TextPath adds outlines to the path; glyph masks are drawn with the brush instead.
-        warnOnce("TextPath is drawn as filled text");
-    }
+    // TextPath collects the glyphs' pixels into the current path instead of drawing them.
+    const size_t pathRects = m_path.points().size() / 4;
+    GlyphOutlineCollector collector(m_dev, pathRects < 200000 ? 200000 - pathRects : 0);
+    Device& target = asPath ? static_cast<Device&>(collector) : m_dev;
+    Paint paint = asPath ? Paint::solid(Rgb::black()) : m_gs.brush;
     std::string problem;
     auto it = m_fonts.find(m_gs.fontName);
     Point cursor = m_gs.cursor;
     if (it != m_fonts.end()) {
-        drawDownloadedText(*it->second, run, style, cursor, paint, m_gs.rs, m_dev, problem);
+        drawDownloadedText(*it->second, run, style, cursor, paint, m_gs.rs, target, problem);
     } else if (m_ctx.fonts) {
-        if (!drawResidentText(*m_ctx.fonts, m_gs.fontName, run, style, cursor, paint, m_gs.rs, m_dev, problem))
+        if (!drawResidentText(*m_ctx.fonts, m_gs.fontName, run, style, cursor, paint, m_gs.rs, target, problem))
             warnOnce(problem);
         problem.clear();
     } else {
@@ -1575,6 +1575,12 @@ void Interpreter::text(const Operator& op, bool asPath) {
     if (!problem.empty())
         warnOnce(problem);
     m_gs.cursor = cursor;
+    if (asPath) {
+        if (collector.truncated)
+            warnOnce("TextPath outlines too large; part of the text left out of the path");
+        m_path.append(collector.path);
+        return;
+    }
     if (paint.kind != Paint::Kind::None && !run.codes.empty())
         drew();
 }

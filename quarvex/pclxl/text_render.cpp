@@ -239,6 +239,59 @@ private:
     std::vector<uint8_t> m_sfnt;
 };
 
+void GlyphOutlineCollector::fillMask(const Mask& mask, const Matrix& m, const Paint&, const RenderState&) {
+    // Runs of ink on each row; a run that repeats on the next rows grows into one rectangle.
+    struct Open {
+        int x0, x1, y0;
+    };
+    std::vector<Open> open, next;
+    auto emit = [&](const Open& o, int y1) {
+        if (m_rectangles >= m_maxRectangles) {
+            truncated = true;
+            return;
+        }
+        ++m_rectangles;
+        path.moveTo(m.apply({double(o.x0), double(o.y0)}));
+        path.lineTo(m.apply({double(o.x1), double(o.y0)}));
+        path.lineTo(m.apply({double(o.x1), double(y1)}));
+        path.lineTo(m.apply({double(o.x0), double(y1)}));
+        path.close();
+    };
+    for (int y = 0; y <= mask.height; ++y) {
+        next.clear();
+        if (y < mask.height) {
+            const uint8_t* row = mask.bits.data() + size_t(y) * mask.stride;
+            int x = 0;
+            while (x < mask.width) {
+                while (x < mask.width && !((row[x >> 3] >> (7 - (x & 7))) & 1))
+                    ++x;
+                if (x >= mask.width)
+                    break;
+                const int start = x;
+                while (x < mask.width && ((row[x >> 3] >> (7 - (x & 7))) & 1))
+                    ++x;
+                next.push_back({start, x, y});
+            }
+        }
+        // Runs that continue keep their first row; the others end here.
+        for (Open& n : next)
+            for (const Open& o : open)
+                if (o.x0 == n.x0 && o.x1 == n.x1) {
+                    n.y0 = o.y0;
+                    break;
+                }
+        for (const Open& o : open) {
+            bool continues = false;
+            for (const Open& n : next)
+                if (n.x0 == o.x0 && n.x1 == o.x1)
+                    continues = true;
+            if (!continues)
+                emit(o, y);
+        }
+        open.swap(next);
+    }
+}
+
 void advanceWithoutGlyphs(const TextRun& run, const TextStyle& style, Point& cursor) {
     const Matrix m = linear(style.ctm) * style.charMatrix();
     const Point fallback = m.applyVector({style.charSize * 0.6, 0});

@@ -46,6 +46,29 @@ bool drawResidentText(const FontLibrary& fonts, const std::string& name, const T
                       const TextStyle& style, Point& cursor, const Paint& paint, const RenderState& rs,
                       Device& device, std::string& problem);
 
+// A device that keeps the glyph masks it is given as a path of pixel rectangles, in page space:
+// the outlines TextPath adds to the current path, exact at the device's resolution.
+class GlyphOutlineCollector : public Device {
+public:
+    explicit GlyphOutlineCollector(const Device& target, size_t maxRectangles = 200000)
+        : m_target(target), m_maxRectangles(maxRectangles) {}
+    void beginPage(const PageSpec&) override {}
+    void endPage() override {}
+    Matrix pageToDevice() const override { return m_target.pageToDevice(); }
+    void fillPath(const Path&, FillRule, const Paint&, const RenderState&) override {}
+    void strokePath(const Path&, const StrokeStyle&, const Paint&, const RenderState&) override {}
+    void drawImage(const Image&, const Matrix&, const Paint&, const RenderState&) override {}
+    void fillMask(const Mask& mask, const Matrix& maskToPage, const Paint& paint, const RenderState& rs) override;
+
+    Path path;
+    bool truncated = false; // more rectangles than allowed; the rest were dropped
+
+private:
+    const Device& m_target;
+    size_t m_maxRectangles;
+    size_t m_rectangles = 0;
+};
+
 // Moves the cursor as the text would, drawing nothing.
 void advanceWithoutGlyphs(const TextRun& run, const TextStyle& style, Point& cursor);
 

@@ -536,6 +536,32 @@ TEST(Text, CharacterScaleAngleAndBoldness) {
     EXPECT_EQ(masks[2], "mask 10x8 ink=80 [0.24 0 0 0.24 72.24 142.08] #000000 rop=252 srcO patO");
 }
 
+TEST(Text, TextPathAddsTheGlyphPixelsToThePath) {
+    XlWriter w;
+    w.start();
+    w.str("Dot").a(attr::FontName).ub(0).a(attr::FontFormat).op(op::BeginFontHeader);
+    w.u16(24).a(attr::FontHeaderLength).op(op::ReadFontHeader).data(bitmapFontHeader());
+    w.op(op::EndFontHeader);
+    w.str("Dot").a(attr::FontName).op(op::BeginChar);
+    // An L: a column of two pixels over a bar of four.
+    std::vector<uint8_t> l = {0, 0, 0, 0, 0, 3, 0, 4, 0, 3, 0xC0, 0xC0, 0xF0};
+    w.u16('L').a(attr::CharCode).u16(uint16_t(l.size())).a(attr::CharDataSize).op(op::ReadChar).data(l);
+    w.op(op::EndChar);
+    w.str("Dot").a(attr::FontName).r32(1).a(attr::CharSize).u16(277).a(attr::SymbolSet).op(op::SetFont);
+    w.ub(0).a(attr::NullPen).op(op::SetPenSource);
+    w.op(op::NewPath).s16Xy(300, 600).a(attr::Point).op(op::SetCursor);
+    w.str("L").a(attr::TextData).op(op::TextPath).op(op::PaintPath);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    EXPECT_TRUE(r.dev.matching("mask").empty());
+    const auto fills = r.dev.matching("fill");
+    ASSERT_EQ(fills.size(), 1u) << r.dev.joined();
+    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcO patO M72,144 M72,143.28 L72.48,143.28 L72.48,143.76 "
+                        "L72,143.76 Z M72,143.76 L72.96,143.76 L72.96,144 L72,144 Z");
+}
+
 TEST(Paint, SavedStatesAreBounded) {
     XlWriter w;
     w.start();
