@@ -473,3 +473,48 @@ TEST(Pcl5SoftFonts, DamagedDownloadsAreWarnedAndSkipped) {
     r = runPcl(ESC + "*c1D" + ESC + ")s64W" + hdr + ESC + "*c65E" + ESC + "(s16W" + big + ESC + "(1XA");
     EXPECT_TRUE(r.warnings);
 }
+
+TEST(Pcl5Colour, DirectByPixelRasterGoesToAnRgbImage) {
+    const std::string cid = std::string("\x00\x03\x08\x08\x08\x08", 6);
+    const std::string row = std::string("\xff\x00\x00\x00\x00\xff", 6); // red, blue
+    Result r = runPcl(ESC + "*v6W" + cid + ESC + "*t300R" + ESC + "*r2s1A" + ESC + "*b6W" + row + ESC + "*rB");
+    auto images = r.starting("image");
+    ASSERT_EQ(images.size(), 1u);
+    EXPECT_EQ(images[0], "image 2x1 rgb [0.24 0 0 0.24 18 45] #000000 rop=252 srcT patT");
+}
+
+TEST(Pcl5Colour, PaletteAndForegroundColourText) {
+    // Indexed by pixel, 2 bits: entry 2 set to pure green, then chosen as the foreground for a
+    // rectangle.
+    const std::string cid = std::string("\x00\x01\x02\x08\x08\x08", 6);
+    Result r = runPcl(ESC + "*v6W" + cid + ESC + "*v0a255b0c2I" + ESC + "*v2S" + ESC + "*c10a10b0P");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 1u);
+    EXPECT_NE(fills[0].find("#00ff00"), std::string::npos) << fills[0];
+}
+
+TEST(Pcl5Colour, MonochromeDefaultsAfterReset) {
+    const std::string cid = std::string("\x00\x01\x02\x08\x08\x08", 6);
+    Result r = runPcl(ESC + "*v6W" + cid + ESC + "*v0a255b0c1I" + ESC + "*v1S" + ESC + "E" + ESC + "*c10a10b0P");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 1u);
+    EXPECT_NE(fills[0].find("#000000"), std::string::npos) << fills[0];
+}
+
+TEST(Pcl5Pages, LandscapeLogicalPageAndRegistration) {
+    // Landscape Letter: the logical page starts 60 dots (14.4 pt) from the long sheet's left
+    // edge. A left registration of 180 decipoints moves it a quarter inch further right.
+    Result r = runPcl(ESC + "&l1O" + ESC + "*p0x0Y" + ESC + "*c3a3b0P" + ESC + "&l180U" + ESC + "*c3a3b0P");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 2u);
+    EXPECT_NE(fills[0].find("M14.4,36 "), std::string::npos) << fills[0];
+    EXPECT_NE(fills[1].find("M32.4,36 "), std::string::npos) << fills[1];
+}
+
+TEST(Pcl5Pages, ReversePortraitTurnsTheLogicalPageHalfARound) {
+    Result r = runPcl(ESC + "&l2O" + ESC + "*p0x0Y" + ESC + "*c300a300b0P");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 1u);
+    // From the top left of the logical page, which now lies at the sheet's bottom right.
+    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M594,756 L522,756 L522,684 L594,684 Z");
+}
