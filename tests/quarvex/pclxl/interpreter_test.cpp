@@ -135,6 +135,23 @@ TEST(Pages, PageTransformsApplyToLaterCoordinates) {
     EXPECT_EQ(fills[1], "fill nz #000000 rop=252 srcO patO M0,0 L0,10 L-10,10 L-10,0 Z");
 }
 
+TEST(Pages, PjlPaperAndOrientationFillInWhatBeginPageLeavesOut) {
+    XlWriter w;
+    w.beginSession().openData().op(op::BeginPage).endPage();
+    w.ub(eLandscape).a(attr::Orientation).op(op::BeginPage).endPage();
+    w.ub(0).a(attr::MediaSize).op(op::BeginPage).endPage();
+    w.endSession();
+    Outcome r;
+    JobContext ctx{r.dev, r.diag, nullptr, {}};
+    ctx.pjl.paper = "A4";
+    ctx.pjl.orientation = "LANDSCAPE";
+    run(w.bytes.data(), w.bytes.size(), ctx);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    EXPECT_EQ(r.dev.matching("beginPage"),
+              (std::vector<std::string>{"beginPage 841.89x595.28 dpi=300x300", "beginPage 841.89x595.28 dpi=300x300",
+                                        "beginPage 792x612 dpi=300x300"}));
+}
+
 TEST(Pages, EndSessionEjectsAnOpenPage) {
     XlWriter w;
     w.start().u16Box(0, 0, 10, 10).a(attr::BoundingBox).op(op::Rectangle).endSession();
@@ -463,6 +480,38 @@ TEST(Images, RasterPatternFillsThroughTheBrush) {
     EXPECT_EQ(r.dev.matching("fill")[0].substr(0, 22), "fill nz pattern(2x2) r");
     ASSERT_EQ(r.diag.lines().size(), 1u);
     EXPECT_NE(r.diag.lines()[0].find("pattern 8 is not defined in SetBrushSource"), std::string::npos);
+}
+
+TEST(Images, ScanLinesFillRunsWithTheBrush) {
+    XlWriter w;
+    w.beginSession(72).openData().beginPage();
+    w.s16Xy(100, 200).a(attr::Point).op(op::SetCursor).op(op::BeginScan);
+    // Two lines: y +0, x +10, one pair (offset 0, length 5); y +2, x +0, two byte pairs.
+    std::vector<uint8_t> d;
+    for (uint16_t v : {0, 10, 1}) {
+        auto b = w.word(v);
+        d.insert(d.end(), b.begin(), b.end());
+    }
+    d.push_back(eUInt16);
+    for (uint16_t v : {0, 5}) {
+        auto b = w.word(v);
+        d.insert(d.end(), b.begin(), b.end());
+    }
+    for (uint16_t v : {2, 0, 2}) {
+        auto b = w.word(v);
+        d.insert(d.end(), b.begin(), b.end());
+    }
+    d.push_back(eUByte);
+    d.insert(d.end(), {1, 2, 3, 4});
+    w.u16(2).a(attr::NumberOfScanLines).op(op::ScanLineRel).data(d).op(op::EndScan);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    const auto fills = r.dev.matching("fill");
+    ASSERT_EQ(fills.size(), 1u);
+    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcO patO M110,200 L115,200 L115,201 L110,201 Z "
+                        "M101,202 L103,202 L103,203 L101,203 Z M106,202 L110,202 L110,203 L106,203 Z");
 }
 
 // ------------------------------------------------------------------ text
