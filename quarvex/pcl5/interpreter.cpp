@@ -169,19 +169,6 @@ void Interpreter::setOrientation(int orientation) {
     applyPageSetup(m_paper, orientation);
 }
 
-void Interpreter::setCustomSize(double widthUnits, double lengthUnits) {
-    // Custom paper: both sides within what printers take (3 to 17 by 5 to 47 inches, generously).
-    PaperSize p = m_paper;
-    p.code = 101;
-    p.name = "CUSTOM";
-    if (widthUnits > 0)
-        p.widthPt = std::clamp(widthUnits / kUnitsPerPoint, 72.0, 72.0 * 60);
-    if (lengthUnits > 0)
-        p.heightPt = std::clamp(lengthUnits / kUnitsPerPoint, 72.0, 72.0 * 60);
-    ejectPage();
-    applyPageSetup(p, m_orientation);
-}
-
 Matrix Interpreter::logicalToPage() const {
     // Logical units to page points on the oriented sheet; orientations 2 and 3 turn the logical
     // page half a turn.
@@ -730,7 +717,7 @@ int Interpreter::planes() const {
 int Interpreter::rasterWidthPixels() const {
     // The raster may not reach past the logical page's right edge.
     const double room = std::max(0.0, m_logicalWidth - m_raster.left);
-    const int maxPixels = static_cast<int>(std::ceil(room / rasterPixelUnits()));
+    const int maxPixels = static_cast<int>(std::ceil(room / m_raster.scaleX));
     if (m_raster.width > 0)
         return std::min(m_raster.width, maxPixels);
     return maxPixels;
@@ -741,6 +728,20 @@ void Interpreter::startRaster(int mode) {
         return;
     m_raster.active = true;
     m_raster.left = (mode == 1 || mode == 3) ? m_x : 0;
+    // Modes 2 and 3 scale the source (width by height pixels) to the destination size.
+    m_raster.scaleX = m_raster.scaleY = rasterPixelUnits();
+    if ((mode == 2 || mode == 3) && m_raster.width > 0 && m_raster.height > 0 &&
+        (m_destWidth > 0 || m_destHeight > 0)) {
+        double sx = m_destWidth > 0 ? m_destWidth * kDecipoint / m_raster.width : 0;
+        double sy = m_destHeight > 0 ? m_destHeight * kDecipoint / m_raster.height : 0;
+        if (sx <= 0)
+            sx = sy;
+        if (sy <= 0)
+            sy = sx;
+        // At least a hundredth of a pixel of the 7200 dpi grid, at most the page.
+        m_raster.scaleX = std::clamp(sx, 0.01, kUnitsPerInch * 20);
+        m_raster.scaleY = std::clamp(sy, 0.01, kUnitsPerInch * 20);
+    }
     m_raster.y = m_y;
     m_raster.rowsDone = 0;
     m_raster.planeIndex = 0;
@@ -773,8 +774,7 @@ void Interpreter::flushStrip() {
         return;
     }
     ensurePage();
-    const double px = rasterPixelUnits();
-    const Matrix toPage = logicalToPage() * Matrix::translate(r.left, r.stripTop) * Matrix::scale(px, px);
+    const Matrix toPage = logicalToPage() * Matrix::translate(r.left, r.stripTop) * Matrix::scale(r.scaleX, r.scaleY);
     if (!r.stripColour) {
         Mask m;
         m.width = r.stripWidth;
@@ -816,9 +816,9 @@ void Interpreter::rasterYOffset(int rows) {
     flushStrip();
     if (rows <= 0)
         return;
-    const double maxRows = m_logicalHeight / rasterPixelUnits() + 1;
+    const double maxRows = m_logicalHeight / m_raster.scaleY + 1;
     rows = static_cast<int>(std::min<double>(rows, maxRows));
-    m_raster.y += rows * rasterPixelUnits();
+    m_raster.y += rows * m_raster.scaleY;
     m_raster.rowsDone += rows;
     for (auto& s : m_raster.seeds)
         std::fill(s.begin(), s.end(), 0);
@@ -828,7 +828,7 @@ void Interpreter::emitRow(const std::vector<std::vector<uint8_t>>& planeRows) {
     RasterState& r = m_raster;
     if (r.height > 0 && r.rowsDone >= r.height)
         return;
-    const double px = rasterPixelUnits();
+    const double px = r.scaleY;
     const bool visible = r.y < m_logicalHeight + px && r.y > -kMaxPosition && r.stripWidth > 0;
     if (visible) {
         if (r.stripRows == 0)
@@ -928,7 +928,7 @@ void Interpreter::rasterData(std::span<const uint8_t> data, bool lastPlane) {
         decodeAdaptive(data, r.seeds[0], [&](const std::vector<uint8_t>&) {
             if (r.height > 0 && r.rowsDone >= r.height)
                 return false;
-            if (r.y > m_logicalHeight + rasterPixelUnits())
+            if (r.y > m_logicalHeight + r.scaleY)
                 return false;
             emitRow(r.seeds);
             return true;

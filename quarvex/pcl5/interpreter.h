@@ -47,6 +47,7 @@ private:
         int height = 0;            // rows; 0 = no limit
         int rowsDone = 0;
         int planeIndex = 0;
+        double scaleX = 96, scaleY = 96; // units a source pixel covers (75 dpi unless scaled)
         // The strip being gathered, flushed as one mask / image.
         int stripWidth = 0;
         int stripRows = 0;
@@ -72,7 +73,6 @@ private:
     void defaultTextArea();
     void setPaper(int code);
     void setOrientation(int orientation);
-    void setCustomSize(double widthUnits, double lengthUnits);
     double pageLength() const { return m_logicalHeight; }
     Matrix logicalToPage() const;
 

@@ -518,3 +518,12 @@ TEST(Pcl5Pages, ReversePortraitTurnsTheLogicalPageHalfARound) {
     // From the top left of the logical page, which now lies at the sheet's bottom right.
     EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M594,756 L522,756 L522,684 L594,684 Z");
 }
+
+TEST(Pcl5Raster, ScaledRasterFillsTheDestination) {
+    // 8 x 2 source pixels scaled to one inch by a quarter inch (720 x 180 decipoints).
+    Result r = runPcl(ESC + "*r8s2T" + ESC + "*t720h180V" + ESC + "*r3A" + ESC + "*b1W\xff" + ESC + "*b1W\x81" +
+                      ESC + "*rB");
+    auto masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 1u);
+    EXPECT_EQ(masks[0], "mask 8x2 ink=10 [9 0 0 9 18 45] #000000 rop=252 srcT patT");
+}
