@@ -285,8 +285,8 @@ text_job text_cgtimes 55 2 595.28x841.89 "${ESC}&l26a0O" "${ESC}(10U${ESC}(s1p12
 # Univers bold 10 pt, ISO 8859-1, Letter landscape.
 text_job text_univers_landscape 30 2 792x612 "${ESC}&l2a1O${ESC}&l8D" "${ESC}(0N${ESC}(s1p10v0s3b4148T" \
     "SET ORIENTATION=LANDSCAPE"
-# Line Printer 16.67 cpi 8.5 pt, Legal portrait, 8 lines per inch.
-text_job text_lineprinter 80 2 612x1008 "${ESC}&l3a0o8D" "${ESC}(8U${ESC}(s0p16.67h8.5v0s0b0T"
+# Line Printer 16.67 cpi 8.5 pt, Legal portrait, 8 lines per inch, a text length of 96 lines.
+text_job text_lineprinter 80 2 612x1008 "${ESC}&l3a0o8d96F" "${ESC}(8U${ESC}(s0p16.67h8.5v0s0b0T"
 # Courier by PJL defaults only (no PCL font selection), several jobs: each job its own pages.
 {
     for j in 1 2; do
