@@ -15,7 +15,11 @@ namespace qx::pclxl {
 namespace {
 
 constexpr double kPi = 3.14159265358979323846;
-constexpr int kMaxGsDepth = 256;
+constexpr int kMaxGsDepth = 64;
+// Operators run from user-defined streams; streams that call each other can multiply.
+constexpr long kMaxStreamOperators = 5000000;
+// A selected pattern is a copy of its tile; saved states may hold many of them.
+constexpr size_t kMaxPatternPixels = size_t(1) << 20;
 constexpr int kMaxStreamDepth = 4;
 constexpr size_t kMaxClipEntries = 32;
 constexpr int kMaxImageSide = 65535;
@@ -644,7 +648,7 @@ void Interpreter::execute(const Operator& op, int depth) {
         if (!m_inStream)
             failOp("EndStream without BeginStream");
         m_inStream = false;
-        m_streams[m_streamName] = std::move(m_streamData);
+        m_streams[m_streamName] = std::make_shared<const std::vector<uint8_t>>(std::move(m_streamData));
         m_streamData.clear();
         break;
     case op::RemoveStream: m_streams.erase(need(op, attr::StreamName).text()); break;
@@ -656,8 +660,8 @@ void Interpreter::execute(const Operator& op, int depth) {
         if (depth >= kMaxStreamDepth)
             failOp("streams nested too deeply");
         // The stored bytes stay alive while they run, even if the stream removes itself.
-        const std::vector<uint8_t> bytes = it->second;
-        StreamReader inner(bytes.data(), bytes.size());
+        const std::shared_ptr<const std::vector<uint8_t>> bytes = it->second;
+        StreamReader inner(bytes->data(), bytes->size());
         if (!inner.readHeader())
             failOp("in stream \"" + name + "\": " + inner.error());
         Operator innerOp;
@@ -668,6 +672,8 @@ void Interpreter::execute(const Operator& op, int depth) {
             if (st == StreamReader::Status::Error)
                 failOp("in stream \"" + name + "\": " + inner.error());
             m_streamLittle = inner.header().littleEndian;
+            if (++m_streamOperators > kMaxStreamOperators)
+                failOp("user-defined streams run too long");
             try {
                 execute(innerOp, depth + 1);
             } catch (const XlError& e) {
@@ -1161,8 +1167,8 @@ void Interpreter::beginImage(const Operator& op, bool pattern) {
     const int comps = im.mapping == eDirectPixel && im.color.space == eRGB ? 3 : 1;
     im.seed.assign((size_t(im.width) * bits * comps + 7) / 8, 0);
     if (pattern) {
-        if (size_t(im.width) * size_t(im.height) > size_t(4096) * 4096)
-            failOp("pattern larger than 4096 x 4096");
+        if (size_t(im.width) * size_t(im.height) > kMaxPatternPixels)
+            failOp("pattern larger than 1048576 pixels");
         im.patternId = int(need(op, attr::PatternDefineID).number());
         im.persistence = int(number(op, attr::PatternPersistence, 0));
         im.tile = std::make_shared<PatternTile>();
@@ -1415,8 +1421,7 @@ void Interpreter::selectPattern(int id, const Operator& op, Paint& into) {
     auto it = m_patterns.find(id);
     if (it == m_patterns.end())
         failOp("pattern " + std::to_string(id) + " is not defined");
-    const Pattern& pat = it->second;
-    auto tile = std::make_shared<PatternTile>(*pat.tile);
+    Pattern& pat = it->second;
     double dw = pat.destW, dh = pat.destH;
     if (const Value* nd = op.find(attr::NewDestinationSize)) {
         const Point s = xy(*nd);
@@ -1426,9 +1431,20 @@ void Interpreter::selectPattern(int id, const Operator& op, Paint& into) {
     Point origin{0, 0};
     if (const Value* o = op.find(attr::PatternOrigin))
         origin = xy(*o);
-    tile->tileToPage = m_gs.ctm * Matrix::translate(origin.x, origin.y) *
-                       Matrix::scale(dw / tile->width, dh / tile->height);
-    into = Paint::tiled(std::move(tile));
+    const Matrix placement = m_gs.ctm * Matrix::translate(origin.x, origin.y) *
+                             Matrix::scale(dw / pat.tile->width, dh / pat.tile->height);
+    for (double v : {placement.a, placement.b, placement.c, placement.d, placement.e, placement.f})
+        if (!std::isfinite(v))
+            failOp("unusable pattern size or origin");
+    auto same = [](const Matrix& a, const Matrix& b) {
+        return a.a == b.a && a.b == b.b && a.c == b.c && a.d == b.d && a.e == b.e && a.f == b.f;
+    };
+    if (!pat.lastSelected || !same(pat.lastSelected->tileToPage, placement)) {
+        auto tile = std::make_shared<PatternTile>(*pat.tile);
+        tile->tileToPage = placement;
+        pat.lastSelected = std::move(tile);
+    }
+    into = Paint::tiled(pat.lastSelected);
 }
 
 // ---------------------------------------------------------------- scan lines

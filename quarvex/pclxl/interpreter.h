@@ -31,6 +31,7 @@ private:
         std::shared_ptr<PatternTile> tile; // pixels; tileToPage is set when selected
         double destW = 0, destH = 0;       // size of one tile in user units
         int persistence = 0;
+        std::shared_ptr<const PatternTile> lastSelected; // reused while its placement is the same
     };
     struct ColorState {
         uint8_t space = 1; // eGray
@@ -159,10 +160,11 @@ private:
     bool m_streamLittle = true; // byte order of embedded numbers
 
     // User-defined streams.
-    std::map<std::string, std::vector<uint8_t>> m_streams;
+    std::map<std::string, std::shared_ptr<const std::vector<uint8_t>>> m_streams;
     std::string m_streamName;
     std::vector<uint8_t> m_streamData;
     bool m_inStream = false;
+    long m_streamOperators = 0;
 
     std::vector<std::string> m_warnedOnce;
     void warnOnce(const std::string& message);

@@ -780,5 +780,31 @@ TEST(Streams, SelfExecutingStreamIsStopped) {
     EXPECT_NE(r.diag.lines()[0].find("streams nested too deeply"), std::string::npos) << r.warnings();
 }
 
+TEST(Streams, StreamsCallingStreamsCannotRunForever) {
+    // Each level calls the next 3000 times: 27 billion calls if nothing stopped it.
+    auto caller = [](const std::string& callee) {
+        XlWriter s;
+        for (int i = 0; i < 3000; ++i)
+            s.str(callee).a(attr::StreamName).op(op::ExecStream);
+        return s.bytes;
+    };
+    XlWriter leaf;
+    leaf.op(op::NewPath);
+    XlWriter w;
+    w.start();
+    const std::vector<std::pair<std::string, std::vector<uint8_t>>> streams = {
+        {"c", leaf.bytes}, {"b", caller("c")}, {"a", caller("b")}, {"top", caller("a")}};
+    for (const auto& [name, bytes] : streams) {
+        w.str(name).a(attr::StreamName).op(op::BeginStream);
+        w.u32(uint32_t(bytes.size())).a(attr::StreamDataLength).op(op::ReadStream).data(bytes, true);
+        w.op(op::EndStream);
+    }
+    w.str("top").a(attr::StreamName).op(op::ExecStream).endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    ASSERT_EQ(r.diag.lines().size(), 1u);
+    EXPECT_NE(r.diag.lines()[0].find("user-defined streams run too long"), std::string::npos) << r.warnings();
+}
+
 } // namespace
 } // namespace qx::pclxl
