@@ -30,7 +30,7 @@ namespace fs = std::filesystem;
 namespace {
 
 const std::string kQuarvex = std::string(QX_STAGE_DIR) + "/bin/quarvex";
-const std::string kTwoPages = std::string(QX_TEST_DATA_DIR) + "/two_pages_ljet4_75dpi.pcl";
+const std::string kTwoPages = std::string(QX_TEST_DATA_DIR) + "/two_pages_ljet4_300dpi.pcl";
 // Two Letter pages in PCL XL at 75 dpi wrapped in PJL: a black square, then a grey one.
 const std::string kTwoPagesXl = std::string(QX_TEST_DATA_DIR) + "/two_pages_pxlmono_75dpi.pxl";
 const std::string UEL = "\x1b%-12345X";
@@ -566,4 +566,71 @@ TEST(QuarvexConversion, AKilledRunLeavesNothing) {
     EXPECT_EQ(r.signal, SIGTERM) << r.err;
     EXPECT_EQ(entries(outDir), 1u) << "the temporary file is gone";
     EXPECT_EQ(readFile(out), "previous result") << "the old output is untouched";
+}
+
+// The bounding box of the pixels darker than mid-grey on one page of an 8-bit grey TIFF.
+struct InkBox {
+    int pixels = 0;
+    uint32_t x0 = UINT32_MAX, y0 = UINT32_MAX, x1 = 0, y1 = 0;
+};
+
+InkBox inkOnPage(const fs::path& path, int page, uint8_t darkerThan) {
+    InkBox box;
+    TIFF* t = TIFFOpen(path.c_str(), "r");
+    if (!t)
+        return box;
+    if (TIFFSetDirectory(t, static_cast<tdir_t>(page)) == 1) {
+        uint32_t w = 0, h = 0;
+        uint16_t bps = 0;
+        TIFFGetField(t, TIFFTAG_IMAGEWIDTH, &w);
+        TIFFGetField(t, TIFFTAG_IMAGELENGTH, &h);
+        TIFFGetFieldDefaulted(t, TIFFTAG_BITSPERSAMPLE, &bps);
+        std::vector<uint8_t> row(TIFFScanlineSize(t));
+        for (uint32_t y = 0; bps == 8 && y < h; ++y) {
+            if (TIFFReadScanline(t, row.data(), y, 0) != 1)
+                break;
+            for (uint32_t x = 0; x < w && x < row.size(); ++x) {
+                if (row[x] < darkerThan) {
+                    ++box.pixels;
+                    box.x0 = std::min(box.x0, x);
+                    box.y0 = std::min(box.y0, y);
+                    box.x1 = std::max(box.x1, x);
+                    box.y1 = std::max(box.y1, y);
+                }
+            }
+        }
+    }
+    TIFFClose(t);
+    return box;
+}
+
+TEST(QuarvexConversion, PclRasterPages) {
+    const fs::path dir = freshDir("pcl5");
+    const fs::path out = dir / "pcl.tif";
+    const Result r = run({"-b", "8", "-r", "75x75", "-o", out.string(), "-i", kTwoPages});
+    EXPECT_EQ(r.status, 0) << r.err;
+    const TiffInfo t = readTiff(out);
+    EXPECT_EQ(t.pages, 2);
+    EXPECT_EQ(t.width, 638u);
+    EXPECT_EQ(t.height, 825u);
+    EXPECT_EQ(t.photometric, PHOTOMETRIC_MINISBLACK);
+    // Page one: a black square of 228 points, 72 points in from the left and bottom edges.
+    const InkBox square = inkOnPage(out, 0, 64);
+    EXPECT_NEAR(square.x0, 75.0, 3);
+    EXPECT_NEAR(square.x1, 312.0, 3);
+    EXPECT_NEAR(square.y0, 512.0, 3);
+    EXPECT_NEAR(square.y1, 749.0, 3);
+    // Page two: a grey square, which the job itself halftoned into black dots.
+    EXPECT_GT(inkOnPage(out, 1, 64).pixels, 0);
+}
+
+TEST(QuarvexConversion, PjlWrappedPclAndPclXlInOneFile) {
+    const fs::path dir = freshDir("mixed_languages");
+    const fs::path input = dir / "both.prn";
+    writeFile(input, UEL + "@PJL JOB\r\n@PJL ENTER LANGUAGE=PCL\r\n" + readFile(kTwoPages) + readFile(kTwoPagesXl) +
+                         UEL + "@PJL EOJ\r\n" + UEL);
+    const fs::path out = dir / "both.tif";
+    const Result r = run({"-r", "75x75", "-o", out.string(), "-i", input.string()});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(readTiff(out).pages, 4);
 }
