@@ -128,6 +128,7 @@ void Interpreter::applyPageSetup(const PaperSize& paper, int orientation) {
     m_offsetX = logicalPageOffset(paper, landscape);
     m_logicalWidth = std::max(0.0, m_sheetWidth - 2 * m_offsetX);
     m_logicalHeight = m_sheetHeight;
+    m_direction = 0;
     defaultTextArea();
     if (m_hpgl)
         m_hpgl->setFrame(pictureFrame());
@@ -167,6 +168,38 @@ void Interpreter::setOrientation(int orientation) {
         return;
     ejectPage();
     applyPageSetup(m_paper, orientation);
+}
+
+Matrix Interpreter::frameToLogical() const {
+    const double W = m_logicalWidth, H = m_logicalHeight;
+    switch (m_direction) {
+    case 1: return Matrix{0, -1, 1, 0, 0, H};   // text runs up the page
+    case 2: return Matrix{-1, 0, 0, -1, W, H};  // upside down
+    case 3: return Matrix{0, 1, -1, 0, W, 0};   // text runs down the page
+    default: return Matrix{};
+    }
+}
+
+void Interpreter::setPrintDirection(int quarterTurns) {
+    quarterTurns &= 3;
+    if (quarterTurns == m_direction)
+        return;
+    if (m_underline)
+        drawUnderline();
+    const Point logical = frameToLogical().apply({m_x, m_y});
+    m_direction = quarterTurns;
+    if (auto inv = frameToLogical().inverted()) {
+        const Point p = inv->apply(logical);
+        m_x = p.x;
+        m_y = p.y;
+    }
+    // The horizontal margins follow the new direction; the text length fits its height.
+    m_leftMargin = 0;
+    m_rightMargin = frameWidth();
+    if (m_vmi > 0)
+        m_textLength = std::max(0, static_cast<int>((frameHeight() - m_topMargin - kUnitsPerInch / 2) / m_vmi));
+    if (m_underline)
+        startUnderline();
 }
 
 Matrix Interpreter::logicalToPage() const {
@@ -213,7 +246,7 @@ void Interpreter::ejectPage() {
     m_x = m_leftMargin;
     m_y = firstBaseline();
     if (m_raster.active)
-        m_raster.y = m_y;
+        m_raster.y = frameToLogical().apply({m_x, m_y}).y;
     if (m_underline)
         startUnderline();
 }
@@ -285,7 +318,7 @@ void Interpreter::drawUnderline() {
         const double top = m_y + 5 * 24;
         Path p;
         p.addRect(x0, top, x1 - x0, 3 * 24);
-        m_dev.fillPath(p.transformed(logicalToPage()), FillRule::NonZero, currentPaint(), renderState());
+        m_dev.fillPath(p.transformed(textToPage()), FillRule::NonZero, currentPaint(), renderState());
     }
     m_underlineStart = m_x;
     m_underlineY = m_y;
@@ -349,7 +382,7 @@ void Interpreter::printCode(uint32_t code) {
     }
     ensurePage(); // printing has started on this sheet
     if (uc != 0 && uc != U' ' && f.index >= 0) {
-        const Matrix toDevice = m_dev.pageToDevice() * logicalToPage();
+        const Matrix toDevice = m_dev.pageToDevice() * textToPage();
         const double em = f.emPt * kUnitsPerPoint;
         const Matrix fontToDevice = toDevice * Matrix::scale(em, -em);
         if (auto g = m_fonts->renderGlyph(f.index, uc, Matrix{fontToDevice.a, fontToDevice.b, fontToDevice.c,
@@ -553,7 +586,7 @@ bool Interpreter::printSoftCode(FontState& f, uint32_t code) {
     ensurePage();
     if (g != sf.glyphs.end() && g->second.mask.width > 0 && g->second.mask.height > 0) {
         const SoftGlyph& glyph = g->second;
-        const Matrix toDevice = m_dev.pageToDevice() * logicalToPage() *
+        const Matrix toDevice = m_dev.pageToDevice() * textToPage() *
                                 Matrix::translate(m_x + glyph.left * unitsPerDot, m_y - glyph.top * unitsPerDot) *
                                 Matrix::scale(unitsPerDot, unitsPerDot);
         Matrix snapped = toDevice;
@@ -614,13 +647,13 @@ void Interpreter::fillRect() {
         return;
     // Rectangles are clipped to the logical page.
     double x0 = std::max(0.0, m_x), y0 = std::max(0.0, m_y);
-    double x1 = std::min(m_logicalWidth, m_x + w), y1 = std::min(m_logicalHeight, m_y + h);
+    double x1 = std::min(frameWidth(), m_x + w), y1 = std::min(frameHeight(), m_y + h);
     if (x1 <= x0 || y1 <= y0)
         return;
     ensurePage();
     Path p;
     p.addRect(x0, y0, x1 - x0, y1 - y0);
-    const Path onPage = p.transformed(logicalToPage());
+    const Path onPage = p.transformed(textToPage());
     RenderState rs = renderState();
     // Erase (white) rules and solid fills are painted like text; patterns follow the ROP too.
     m_dev.fillPath(onPage, FillRule::NonZero, paintForPattern(m_patternTypeForRect, m_patternId), rs);
@@ -727,7 +760,10 @@ void Interpreter::startRaster(int mode) {
     if (m_raster.active)
         return;
     m_raster.active = true;
-    m_raster.left = (mode == 1 || mode == 3) ? m_x : 0;
+    // Raster follows the orientation, not the print direction: it starts at the cursor's place
+    // on the logical page.
+    const Point cursor = frameToLogical().apply({m_x, m_y});
+    m_raster.left = (mode == 1 || mode == 3) ? cursor.x : 0;
     // Modes 2 and 3 scale the source (width by height pixels) to the destination size.
     m_raster.scaleX = m_raster.scaleY = rasterPixelUnits();
     if ((mode == 2 || mode == 3) && m_raster.width > 0 && m_raster.height > 0 &&
@@ -742,7 +778,7 @@ void Interpreter::startRaster(int mode) {
         m_raster.scaleX = std::clamp(sx, 0.01, kUnitsPerInch * 20);
         m_raster.scaleY = std::clamp(sy, 0.01, kUnitsPerInch * 20);
     }
-    m_raster.y = m_y;
+    m_raster.y = cursor.y;
     m_raster.rowsDone = 0;
     m_raster.planeIndex = 0;
     m_raster.stripRows = 0;
@@ -763,7 +799,8 @@ void Interpreter::endRaster() {
         return;
     flushStrip();
     m_raster.active = false;
-    m_y = m_raster.y;
+    if (m_direction == 0)
+        m_y = m_raster.y;
 }
 
 void Interpreter::flushStrip() {
@@ -970,7 +1007,7 @@ void Interpreter::handleEscape2(uint8_t c) {
         break;
     case '9': // clear horizontal margins
         m_leftMargin = 0;
-        m_rightMargin = m_logicalWidth;
+        m_rightMargin = frameWidth();
         break;
     case '=': // half line feed
         m_y = clampPos(m_y + m_vmi / 2);
@@ -1104,11 +1141,11 @@ void Interpreter::handleParam(Parser& parser, const Command& cmd) {
             break;
         case 'M':
             if (iv >= 0 && (iv + 1) * m_hmi > m_leftMargin)
-                m_rightMargin = std::min(m_logicalWidth, (iv + 1) * m_hmi);
+                m_rightMargin = std::min(frameWidth(), (iv + 1) * m_hmi);
             break;
         case 'P':
-            if (iv != 0)
-                warnOnce("PCL 5: print direction " + std::to_string(iv) + " not supported");
+            if (iv == 0 || iv == 90 || iv == 180 || iv == 270)
+                setPrintDirection(iv / 90);
             break;
         case 'G': ejectPage(); break; // duplex page side
         default: break;
@@ -1186,7 +1223,7 @@ void Interpreter::handleParam(Parser& parser, const Command& cmd) {
         if (m_raster.active && (f == 'X' || f == 'Y')) {
             // Moving the cursor inside a raster block restarts the rows there.
             flushStrip();
-            m_raster.y = m_y;
+            m_raster.y = frameToLogical().apply({m_x, m_y}).y;
         }
         return;
     }

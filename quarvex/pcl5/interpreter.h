@@ -75,6 +75,12 @@ private:
     void setOrientation(int orientation);
     double pageLength() const { return m_logicalHeight; }
     Matrix logicalToPage() const;
+    // The print direction's frame (cursor, text and rectangles) to the logical page.
+    Matrix frameToLogical() const;
+    Matrix textToPage() const { return logicalToPage() * frameToLogical(); }
+    double frameWidth() const { return (m_direction & 1) ? m_logicalHeight : m_logicalWidth; }
+    double frameHeight() const { return (m_direction & 1) ? m_logicalWidth : m_logicalHeight; }
+    void setPrintDirection(int quarterTurns);
 
     // Page lifetime
     void ensurePage();
@@ -133,6 +139,7 @@ private:
     // Page
     PaperSize m_paper;
     int m_orientation = 0;
+    int m_direction = 0;            // print direction in quarter turns counterclockwise
     bool m_pageOpen = false;
     double m_offsetX = 1800;        // logical page left edge from the sheet edge (oriented)
     double m_logicalWidth = 0;

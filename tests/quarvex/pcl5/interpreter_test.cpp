@@ -527,3 +527,19 @@ TEST(Pcl5Raster, ScaledRasterFillsTheDestination) {
     ASSERT_EQ(masks.size(), 1u);
     EXPECT_EQ(masks[0], "mask 8x2 ink=10 [9 0 0 9 18 45] #000000 rop=252 srcT patT");
 }
+
+TEST(Pcl5Text, PrintDirectionTurnsTextAndRectangles) {
+    // After ESC&a90P the text runs up the page: the pen's frame x is the distance up from the
+    // logical page's bottom. A rectangle at frame (0, 0) of 1 x 0.5 inch lies along the left
+    // edge, bottom up.
+    Result r = runPcl(ESC + "&a90P" + ESC + "*p0x0Y" + ESC + "*c300a150b0P" + "H");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 1u);
+    // Frame (0, 36) is logical (36, 792); the rectangle reaches 72 pt up and 36 pt right.
+    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M54,792 L54,720 L90,720 L90,792 Z");
+    auto masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 1u);
+    int w, h;
+    std::sscanf(masks[0].c_str(), "mask %dx%d", &w, &h);
+    EXPECT_GT(w, h); // an H on its side is wider than high
+}
