@@ -189,3 +189,19 @@ TEST(Pcl5RealFiles, PlainTextInSelectedResidentFonts) {
     EXPECT_LT(b.y1, 187 + 6 * 50 + 15);
     EXPECT_GT(b.count, 5000);
 }
+
+// Ghostscript's driver for the first LaserJet sends unencoded rows and assumes that printer's
+// own margins, so its page sits 60 dots right and 75 dots higher than on the LaserJets of the
+// PCL 5 era; the shape itself must come out whole: Ghostscript draws the triangle in
+// 83..249 x 216..383, 14195 pixels.
+TEST(Pcl5RealFiles, LaserjetUnencodedRows) {
+    Rendered r = render("corner-laserjet.pcl");
+    ASSERT_EQ(r.pages.size(), 1u);
+    EXPECT_FALSE(r.warnings);
+    const InkBox b = inkBox(r.pages[0]);
+    EXPECT_EQ(b.count, 14195);
+    EXPECT_EQ(b.x1 - b.x0, 249 - 83);
+    EXPECT_EQ(b.y1 - b.y0, 383 - 216);
+    EXPECT_EQ(b.x0, 83 + 60);
+    EXPECT_EQ(b.y0, 216 - 75);
+}
