@@ -12,7 +12,8 @@
 # OUTDIR/manifest.tsv has one line per input file (after a header line starting with '#'):
 #   input  producer  dpi  reference  pages  kind  measure  size
 # input and reference are relative to OUTDIR; reference is "-" when there is none.
-# kind is pcl5 or pclxl. measure is the minimum share of agreeing pixels (e.g. 0.999), or
+# kind is pcl5 or pclxl. measure is the minimum share of agreeing pixels (e.g. 0.999), with an
+# optional "/INCHES", the largest shift of the whole page allowed (PCL 5 default 0.3), or
 # "ink" for jobs with no pixel reference: then only the page count and that every page carries
 # some ink are checked. size is the expected page size in points (WxH) or "-" (take it from
 # the reference).
@@ -248,6 +249,32 @@ pnm_pair picture_rgb_300 "$PIC" 300 300
 pnm_pair picture_gray_300 "$SRC/picture.pgm" 300 300
 pnm_pair picture_rgb_150_at_300 "$PIC" 150 300
 pnm_pair picture_gray_300_at_600 "$SRC/picture.pgm" 300 600
+
+# PCL 5 raster from netpbm's LaserJet converters: the same picture in black and white
+# (pbmtolj, compressed rows) and in colour (ppmtolj, PCL 5c direct-by-pixel RGB). They start the
+# raster at the cursor's position after a reset and a zero top margin, where the first text line
+# would be, which printers place differently; the reference puts the picture at the left edge
+# of the Letter logical page (1/4 inch in) at the top, and the comparison allows a shift of up
+# to 0.7 inch.
+pamditherbw -threshold -value=0.5 "$SRC/picture.pgm" 2>/dev/null | pamtopnm > "$SRC/picture.pbm"
+# pcl5_pnm_pair NAME CONVERTER-COMMAND... (the PNM comes last, the reference scale is SCALE)
+pcl5_pnm_pair() {
+    local name=$1 pnm=$2 scale=$3 dpi=300
+    shift 3
+    local in="pcl5/$name.pcl" ref="ref/$name.tif"
+    "$@" "$pnm" > "$OUT/$in" 2>/dev/null
+    local w=$((dpi * 17 / 2)) h=$((dpi * 11))
+    pnmtopnm < "$pnm" 2>/dev/null | ppmtopgm 2>/dev/null | pnmenlarge "$scale" > "$SRC/$name.big.pgm" 2>/dev/null ||
+        { ppmtopgm < "$pnm" 2>/dev/null || pgmtopgm < "$pnm"; } > "$SRC/$name.big.pgm"
+    pgmmake 1 "$w" "$h" | pnmpaste "$SRC/$name.big.pgm" $((dpi / 4)) 0 |
+        pnmtotiff -flate -xresolution="$dpi" -yresolution="$dpi" > "$OUT/$ref" 2>/dev/null
+    rm -f "$SRC/$name.big.pgm"
+    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t-\n' "$in" "$(basename "$1")" "$dpi" "$ref" 1 pcl5 "$R5/0.7" >> "$MANIFEST"
+    log "$in"
+}
+pcl5_pnm_pair picture_pbmtolj_300 "$SRC/picture.pbm" 1 pbmtolj -resolution 300 -packbits -delta
+pcl5_pnm_pair picture_ppmtolj_300 "$PIC" 1 ppmtolj -resolution 300
+pcl5_pnm_pair picture_ppmtolj_150_at_300 "$PIC" 2 ppmtolj -resolution 150
 
 # ---------------------------------------------------------------------------------------------
 # Plain-text PCL 5 jobs in resident fonts: the GPL wrapped in PJL and PCL escape sequences.
