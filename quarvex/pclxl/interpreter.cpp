@@ -1,6 +1,7 @@
 #include "pclxl/interpreter.h"
 
 #include "common/diagnostics.h"
+#include "fonts/font_library.h"
 #include "pclxl/downloaded_font.h"
 #include "pclxl/raster_codec.h"
 #include "pclxl/text_render.h"
@@ -598,6 +599,11 @@ void Interpreter::execute(const Operator& op, int depth) {
         break;
     case op::RemoveFont: m_fonts.erase(need(op, attr::FontName).text()); break;
     case op::SetFont: {
+        if (const Value* pcl = op.find(attr::PCLSelectFont)) {
+            selectPclFont(pcl->text());
+            break;
+        }
+        m_gs.residentIndex = -1;
         const Value& name = need(op, attr::FontName);
         const double size = need(op, attr::CharSize).number();
         if (!std::isfinite(size))
@@ -1536,6 +1542,76 @@ void Interpreter::readChar(const Operator& op) {
         failOp(error);
 }
 
+// A PCL font selection ("ESC ( 8U ESC ( s 1p 12v 0s 3b 4101T"): the resident font that fits
+// the attributes best, at the height or pitch it asks for.
+void Interpreter::selectPclFont(const std::string& selection) {
+    FontRequest req;
+    bool haveHeight = false, havePitch = false;
+    size_t i = 0;
+    auto number = [&](double& out) {
+        const size_t start = i;
+        while (i < selection.size() && (std::isdigit(static_cast<unsigned char>(selection[i])) || selection[i] == '.' ||
+                                        selection[i] == '-' || selection[i] == '+'))
+            ++i;
+        out = start == i ? 0 : std::atof(selection.substr(start, i - start).c_str());
+        return start != i;
+    };
+    while (i < selection.size()) {
+        if (selection[i] != '\x1b' || i + 1 >= selection.size() || selection[i + 1] != '(') {
+            ++i;
+            continue;
+        }
+        i += 2;
+        if (i < selection.size() && selection[i] == 's') {
+            ++i;
+            for (;;) {
+                double v = 0;
+                number(v);
+                if (i >= selection.size())
+                    break;
+                const char c = selection[i++];
+                const char lower = char(std::tolower(static_cast<unsigned char>(c)));
+                if (lower == 'p')
+                    req.proportional = v != 0;
+                else if (lower == 'h') {
+                    req.pitch = v;
+                    havePitch = v > 0;
+                } else if (lower == 'v') {
+                    req.height = v;
+                    haveHeight = v > 0;
+                } else if (lower == 's')
+                    req.style = int(v);
+                else if (lower == 'b')
+                    req.weight = int(v);
+                else if (lower == 't')
+                    req.typeface = int(v);
+                if (std::isupper(static_cast<unsigned char>(c)))
+                    break;
+            }
+        } else {
+            double v = 0;
+            if (number(v) && i < selection.size() && std::isupper(static_cast<unsigned char>(selection[i])))
+                req.symbolSet = symbolSetId(int(v), selection[i++]);
+        }
+    }
+    if (!m_ctx.fonts)
+        failOp("no resident fonts for PCLSelectFont");
+    const int index = m_ctx.fonts->selectPcl(req);
+    if (index < 0)
+        failOp("no resident font fits PCLSelectFont");
+    double points = haveHeight ? req.height : 12;
+    if (!req.proportional && havePitch) {
+        const double advance = m_ctx.fonts->metrics(index).fixedAdvance;
+        points = 72.0 / req.pitch / (advance > 0 ? advance : 0.6);
+    }
+    if (!(points > 0) || points > 10000)
+        failOp("unusable font size in PCLSelectFont");
+    m_gs.residentIndex = index;
+    m_gs.fontName = m_ctx.fonts->info(index).pclxlName;
+    m_gs.charSize = points / 72.0 * m_unitsY;
+    m_gs.symbolSet = req.symbolSet;
+}
+
 void Interpreter::text(const Operator& op, bool asPath) {
     const Value& data = need(op, attr::TextData);
     if (!data.isArray())
@@ -1568,13 +1644,14 @@ void Interpreter::text(const Operator& op, bool asPath) {
     style.unitsPerInchX = m_unitsX;
     style.unitsPerInchY = m_unitsY;
     style.symbolSet = m_gs.symbolSet;
+    style.residentIndex = m_gs.residentIndex;
     // TextPath collects the glyphs' pixels into the current path instead of drawing them.
     const size_t pathRects = m_path.points().size() / 4;
     GlyphOutlineCollector collector(m_dev, pathRects < 200000 ? 200000 - pathRects : 0);
     Device& target = asPath ? static_cast<Device&>(collector) : m_dev;
     Paint paint = asPath ? Paint::solid(Rgb::black()) : m_gs.brush;
     std::string problem;
-    auto it = m_fonts.find(m_gs.fontName);
+    auto it = m_gs.residentIndex >= 0 ? m_fonts.end() : m_fonts.find(m_gs.fontName);
     Point cursor = m_gs.cursor;
     if (it != m_fonts.end()) {
         drawDownloadedText(*it->second, run, style, cursor, paint, m_gs.rs, target, problem);

@@ -62,6 +62,7 @@ private:
         double charAngle = 0;
         double charBold = 0;
         bool verticalWriting = false;
+        int residentIndex = -1; // chosen by a PCL font selection instead of the name
     };
     struct ImageState {
         bool active = false;
@@ -115,6 +116,7 @@ private:
 
     // Fonts and text.
     void text(const Operator& op, bool asPath);
+    void selectPclFont(const std::string& selection);
     void endFontHeader();
     void readChar(const Operator& op);
 

@@ -103,7 +103,7 @@ constexpr Named kAttributes[] = {
     {attr::DataOrg, "DataOrg"}, {attr::Measure, "Measure"}, {attr::SourceType, "SourceType"},
     {attr::UnitsPerMeasure, "UnitsPerMeasure"}, {attr::QueryKey, "QueryKey"},
     {attr::StreamName, "StreamName"}, {attr::StreamDataLength, "StreamDataLength"},
-    {attr::ErrorReport, "ErrorReport"}, {attr::IOReadTimeOut, "IOReadTimeOut"},
+    {attr::PCLSelectFont, "PCLSelectFont"}, {attr::ErrorReport, "ErrorReport"}, {attr::IOReadTimeOut, "IOReadTimeOut"},
     {attr::CharAngle, "CharAngle"}, {attr::CharCode, "CharCode"},
     {attr::CharDataSize, "CharDataSize"}, {attr::CharScale, "CharScale"},
     {attr::CharShear, "CharShear"}, {attr::CharSize, "CharSize"},

@@ -75,7 +75,7 @@ enum : uint16_t {
     PadBytesMultiple = 110, BlockByteLength = 111, NumberOfScanLines = 115,
     ColorTreatment = 120, CommentData = 129, DataOrg = 130, Measure = 134, SourceType = 136,
     UnitsPerMeasure = 137, QueryKey = 138, StreamName = 139, StreamDataLength = 140,
-    ErrorReport = 143, IOReadTimeOut = 144,
+    PCLSelectFont = 141, ErrorReport = 143, IOReadTimeOut = 144,
     CharAngle = 161, CharCode = 162, CharDataSize = 163, CharScale = 164, CharShear = 165,
     CharSize = 166, FontHeaderLength = 167, FontName = 168, FontFormat = 169, SymbolSet = 170,
     TextData = 171, CharSubModeArray = 172, WritingMode = 173, BitmapCharScaling = 174,

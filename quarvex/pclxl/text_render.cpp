@@ -373,7 +373,7 @@ bool drawResidentText(const FontLibrary& fonts, const std::string& name, const T
                       const TextStyle& style, Point& cursor, const Paint& paint, const RenderState& rs,
                       Device& device, std::string& problem) {
     bool known = true;
-    int index = fonts.selectByName(name);
+    int index = style.residentIndex >= 0 ? style.residentIndex : fonts.selectByName(name);
     if (index < 0) {
         known = false;
         std::string shown = name;

@@ -32,6 +32,7 @@ struct TextStyle {
     double bold = 0;
     double unitsPerInchX = 300, unitsPerInchY = 300;
     int symbolSet = 0;
+    int residentIndex = -1;      // a resident font chosen by PCL attributes; -1 = by name
 
     // Character space (y down, one unit = one user unit before CharSize) to user space.
     Matrix charMatrix() const;

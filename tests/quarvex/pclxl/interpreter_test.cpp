@@ -656,6 +656,24 @@ TEST(Text, ResidentFontByName) {
     EXPECT_NEAR((x3 - x2) - (x1 - x0), 24 - 17.28, 0.5);
 }
 
+TEST(Text, PclFontSelectionPicksAResidentFontAndItsSize) {
+    FontLibrary fonts;
+    XlWriter w;
+    w.start();
+    // Courier, fixed pitch, 10 characters an inch, Windows Latin 1.
+    w.str("\x1b(19U\x1b(s0p10h0s0b4099T").a(attr::PCLSelectFont).op(op::SetFont);
+    w.s16Xy(300, 600).a(attr::Point).op(op::SetCursor);
+    w.str("HH").a(attr::TextData).op(op::Text);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes, &fonts);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    ASSERT_EQ(r.dev.masks.size(), 2u) << r.dev.joined();
+    EXPECT_NEAR(r.dev.maskMatrices[1].e - r.dev.maskMatrices[0].e, 7.2, 0.3);
+    // A 12-point Courier capital is about 7 points tall: some 29 pixels at 300 dpi.
+    EXPECT_NEAR(r.dev.masks[0].height, 29, 5);
+}
+
 TEST(Text, WithoutFontsTextIsSkippedWithOneWarning) {
     XlWriter w;
     w.start();
