@@ -667,29 +667,38 @@ void Interpreter::defaultPalette() {
 }
 
 void Interpreter::setSimpleColour(int mode) {
+    // 1: black and white; 3: eight device RGB colours (bits are light); -3: eight device CMY
+    // colours (bits are ink); -4: black plane first, then cyan, magenta, yellow.
     if (m_raster.active)
         endRaster();
     m_simpleColour = mode;
     m_pixelEncoding = 0;
+    m_colourSpaceCmy = mode < 0;
+    const auto primaries = [](int i, bool ink) {
+        const bool b0 = i & 1, b1 = i & 2, b2 = i & 4;
+        if (ink)
+            return Rgb{static_cast<uint8_t>(b0 ? 0 : 255), static_cast<uint8_t>(b1 ? 0 : 255),
+                       static_cast<uint8_t>(b2 ? 0 : 255)};
+        return Rgb{static_cast<uint8_t>(b0 ? 255 : 0), static_cast<uint8_t>(b1 ? 255 : 0),
+                   static_cast<uint8_t>(b2 ? 255 : 0)};
+    };
     if (mode == 3 || mode == -3) {
         m_bitsPerIndex = 3;
         m_palette.resize(8);
-        for (int i = 0; i < 8; ++i) {
-            const bool b0 = i & 1, b1 = i & 2, b2 = i & 4;
-            Rgb c{static_cast<uint8_t>(b0 ? 255 : 0), static_cast<uint8_t>(b1 ? 255 : 0),
-                  static_cast<uint8_t>(b2 ? 255 : 0)};
-            if (mode == 3) // CMY: bits are ink
-                c = Rgb{static_cast<uint8_t>(b0 ? 0 : 255), static_cast<uint8_t>(b1 ? 0 : 255),
-                        static_cast<uint8_t>(b2 ? 0 : 255)};
-            m_palette[static_cast<size_t>(i)] = c;
-        }
-        m_colourSpaceCmy = mode == 3;
+        for (int i = 0; i < 8; ++i)
+            m_palette[static_cast<size_t>(i)] = primaries(i, mode == -3);
+        m_foreground = mode == 3 ? 0 : 7;
+    } else if (mode == -4) {
+        m_bitsPerIndex = 4;
+        m_palette.resize(16);
+        for (int i = 0; i < 16; ++i)
+            m_palette[static_cast<size_t>(i)] = (i & 1) ? Rgb::black() : primaries(i >> 1, true);
+        m_foreground = 1;
     } else {
         m_bitsPerIndex = 1;
-        m_colourSpaceCmy = false;
         defaultPalette();
+        m_foreground = 1;
     }
-    m_foreground = m_colourSpaceCmy ? 7 : (mode == -3 ? 0 : 1);
     m_foregroundRgb = Rgb::black();
 }
 
@@ -740,6 +749,8 @@ void Interpreter::configureImageData(std::span<const uint8_t> data) {
 int Interpreter::planes() const {
     if (m_simpleColour == 3 || m_simpleColour == -3)
         return 3;
+    if (m_simpleColour == -4)
+        return 4;
     if (m_pixelEncoding == 0)
         return m_bitsPerIndex;
     if (m_pixelEncoding == 2)
@@ -1329,7 +1340,7 @@ void Interpreter::handleParam(Parser& parser, const Command& cmd) {
                 m_presentation = iv;
             break;
         case 'U':
-            if (iv == 1 || iv == 3 || iv == -3)
+            if (iv == 1 || iv == 3 || iv == -3 || iv == -4)
                 setSimpleColour(iv);
             break;
         default: break;

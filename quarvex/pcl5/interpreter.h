@@ -189,8 +189,7 @@ private:
     int m_pixelEncoding = 0; // 0 indexed by plane, 1 indexed by pixel, 2 direct by plane, 3 direct by pixel
     int m_bitsPerIndex = 1;
     bool m_colourSpaceCmy = false;
-    bool m_simpleColourCmy = false;
-    int m_simpleColour = 0; // 0 = none (monochrome), 1, 3, -3
+    int m_simpleColour = 0; // 0 = none (monochrome), 1, 3 (RGB), -3 (CMY), -4 (KCMY)
     std::array<double, 3> m_componentValues{0, 0, 0};
 
     // Raster

@@ -307,7 +307,7 @@ TEST(Pcl5Raster, WidthIsCappedToThePage) {
 
 TEST(Pcl5Raster, SimpleColourRgbPlanesGoToAnImage) {
     // Three planes of 8 pixels: red in the first four pixels, blue in the last four.
-    Result r = runPcl(ESC + "*r-3U" + ESC + "*t300R" + ESC + "*r8s1A" + ESC + "*b1V\xf0" + ESC + "*b1V" +
+    Result r = runPcl(ESC + "*r3U" + ESC + "*t300R" + ESC + "*r8s1A" + ESC + "*b1V\xf0" + ESC + "*b1V" +
                       std::string("\x00", 1) + ESC + "*b1W\x0f" + ESC + "*rB");
     auto images = r.starting("image");
     ASSERT_EQ(images.size(), 1u);
