@@ -64,6 +64,8 @@ struct GlyphKey {
 };
 
 constexpr size_t kGlyphCacheLimit = 8192;
+// The cache also stays under this many bytes of bitmaps: big glyphs at high resolutions add up.
+constexpr size_t kGlyphCacheBytes = 64u * 1024 * 1024;
 
 } // namespace
 
@@ -85,6 +87,7 @@ struct FontLibrary::Impl {
     };
     std::vector<Face> faces;
     std::map<GlyphKey, std::optional<GlyphBitmap>> glyphCache;
+    size_t glyphCacheBytes = 0;
 
     ~Impl() {
         for (Face& f : faces)
@@ -452,9 +455,15 @@ std::optional<GlyphBitmap> FontLibrary::renderGlyph(int index, char32_t unicode,
     if (auto it = d->glyphCache.find(key); it != d->glyphCache.end())
         return it->second;
     std::optional<GlyphBitmap> g = d->render(*f, unicode, m);
-    if (d->glyphCache.size() >= kGlyphCacheLimit)
+    const size_t bytes = g ? g->mask.bits.size() : 0;
+    if (d->glyphCache.size() >= kGlyphCacheLimit || d->glyphCacheBytes + bytes > kGlyphCacheBytes) {
         d->glyphCache.clear();
-    d->glyphCache.emplace(key, g);
+        d->glyphCacheBytes = 0;
+    }
+    if (bytes <= kGlyphCacheBytes / 4) {
+        d->glyphCache.emplace(key, g);
+        d->glyphCacheBytes += bytes;
+    }
     return g;
 }
 
