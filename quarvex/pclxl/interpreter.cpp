@@ -369,7 +369,7 @@ void Interpreter::execute(const Operator& op, int depth) {
         if (!finite(m_gs.cursor))
             failOp("coordinates out of range");
         m_subpathStart = m_gs.cursor;
-        m_path.moveTo(m_gs.cursor);
+        m_pendingMove = true;
         break;
     }
     case op::SetCursorRel: {
@@ -379,7 +379,7 @@ void Interpreter::execute(const Operator& op, int depth) {
         if (!finite(m_gs.cursor))
             failOp("coordinates out of range");
         m_subpathStart = m_gs.cursor;
-        m_path.moveTo(m_gs.cursor);
+        m_pendingMove = true;
         break;
     }
 
@@ -456,7 +456,10 @@ void Interpreter::execute(const Operator& op, int depth) {
     }
 
     // ---- Paths ----
-    case op::NewPath: m_path.clear(); break;
+    case op::NewPath:
+        m_path.clear();
+        m_pendingMove = false;
+        break;
     case op::CloseSubPath:
         if (!m_path.empty()) {
             m_path.close();
@@ -935,8 +938,10 @@ void Interpreter::addPoints(const Operator& op, bool relative, bool bezier) {
     } else {
         pts.push_back(xy(needXy(op, attr::EndPoint)));
     }
-    if (m_path.empty())
+    // A cursor move starts a new subpath only when a segment follows it.
+    if (m_path.empty() || m_pendingMove)
         m_path.moveTo(m_gs.cursor);
+    m_pendingMove = false;
     Point cur = m_gs.cursor;
     if (bezier) {
         for (size_t i = 0; i + 2 < pts.size(); i += 3) {

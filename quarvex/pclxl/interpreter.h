@@ -147,6 +147,7 @@ private:
     // of saved states never holds copies of a long path.
     Path m_path;
     Point m_subpathStart;
+    bool m_pendingMove = false; // the cursor moved since the last segment
 
     ImageState m_image;
     std::map<int, Pattern> m_patterns;

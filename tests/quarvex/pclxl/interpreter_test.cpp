@@ -607,7 +607,7 @@ TEST(Text, TextPathAddsTheGlyphPixelsToThePath) {
     EXPECT_TRUE(r.dev.matching("mask").empty());
     const auto fills = r.dev.matching("fill");
     ASSERT_EQ(fills.size(), 1u) << r.dev.joined();
-    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcO patO M72,144 M72,143.28 L72.48,143.28 L72.48,143.76 "
+    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcO patO M72,143.28 L72.48,143.28 L72.48,143.76 "
                         "L72,143.76 Z M72,143.76 L72.96,143.76 L72.96,144 L72,144 Z");
 }
 
