@@ -35,30 +35,41 @@ std::shared_ptr<DownloadedFont> parseFontHeader(const std::vector<uint8_t>& h, s
         error = "unknown font scaling technology " + std::to_string(technology);
         return nullptr;
     }
-    // Segments: two-byte identifier, four-byte size, data; the null segment ends the list.
-    size_t pos = 8;
-    while (pos + 6 <= h.size()) {
-        const uint16_t id = be16(&h[pos]);
-        const uint32_t size = be32(&h[pos + 2]);
-        pos += 6;
-        if (size > h.size() - pos) {
+    // Segments: two-byte identifier, four-byte size, data; the null segment ends the list. Some
+    // drivers write two-byte sizes; when four-byte sizes do not fit the header, those are tried.
+    for (const int sizeBytes : {4, 2}) {
+        bool fits = true;
+        font->globalData.clear();
+        size_t pos = 8;
+        while (pos + 2 + size_t(sizeBytes) <= h.size()) {
+            const uint16_t id = be16(&h[pos]);
+            const uint32_t size = sizeBytes == 4 ? be32(&h[pos + 2]) : be16(&h[pos + 2]);
+            pos += 2 + size_t(sizeBytes);
+            if (size > h.size() - pos) {
+                fits = false;
+                break;
+            }
+            const uint8_t* seg = h.data() + pos;
+            if (id == kSegNull)
+                break;
+            if (id == kSegBitmapResolution && size >= 4) {
+                font->resX = be16(seg);
+                font->resY = be16(seg + 2);
+                if (font->resX <= 0 || font->resY <= 0) {
+                    error = "bitmap font resolution of zero";
+                    return nullptr;
+                }
+            } else if (id == kSegGlobalTrueType) {
+                font->globalData.insert(font->globalData.end(), seg, seg + size);
+            }
+            pos += size;
+        }
+        if (fits)
+            break;
+        if (sizeBytes == 2) {
             error = "font header segment runs past the header";
             return nullptr;
         }
-        const uint8_t* seg = h.data() + pos;
-        if (id == kSegNull)
-            break;
-        if (id == kSegBitmapResolution && size >= 4) {
-            font->resX = be16(seg);
-            font->resY = be16(seg + 2);
-            if (font->resX <= 0 || font->resY <= 0) {
-                error = "bitmap font resolution of zero";
-                return nullptr;
-            }
-        } else if (id == kSegGlobalTrueType) {
-            font->globalData.insert(font->globalData.end(), seg, seg + size);
-        }
-        pos += size;
     }
     if (font->kind == DownloadedFont::Kind::TrueType && font->globalData.empty()) {
         error = "TrueType font header without global data";

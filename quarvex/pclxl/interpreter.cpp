@@ -105,7 +105,7 @@ std::string normaliseMediaName(const std::string& s) {
 
 struct MediaEntry {
     int code;
-    const char* names[3];
+    const char* names[4];
     double wPt, hPt;
 };
 
@@ -124,16 +124,19 @@ const MediaEntry kMedia[] = {
     {9, {"DL", "DLENVELOPE", nullptr}, mm(110), mm(220)},
     {10, {"JB4", "JISB4", "B4"}, mm(257), mm(364)},
     {11, {"JB5", "JISB5", nullptr}, mm(182), mm(257)},
-    {12, {"B5ENVELOPE", nullptr, nullptr}, mm(176), mm(250)},
+    {12, {"B5ENVELOPE", "B5ENV", nullptr}, mm(176), mm(250)},
     {13, {"B5", "B5PAPER", nullptr}, mm(176), mm(250)},
-    {14, {"JPOSTCARD", "POSTCARD", nullptr}, mm(100), mm(148)},
-    {15, {"JDOUBLEPOSTCARD", "DOUBLEPOSTCARD", nullptr}, mm(200), mm(148)},
+    {14, {"JPOSTCARD", "POSTCARD", "JPOST"}, mm(100), mm(148)},
+    {15, {"JDOUBLEPOSTCARD", "DOUBLEPOSTCARD", "JPOSTD", "JDBLPOSTCARD"}, mm(200), mm(148)},
     {16, {"A5", "A5PAPER", nullptr}, mm(148), mm(210)},
     {17, {"A6", "A6PAPER", nullptr}, mm(105), mm(148)},
     {18, {"JB6", "JISB6", nullptr}, mm(128), mm(182)},
     {19, {"JIS8K", "8K", nullptr}, mm(260), mm(368)},
     {20, {"JIS16K", "16K", nullptr}, mm(184), mm(260)},
     {21, {"JISEXEC", nullptr, nullptr}, mm(216), mm(330)},
+    // Named only (no enumeration value).
+    {-1, {"STATEMENT", nullptr, nullptr}, 396, 612},
+    {-1, {"FOLIO", nullptr, nullptr}, 612, 936},
 };
 
 const MediaEntry* mediaByName(const std::string& name) {

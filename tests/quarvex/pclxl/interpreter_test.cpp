@@ -555,6 +555,32 @@ TEST(Text, DownloadedBitmapFont) {
     EXPECT_EQ(masks[2], "mask 8x8 ink=64 [0.24 0 0 0.24 81.84 142.08] #000000 rop=252 srcO patO");
 }
 
+TEST(Text, BitmapFontAtItsOwnResolutionWithTwoByteSegmentSizes) {
+    XlWriter w;
+    w.start();
+    w.str("Fine").a(attr::FontName).ub(0).a(attr::FontFormat).op(op::BeginFontHeader);
+    // 600 dpi bitmaps; this header writes its segment sizes in two bytes.
+    const std::vector<uint8_t> header = {0, 0, 0x02, 0x75, 254, 0, 0, 1, 'B', 'R', 0, 4, 0x02, 0x58, 0x02, 0x58, 0xFF, 0xFF, 0, 0};
+    w.u16(uint16_t(header.size())).a(attr::FontHeaderLength).op(op::ReadFontHeader).data(header);
+    w.op(op::EndFontHeader);
+    w.str("Fine").a(attr::FontName).op(op::BeginChar);
+    const auto a = bitmapChar(0, 8, 8, 8, 0xFF);
+    w.u16('A').a(attr::CharCode).u16(uint16_t(a.size())).a(attr::CharDataSize).op(op::ReadChar).data(a);
+    w.op(op::EndChar);
+    w.str("Fine").a(attr::FontName).r32(1).a(attr::CharSize).u16(277).a(attr::SymbolSet).op(op::SetFont);
+    w.s16Xy(300, 600).a(attr::Point).op(op::SetCursor);
+    w.str("AA").a(attr::TextData).op(op::Text);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    const auto masks = r.dev.matching("mask");
+    ASSERT_EQ(masks.size(), 2u) << r.dev.joined();
+    EXPECT_EQ(masks[0], "mask 8x8 ink=64 [0.12 0 0 0.12 72 143.04] #000000 rop=252 srcO patO");
+    // Without spacing data the cursor moves by the bitmap's width.
+    EXPECT_EQ(masks[1], "mask 8x8 ink=64 [0.12 0 0 0.12 72.96 143.04] #000000 rop=252 srcO patO");
+}
+
 TEST(Text, CharacterScaleAngleAndBoldness) {
     XlWriter w;
     w.start();
