@@ -617,51 +617,51 @@ double Interpreter::charHeightPlu() const {
     return (f.height > 0 ? f.height : 12) / 72.0 * 1016.0 * 0.7;
 }
 
+Point Interpreter::labelDirection() const {
+    Point dir = m_direction;
+    if (m_directionRelative)
+        dir = {dir.x * (m_p2.x - m_p1.x), dir.y * (m_p2.y - m_p1.y)};
+    const double len = std::hypot(dir.x, dir.y);
+    return len > 0 && std::isfinite(len) ? Point{dir.x / len, dir.y / len} : Point{1, 0};
+}
+
+// The distance of one line feed in plotter units.
+double Interpreter::lineFeedPlu() const {
+    if (m_relativeSize || m_charWidthCm > 0)
+        return 2 * charHeightPlu();
+    const Font& f = m_alternateSelected ? m_alternate : m_standard;
+    return (f.height > 0 ? f.height : 12) / 72.0 * 1016.0 * 4.0 / 3.0;
+}
+
 void Interpreter::label(const std::string& text) {
     if (!m_fonts) {
         warnOnce("HP-GL/2: labels need fonts; skipped");
         return;
     }
-    const int font = selectFont();
-    if (font < 0) {
+    if (selectFont() < 0) {
         warnOnce("HP-GL/2: no font for labels; skipped");
         return;
     }
     const Font& f = m_alternateSelected ? m_alternate : m_standard;
+    const Point dir = labelDirection();
+    const Point down{dir.y, -dir.x};
     std::u32string line;
     Point start = m_pen;
-    const Point saved = m_labelStart;
-    auto lineBreak = [&](bool feed) {
+    auto drawLine = [&] {
         if (!line.empty())
             labelLine(line, start);
         line.clear();
-        // The carriage return point, one line down when fed (two character heights).
-        Point dir = m_direction;
-        const double len = std::hypot(dir.x, dir.y);
-        dir = len > 0 ? Point{dir.x / len, dir.y / len} : Point{1, 0};
-        const Point down{dir.y, -dir.x};
-        if (feed) {
-            const double step = 2 * charHeightPlu();
-            m_labelStart = {m_labelStart.x + down.x * step, m_labelStart.y + down.y * step};
-        }
-        start = m_labelStart;
-        m_pen = start;
     };
-    (void)saved;
     for (unsigned char c : text) {
         if (c == '\r') {
-            lineBreak(false);
+            // Back to the carriage return point of this line.
+            drawLine();
+            m_pen = start = m_labelStart;
         } else if (c == '\n') {
-            labelLine(line, start);
-            line.clear();
-            start = m_pen;
-            Point dir = m_direction;
-            const double len = std::hypot(dir.x, dir.y);
-            dir = len > 0 ? Point{dir.x / len, dir.y / len} : Point{1, 0};
-            const double step = 2 * charHeightPlu();
-            start = {start.x + dir.y * step, start.y - dir.x * step};
-            m_labelStart = {m_labelStart.x + dir.y * step, m_labelStart.y - dir.x * step};
-            m_pen = start;
+            drawLine();
+            const double step = lineFeedPlu();
+            m_pen = start = clampPlu(Point{m_pen.x + down.x * step, m_pen.y + down.y * step});
+            m_labelStart = clampPlu(Point{m_labelStart.x + down.x * step, m_labelStart.y + down.y * step});
         } else if (c >= 0x20) {
             char32_t u = symbolSetToUnicode(static_cast<uint16_t>(std::clamp(f.symbolSet, 0, 65535)), c);
             if (u == 0)
@@ -669,8 +669,7 @@ void Interpreter::label(const std::string& text) {
             line.push_back(u);
         }
     }
-    if (!line.empty())
-        labelLine(line, start);
+    drawLine();
 }
 
 // Draws one line of a label from start (plotter units) with the label origin applied; the pen
@@ -683,29 +682,30 @@ void Interpreter::labelLine(const std::u32string& line, Point start) {
         return;
     const Font& f = m_alternateSelected ? m_alternate : m_standard;
     const FontMetrics fm = m_fonts->metrics(font);
-    const double capHeight = charHeightPlu();
     const double capEm = fm.capHeight > 0.2 ? fm.capHeight : 0.7;
-    const double emV = capHeight / capEm;
     const bool sized = m_relativeSize || m_charWidthCm > 0;
-    const bool fixedCells = sized || !f.proportional || isStickTypeface(f.typeface);
-    const double cell = 1.5 * charWidthPlu();
-    // Glyphs of a sized font are stretched so that an average letter fills its cell.
-    const double emH = sized ? cell / 0.6 : emV;
+    const bool stick = isStickTypeface(f.typeface);
+    // SI / SR give the cap height and the character width: a scalable font's em is twice that
+    // width across; the stick font keeps fixed cells of one and a half widths. Without them the
+    // font's point size is its em and a fixed font's pitch its cell.
+    double emV, emH;
+    if (sized) {
+        emV = charHeightPlu() / capEm;
+        emH = stick ? 1.5 * charWidthPlu() / 0.6 : 2 * charWidthPlu();
+    } else {
+        emV = emH = (f.height > 0 ? f.height : 12) / 72.0 * 1016.0;
+    }
+    const double capHeight = emV * capEm;
+    const bool fixedCells = stick || (!sized && !f.proportional);
+    const double cell = sized ? 1.5 * charWidthPlu() : 1016.0 / (f.pitch > 0 ? f.pitch : 10);
 
-    // Direction in plotter units.
-    Point dir = m_direction;
-    if (m_directionRelative)
-        dir = {dir.x * (m_p2.x - m_p1.x), dir.y * (m_p2.y - m_p1.y)};
-    double len = std::hypot(dir.x, dir.y);
-    dir = len > 0 ? Point{dir.x / len, dir.y / len} : Point{1, 0};
+    const Point dir = labelDirection();
     const Point up{-dir.y, dir.x};
 
     std::vector<double> advances;
     double total = 0;
     for (char32_t u : line) {
-        double adv = fixedCells ? cell : m_fonts->advance(font, u) * emH;
-        if (fixedCells && !sized && f.pitch > 0)
-            adv = 1016.0 / f.pitch;
+        const double adv = fixedCells ? cell : m_fonts->advance(font, u) * emH;
         advances.push_back(adv);
         total += adv;
     }
@@ -1185,8 +1185,9 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
             m_polygon.push_back(Subpoly{{m_pen}, false, false});
             m_polyNewSub = false;
         } else if (m_polygonMode) {
+            // The closing side is edged only when the pen is down as the subpolygon closes.
             if (!m_polygon.empty() && !m_polyNewSub)
-                m_polygon.back().closed = true;
+                m_polygon.back().closed = m_penDown;
             m_polyNewSub = true;
             if (mode == 2)
                 m_polygonMode = false;
@@ -1336,13 +1337,9 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
             spaces = 0;
             lines = -1;
         }
-        Point dir = m_direction;
-        if (m_directionRelative)
-            dir = {dir.x * (m_p2.x - m_p1.x), dir.y * (m_p2.y - m_p1.y)};
-        const double len = std::hypot(dir.x, dir.y);
-        dir = len > 0 ? Point{dir.x / len, dir.y / len} : Point{1, 0};
+        const Point dir = labelDirection();
         const Point up{-dir.y, dir.x};
-        const double cw = 1.5 * charWidthPlu(), lh = 2 * charHeightPlu();
+        const double cw = 1.5 * charWidthPlu(), lh = lineFeedPlu();
         Point target{m_pen.x + dir.x * spaces * cw + up.x * lines * lh,
                      m_pen.y + dir.y * spaces * cw + up.y * lines * lh};
         if (p.empty())

@@ -125,7 +125,7 @@ public:
 private:
     struct Subpoly {
         std::vector<Point> pts; // rotated plotter units
-        bool closed = false;
+        bool closed = false;    // closed with the pen down: EP draws the closing side
         bool edged = false;     // it has pen-down segments
     };
 
@@ -178,6 +178,8 @@ private:
     // Labels
     void label(const std::string& text);
     void labelLine(const std::u32string& line, Point start);
+    Point labelDirection() const;
+    double lineFeedPlu() const;
     double charWidthPlu() const;
     double charHeightPlu() const;
     int selectFont() const;

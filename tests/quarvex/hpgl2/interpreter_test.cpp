@@ -175,7 +175,11 @@ TEST(Hpgl2Interpreter, PolygonEdgesLeavePenUpSidesOut) {
     EXPECT_TRUE(t.dev.strokes.empty());
     t.run("EP;");
     ASSERT_EQ(t.dev.strokes.size(), 1u);
-    EXPECT_EQ(t.stroke(0), "M36,432 L36,360 Z");
+    EXPECT_EQ(t.stroke(0), "M36,432 L36,360");
+    // Closed with the pen down, the closing side is edged too.
+    t.run("PA0,0;PM0;PD;PA0,1016,1016,1016;PM2;PU;EP;");
+    ASSERT_EQ(t.dev.strokes.size(), 2u);
+    EXPECT_EQ(t.stroke(1), "M36,432 L36,360 L108,360 Z");
 }
 
 TEST(Hpgl2Interpreter, Rectangles) {
