@@ -34,6 +34,7 @@
 #include <tiffio.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
