@@ -56,8 +56,9 @@ def measure(quarvex, work, label, inp, dpi, depth, comp, runs):
         "aim_mb": (page_bytes + 32 * 1024 * 1024) / 1e6 if pages else 32 * 1024 * 1024 / 1e6,
     }
     row["mem_ok"] = row["peak_mb"] <= row["aim_mb"]
-    if status not in (0, 3):
-        row["note"] = err.strip().splitlines()[-1][:70] if err.strip() else ""
+    if status not in (0, 3) and err.strip():
+        # The engine's own words, without the "quarvex: INPUT: " prefix.
+        row["note"] = err.strip().splitlines()[-1].split(": ", 2)[-1][:48] + ";"
     return row
 
 
