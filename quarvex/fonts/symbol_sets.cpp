@@ -79,13 +79,18 @@ std::string symbolSetName(uint16_t id) {
     return std::to_string(number) + static_cast<char>(letter);
 }
 
-bool symbolSetKnown(uint16_t id) { return id == symsets::Unicode || findTable(id) != nullptr; }
+bool symbolSetKnown(uint16_t id) {
+    return id == symsets::Unicode || id == symsets::Symbol || id == symsets::Wingdings || findTable(id) != nullptr;
+}
 
 char32_t symbolSetToUnicode(uint16_t id, uint32_t code) {
     if (id == symsets::Unicode)
         return code < 0x110000 ? static_cast<char32_t>(code) : 0;
     if (code > 255)
         return 0;
+    // The symbol faces carry their own encoding in their character maps: codes pass through.
+    if (id == symsets::Symbol || id == symsets::Wingdings)
+        return code >= 0x20 ? static_cast<char32_t>(code) : 0;
     const SymbolSetTable* t = findTable(id);
     if (!t)
         t = findTable(symsets::Roman8);

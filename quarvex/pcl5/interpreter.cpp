@@ -385,8 +385,19 @@ void Interpreter::printCode(uint32_t code) {
         const Matrix toDevice = m_dev.pageToDevice() * textToPage();
         const double em = f.emPt * kUnitsPerPoint;
         const Matrix fontToDevice = toDevice * Matrix::scale(em, -em);
-        if (auto g = m_fonts->renderGlyph(f.index, uc, Matrix{fontToDevice.a, fontToDevice.b, fontToDevice.c,
-                                                               fontToDevice.d, 0, 0})) {
+        // A character the face lacks (line drawing in Courier, say) is taken from a face with a
+        // wide repertoire of the same spacing.
+        int face = f.index;
+        if (!m_fonts->hasGlyph(face, uc)) {
+            FontRequest wide;
+            wide.typeface = f.fixed ? 0 : 16602; // Line Printer or Arial
+            wide.proportional = !f.fixed;
+            const int other = m_fonts->selectPcl(wide);
+            if (other >= 0 && m_fonts->hasGlyph(other, uc))
+                face = other;
+        }
+        if (auto g = m_fonts->renderGlyph(face, uc, Matrix{fontToDevice.a, fontToDevice.b, fontToDevice.c,
+                                                            fontToDevice.d, 0, 0})) {
             if (g->mask.width > 0 && g->mask.height > 0) {
                 const Point pen = toDevice.apply({m_x, m_y});
                 const double ox = std::round(pen.x) + g->left;
@@ -1127,7 +1138,11 @@ void Interpreter::handleParam(Parser& parser, const Command& cmd) {
             // send +36 decipoints); the sheet here already starts where they expect it.
             break;
         case 'P': break; // page length in lines: the paper decides here
-        case 'X': case 'H': case 'G': case 'S': case 'M': case 'T': break; // copies, trays, bins, duplex
+        case 'H': // paper source: the started sheet goes out first (0 only ejects it)
+        case 'S': // simplex / duplex: likewise
+            ejectPage();
+            break;
+        case 'X': case 'G': case 'M': case 'T': break; // copies, bins, media type, job separation
         default: break;
         }
         return;

@@ -60,3 +60,10 @@ TEST(SymbolSets, UnknownSetsReadAsRoman8AndUnicodePassesThrough) {
     EXPECT_EQ(symbolSetToUnicode(symsets::Unicode, 0x20AC), U'\u20AC');
     EXPECT_EQ(symbolSetToUnicode(symsets::Roman8, 300), 0U);
 }
+
+TEST(SymbolSets, SymbolFacesUseTheirOwnCodes) {
+    EXPECT_TRUE(symbolSetKnown(symsets::Symbol));
+    EXPECT_EQ(symbolSetToUnicode(symsets::Symbol, 'a'), U'a');
+    EXPECT_EQ(symbolSetToUnicode(symsets::Wingdings, 0x41), U'A');
+    EXPECT_EQ(symbolSetToUnicode(symsets::Symbol, 0x10), 0U);
+}

@@ -93,6 +93,9 @@ TEST(Pcl5Pages, PjlPaperAndOrientationAreTheDefaults) {
 TEST(Pcl5Pages, FormFeedEjectsOnlyStartedPages) {
     Result r = runPcl("a\f\f\fb\f");
     EXPECT_EQ(r.pages, 2);
+    // Paper source and ESC&l0H eject the started page; an untouched one stays unprinted.
+    r = runPcl("a" + ESC + "&l0H" + ESC + "&l0H" + "b" + ESC + "&l1H" + "c");
+    EXPECT_EQ(r.pages, 3);
     // A page size change ejects the started page.
     r = runPcl("a" + ESC + "&l26A" + "b");
     EXPECT_EQ(r.pages, 2);
@@ -542,4 +545,14 @@ TEST(Pcl5Text, PrintDirectionTurnsTextAndRectangles) {
     int w, h;
     std::sscanf(masks[0].c_str(), "mask %dx%d", &w, &h);
     EXPECT_GT(w, h); // an H on its side is wider than high
+}
+
+TEST(Pcl5Text, SymbolSetSelectsTheSymbolFace) {
+    // 'a' in the symbol set 19M is a Greek alpha from the symbol face, not Courier's a.
+    Result sym = runPcl(ESC + "(19M" + ESC + "(s1p12v0s0b16686T" + "a");
+    Result courier = runPcl("a");
+    auto a = sym.starting("mask"), b = courier.starting("mask");
+    ASSERT_EQ(a.size(), 1u);
+    ASSERT_EQ(b.size(), 1u);
+    EXPECT_NE(a[0].substr(0, a[0].find(" [")), b[0].substr(0, b[0].find(" [")));
 }
