@@ -8,7 +8,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <fstream>
+#include <set>
 #include <iterator>
 
 using namespace qx;
@@ -121,6 +124,108 @@ TEST(Hpgl2RealFiles, PlotutilsGraph) {
     // each axis.
     EXPECT_GT(job.dev.strokes.size(), 100u);
     EXPECT_GT(job.dev.masks, 10);
+    const Box b = job.box();
+    EXPECT_GE(b.x0, 18);
+    EXPECT_LE(b.x1, 18 + 576);
+    EXPECT_GE(b.y0, 36);
+    EXPECT_LE(b.y1, 36 + 720);
+}
+
+TEST(Hpgl2RealFiles, PlotutilsGraphGeometry) {
+    Job job(false);
+    job.run(readFile("graph_plotutils.pcl"));
+    // The frame of the plot, user units 2000..8000 scaled onto P1 (0, 1016), P2 (8128, 9144).
+    const auto& calls = job.dev.calls();
+    const bool frame = std::any_of(calls.begin(), calls.end(), [](const std::string& c) {
+        return c.find("M133.2,568.8 L478.8,568.8 L478.8,223.2 L133.2,223.2 Z") != std::string::npos;
+    });
+    EXPECT_TRUE(frame);
+    // The curve: five points, not closed (the pen is up when its polygon closes).
+    const auto& last = job.dev.strokes.back();
+    EXPECT_EQ(last.path.points().size(), 5u);
+    EXPECT_NE(last.path.ops().back(), Path::Op::Close);
+    EXPECT_NEAR(last.path.points().front().x, 133.2, 1e-9);
+    EXPECT_NEAR(last.path.points().back().y, 756 - 6800 * 0.8128 * 72 / 1016 - 72, 1e-9);
+    // Relative pen width: 0.0832% of the P1-P2 diagonal.
+    EXPECT_NEAR(last.style.width, 0.000832 * std::hypot(8128.0, 8128.0) * 72 / 1016, 1e-9);
+}
+
+TEST(Hpgl2RealFiles, GnuplotSineMonochrome) {
+    Job job(true);
+    job.run(readFile("sine_gnuplot.pcl"));
+    EXPECT_EQ(job.modeSwitches, 1); // its second ESC%0B comes while HP-GL/2 already runs
+    EXPECT_TRUE(job.diag.lines().empty()) << job.diag.lines().front();
+    // Border, tics, the curve and the key line, all from polyline-encoded data.
+    EXPECT_GT(job.dev.strokes.size(), 20u);
+    size_t longest = 0;
+    for (const auto& s : job.dev.strokes) {
+        longest = std::max(longest, s.path.points().size());
+        EXPECT_NEAR(s.style.width, 0.25 * 72 / 25.4, 1e-9);
+    }
+    EXPECT_GT(longest, 90u); // the sampled sine
+    EXPECT_GT(job.dev.masks, 20); // tic labels and the key
+    const Box b = job.box();
+    EXPECT_GE(b.x0, 18);
+    EXPECT_LE(b.x1, 18 + 756);
+    EXPECT_GE(b.y0, 36);
+    EXPECT_LE(b.y1, 36 + 540);
+    EXPECT_GT(b.x1 - b.x0, 500); // the plot spans most of the frame
+    EXPECT_GT(b.y1 - b.y0, 350);
+}
+
+TEST(Hpgl2RealFiles, GnuplotColourCurves) {
+    Job job(true);
+    job.run(readFile("curves_gnuplot_colour.pcl"));
+    EXPECT_TRUE(job.diag.lines().empty()) << job.diag.lines().front();
+    std::set<std::string> colours;
+    for (const auto& s : job.dev.strokes)
+        colours.insert(RecordingDevice::describe(s.paint));
+    // Black for the border, and the two curves' own colours set with PC.
+    EXPECT_TRUE(colours.count("#000000"));
+    EXPECT_TRUE(colours.count("#9400d3"));
+    EXPECT_GE(colours.size(), 3u);
+    const Box b = job.box();
+    EXPECT_GE(b.x0, 18);
+    EXPECT_LE(b.x1, 18 + 756);
+    EXPECT_GE(b.y0, 36);
+    EXPECT_LE(b.y1, 36 + 540);
+}
+
+TEST(Hpgl2RealFiles, Pic2plotShapes) {
+    Job job(false);
+    job.run(readFile("shapes_pic2plot.pcl"));
+    EXPECT_TRUE(job.diag.lines().empty()) << job.diag.lines().front();
+    // Box, two arrows with filled heads, a circle, an ellipse of Béziers, an arc and a spline.
+    EXPECT_EQ(job.dev.fills.size(), 2u);
+    EXPECT_GE(job.dev.strokes.size(), 8u);
+    EXPECT_EQ(job.dev.masks, 11); // "Start", "Mid", "End"
+    // The circle: CI313 user units around (4219, 5000).
+    const double r = 313 * 0.8128 * 72 / 1016;
+    const bool circle = std::any_of(job.dev.strokes.begin(), job.dev.strokes.end(), [&](const CaptureDevice::Stroke& s) {
+        Box b;
+        b.add(s.path);
+        return s.path.points().size() == 73 && std::fabs((b.x1 - b.x0) - 2 * r) < 0.01;
+    });
+    EXPECT_TRUE(circle);
+    // "Start" is centred in its box: its glyphs lie between the box's sides.
+    const Box b = job.box();
+    EXPECT_GE(b.x0, 18);
+    EXPECT_LE(b.x1, 18 + 576);
+}
+
+TEST(Hpgl2RealFiles, BareHpgl2WithDashesAndStrokedLettering) {
+    // Plain HP-GL/2 (no PCL around it), run whole.
+    Job job(false);
+    const std::string d = readFile("graph_dashed_plotutils.hpgl");
+    ASSERT_FALSE(d.empty());
+    EXPECT_EQ(runText(job.gl, d), d.size());
+    EXPECT_TRUE(job.diag.lines().empty()) << job.diag.lines().front();
+    size_t dashed = 0;
+    for (const auto& s : job.dev.strokes)
+        if (!s.style.dashes.empty())
+            ++dashed;
+    EXPECT_EQ(dashed, 1u); // the curve, line type 8
+    EXPECT_GT(job.dev.strokes.size(), 50u); // the lettering is drawn with strokes
     const Box b = job.box();
     EXPECT_GE(b.x0, 18);
     EXPECT_LE(b.x1, 18 + 576);
