@@ -158,7 +158,7 @@ int convert(const Options& options) {
     tiffOptions.fax = options.fax;
     tiffOptions.software = std::string("quarvex ") + QX_VERSION;
     tiff::TiffWriter writer(tiffOptions);
-    if (!writer.open(out.tempPath())) {
+    if (!writer.open(out.fd(), output)) {
         diag.error("cannot write " + output + ": " + writer.error());
         return kNothingWritten;
     }

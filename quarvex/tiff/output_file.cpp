@@ -91,42 +91,113 @@ void OutputFile::installSignalCleanup() {
 
 OutputFile::~OutputFile() { discard(); }
 
-bool OutputFile::create(const std::string& target) {
-    discard();
-    m_target = target;
-    m_error.clear();
-    installSignalCleanup();
+namespace {
 
-    std::string folder = folderOf(target);
-    std::string pattern = folder == "/" ? "/" : folder + "/";
-    pattern += "." + fileNameOf(target) + ".quarvex-XXXXXX";
-    if (pattern.size() > PATH_MAX) {
-        m_error = "the output path is too long";
-        return false;
-    }
-    std::string buf = pattern;
-    // Block the cleanup signals while the name is being recorded, so that a signal cannot
-    // arrive between creating the file and remembering it.
+// Runs f with SIGINT, SIGTERM and SIGHUP held back, so that a signal cannot come between
+// creating a temporary name and recording it for the cleanup handler.
+template <typename F>
+auto withCleanupSignalsBlocked(F f) {
     sigset_t block, old;
     sigemptyset(&block);
     sigaddset(&block, SIGINT);
     sigaddset(&block, SIGTERM);
     sigaddset(&block, SIGHUP);
     ::sigprocmask(SIG_BLOCK, &block, &old);
-    const int fd = ::mkostemp(buf.data(), O_CLOEXEC);
-    const int err = errno;
-    if (fd >= 0) {
-        m_temp = buf;
-        m_active = true;
-        rememberTemp(m_temp);
-    }
+    auto result = f();
     ::sigprocmask(SIG_SETMASK, &old, nullptr);
+    return result;
+}
+
+} // namespace
+
+bool OutputFile::create(const std::string& target, bool allowUnnamed) {
+    discard();
+    m_target = target;
+    m_error.clear();
+    installSignalCleanup();
+
+    const std::string folder = folderOf(target);
+    std::string pattern = folder == "/" ? "/" : folder + "/";
+    pattern += "." + fileNameOf(target) + ".quarvex-XXXXXX";
+    if (pattern.size() > PATH_MAX) {
+        m_error = "the output path is too long";
+        return false;
+    }
+
+#ifdef O_TMPFILE
+    // The unnamed file is given its name through /proc when it is finished.
+    if (allowUnnamed && ::access("/proc/self/fd", X_OK) == 0) {
+        const int fd = ::open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0666);
+        if (fd >= 0) {
+            m_fd = fd;
+            m_active = true;
+            return true;
+        }
+        // Folders on file systems without unnamed files fall back to a named one; any other
+        // failure (no such folder, no permission) is the answer.
+        if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) {
+            m_error = std::strerror(errno);
+            return false;
+        }
+    }
+#else
+    (void)allowUnnamed;
+#endif
+    return createNamed(pattern);
+}
+
+bool OutputFile::createNamed(const std::string& pattern) {
+    std::string buf = pattern;
+    int err = 0;
+    const int fd = withCleanupSignalsBlocked([&] {
+        const int f = ::mkostemp(buf.data(), O_CLOEXEC);
+        err = errno;
+        if (f >= 0)
+            rememberTemp(buf);
+        return f;
+    });
     if (fd < 0) {
         m_error = std::strerror(err);
         return false;
     }
-    ::close(fd);
+    m_fd = fd;
+    m_temp = buf;
+    m_active = true;
+    // mkstemp makes the file private; a finished output gets the permissions of any new file.
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    ::fchmod(fd, 0666 & ~mask);
     return true;
+}
+
+// Gives the unnamed file a hidden temporary name beside the target, from where it is renamed.
+bool OutputFile::linkUnnamed() {
+    const std::string folder = folderOf(m_target);
+    const std::string procPath = "/proc/self/fd/" + std::to_string(m_fd);
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        std::string pattern = (folder == "/" ? "/" : folder + "/") + "." + fileNameOf(m_target) + ".quarvex-XXXXXX";
+        // mkstemp finds a free name; the placeholder goes again at once, and linkat() takes
+        // the name unless someone else just did.
+        const int probe = ::mkostemp(pattern.data(), O_CLOEXEC);
+        if (probe < 0)
+            break;
+        ::close(probe);
+        ::unlink(pattern.c_str());
+        const int rc = withCleanupSignalsBlocked([&] {
+            const int r = ::linkat(AT_FDCWD, procPath.c_str(), AT_FDCWD, pattern.c_str(), AT_SYMLINK_FOLLOW);
+            if (r == 0)
+                rememberTemp(pattern);
+            return r;
+        });
+        if (rc == 0) {
+            m_temp = pattern;
+            return true;
+        }
+        if (errno != EEXIST)
+            break;
+    }
+    m_error = std::strerror(errno);
+    return false;
 }
 
 bool OutputFile::commit() {
@@ -134,14 +205,16 @@ bool OutputFile::commit() {
         m_error = "no output in progress";
         return false;
     }
-    // mkstemp makes the file private; a finished output gets the permissions of any new file.
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    ::chmod(m_temp.c_str(), 0666 & ~mask);
-    const int fd = ::open(m_temp.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) {
-        ::fsync(fd);
-        ::close(fd);
+    if (::fsync(m_fd) != 0) {
+        m_error = std::strerror(errno);
+        discard();
+        return false;
+    }
+    if (m_temp.empty() && !linkUnnamed()) {
+        const std::string why = m_error;
+        discard();
+        m_error = why;
+        return false;
     }
     if (::rename(m_temp.c_str(), m_target.c_str()) != 0) {
         m_error = std::strerror(errno);
@@ -149,6 +222,8 @@ bool OutputFile::commit() {
         return false;
     }
     forgetTemp();
+    ::close(m_fd);
+    m_fd = -1;
     m_active = false;
     m_temp.clear();
     return true;
@@ -158,7 +233,11 @@ void OutputFile::discard() {
     if (!m_active)
         return;
     forgetTemp();
-    ::unlink(m_temp.c_str());
+    if (!m_temp.empty())
+        ::unlink(m_temp.c_str());
+    if (m_fd >= 0)
+        ::close(m_fd);
+    m_fd = -1;
     m_active = false;
     m_temp.clear();
 }

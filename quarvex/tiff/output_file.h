@@ -1,9 +1,12 @@
 #pragma once
-// Writing an output file so that it appears under its name only when it is complete: the data
-// goes to a hidden temporary file in the same folder, which is renamed over the output at the
-// end. A failed run, or one ended by SIGINT, SIGTERM or SIGHUP, removes the temporary file, so
-// neither a partial output nor a stray temporary file is left behind, and an existing output is
-// replaced only by a finished one.
+// Writing an output file so that it appears under its name only when it is complete.
+//
+// Where the system allows it, the data goes to an unnamed file in the output's folder
+// (O_TMPFILE): it has no name at all until commit() links it in, so a run that is killed in
+// any way - SIGKILL included - leaves nothing behind. Elsewhere it goes to a hidden temporary
+// file in the same folder, removed on failure and by the handlers for SIGINT, SIGTERM and
+// SIGHUP. Either way commit() renames the finished file over the output, so an existing
+// output is replaced only by a finished one.
 
 #include <string>
 
@@ -12,30 +15,40 @@ namespace qx::tiff {
 class OutputFile {
 public:
     OutputFile() = default;
-    ~OutputFile(); // removes the temporary file unless commit() succeeded
+    ~OutputFile(); // discards the data unless commit() succeeded
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
-    // Creates the temporary file beside target. false: see error().
-    bool create(const std::string& target);
+    // Prepares the file that will become target. allowUnnamed = false always uses a named
+    // temporary file. false: see error().
+    bool create(const std::string& target, bool allowUnnamed = true);
+
+    // The open file to write; stays owned by this object.
+    int fd() const { return m_fd; }
+    // The temporary file's path; empty while the file has no name.
     const std::string& tempPath() const { return m_temp; }
     const std::string& target() const { return m_target; }
 
-    // Gives the temporary file the usual permissions and renames it over the target.
+    // Flushes the data to disk, gives the file the usual permissions and puts it in place of
+    // the target.
     bool commit();
-    // Removes the temporary file.
+    // Drops the data.
     void discard();
 
     const std::string& error() const { return m_error; }
 
-    // Installs the handlers for SIGINT, SIGTERM and SIGHUP that remove the temporary file of the
-    // active OutputFile before the process ends. Called by create(); safe to call again.
+    // Installs the handlers for SIGINT, SIGTERM and SIGHUP that remove the temporary file of
+    // the active OutputFile before the process ends. Called by create(); safe to call again.
     static void installSignalCleanup();
 
 private:
+    bool createNamed(const std::string& pattern);
+    bool linkUnnamed();
+
     std::string m_target;
     std::string m_temp;
     std::string m_error;
+    int m_fd = -1;
     bool m_active = false;
 };
 

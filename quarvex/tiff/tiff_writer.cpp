@@ -85,6 +85,7 @@ bool TiffWriter::fail(const std::string& message) {
 
 bool TiffWriter::open(const std::string& path) {
     m_path = path;
+    m_fd = -1;
     m_error.clear();
     TIFFOpenOptions* opts = TIFFOpenOptionsAlloc();
     TIFFOpenOptionsSetErrorHandlerExtR(opts, libtiffErrorHandler, &m_error);
@@ -93,6 +94,27 @@ bool TiffWriter::open(const std::string& path) {
     TIFFOpenOptionsFree(opts);
     if (!m_tif)
         return fail(m_error.empty() ? "cannot create the TIFF file" : m_error);
+    return true;
+}
+
+bool TiffWriter::open(int fd, const std::string& name) {
+    m_path = name;
+    m_fd = fd;
+    m_error.clear();
+    // libtiff closes the descriptor it is given: give it a duplicate and keep the original
+    // for completing the page numbers.
+    const int own = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    if (own < 0)
+        return fail(std::string("cannot create the TIFF file: ") + std::strerror(errno));
+    TIFFOpenOptions* opts = TIFFOpenOptionsAlloc();
+    TIFFOpenOptionsSetErrorHandlerExtR(opts, libtiffErrorHandler, &m_error);
+    TIFFOpenOptionsSetWarningHandlerExtR(opts, libtiffWarningHandler, nullptr);
+    m_tif = TIFFFdOpenExt(own, name.c_str(), "w", opts);
+    TIFFOpenOptionsFree(opts);
+    if (!m_tif) {
+        ::close(own);
+        return fail(m_error.empty() ? "cannot create the TIFF file" : m_error);
+    }
     return true;
 }
 
@@ -237,13 +259,15 @@ bool TiffWriter::finish() {
 // second value of each. Both shorts sit inside the directory entry itself, so the file keeps
 // its layout and the result does not depend on anything but the pages.
 bool TiffWriter::patchPageTotals() {
-    const int fd = ::open(m_path.c_str(), O_RDWR | O_CLOEXEC);
+    const bool ownFd = m_fd < 0;
+    const int fd = ownFd ? ::open(m_path.c_str(), O_RDWR | O_CLOEXEC) : m_fd;
     if (fd < 0)
         return fail(std::string("cannot reopen the TIFF file: ") + std::strerror(errno));
     bool ok = true;
     uint8_t header[8];
     if (!readAll(fd, 0, header, sizeof header)) {
-        ::close(fd);
+        if (ownFd)
+            ::close(fd);
         return fail("cannot read back the TIFF file");
     }
     const bool little = header[0] == 'I';
@@ -291,7 +315,7 @@ bool TiffWriter::patchPageTotals() {
     }
     if (ok && seen != m_pages)
         ok = false;
-    if (::close(fd) != 0)
+    if (ownFd && ::close(fd) != 0)
         ok = false;
     return ok ? true : fail("cannot complete the page numbers in the TIFF file");
 }

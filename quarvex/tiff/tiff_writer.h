@@ -42,6 +42,9 @@ public:
 
     // Starts the file at path (created or truncated). false: see error().
     bool open(const std::string& path);
+    // Starts the file in fd, an empty file open for reading and writing, which stays the
+    // caller's; name is for messages. false: see error().
+    bool open(int fd, const std::string& name);
     bool writePage(const RasterPage& page) override;
     // Closes the file and writes the page total into every page. false: see error().
     bool finish();
@@ -56,6 +59,7 @@ private:
     TiffOptions m_options;
     TIFF* m_tif = nullptr;
     std::string m_path;
+    int m_fd = -1; // the caller's file, when written through a descriptor
     int m_pages = 0;
     bool m_failed = false;
     std::string m_error;

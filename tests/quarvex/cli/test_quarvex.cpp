@@ -536,6 +536,19 @@ TEST(QuarvexConversion, AFailedWriteLeavesNothing) {
     EXPECT_EQ(entries(dir), 0u);
 }
 
+// Whether the process has a file open in folder (under any name, or none).
+bool hasFileOpenIn(pid_t pid, const fs::path& folder) {
+    std::error_code ec;
+    for (const auto& e : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec)) {
+        const fs::path target = fs::read_symlink(e.path(), ec);
+        if (!ec && target.string().rfind(folder.string() + "/", 0) == 0)
+            return true;
+    }
+    return false;
+}
+
+// A run stopped in the middle - as the front end's Stop does with SIGKILL, or a user with
+// SIGTERM or Ctrl-C - leaves neither a partial output nor a temporary file.
 TEST(QuarvexConversion, AKilledRunLeavesNothing) {
     const fs::path dir = freshDir("killed");
     const fs::path input = dir / "long.prn";
@@ -544,28 +557,29 @@ TEST(QuarvexConversion, AKilledRunLeavesNothing) {
     for (int i = 0; i < 200; ++i)
         many += xl;
     writeFile(input, many);
-    const fs::path outDir = freshDir("killed_out");
-    const fs::path out = outDir / "long.tif";
-    writeFile(out, "previous result");
+    for (int sig : {SIGKILL, SIGTERM, SIGINT}) {
+        SCOPED_TRACE("signal " + std::to_string(sig));
+        const fs::path outDir = freshDir("killed_out");
+        const fs::path out = outDir / "long.tif";
+        writeFile(out, "previous result");
 
-    const fs::path logs = freshDir("killed_logs");
-    const Child c = start({"-r", "600x600", "-c", "3", "-o", out.string(), "-i", input.string()}, logs);
-    // Wait until the conversion is writing its temporary file, then stop it.
-    bool writing = false;
-    for (int i = 0; i < 6000 && !writing; ++i) {
-        for (const auto& e : fs::directory_iterator(outDir)) {
-            if (e.path().filename().string()[0] == '.' && fs::file_size(e.path()) > 0)
-                writing = true;
+        const fs::path logs = freshDir("killed_logs");
+        const Child c = start({"-r", "600x600", "-c", "3", "-o", out.string(), "-i", input.string()}, logs);
+        // Wait until the conversion is writing its output, then stop it.
+        bool writing = false;
+        for (int i = 0; i < 6000 && !writing; ++i) {
+            writing = hasFileOpenIn(c.pid, outDir);
+            if (!writing)
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
-        if (!writing)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        EXPECT_TRUE(writing);
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        ::kill(c.pid, sig);
+        const Result r = finish(c);
+        EXPECT_EQ(r.signal, sig) << r.err;
+        EXPECT_EQ(entries(outDir), 1u) << "no temporary file";
+        EXPECT_EQ(readFile(out), "previous result") << "the old output is untouched";
     }
-    EXPECT_TRUE(writing);
-    ::kill(c.pid, SIGTERM);
-    const Result r = finish(c);
-    EXPECT_EQ(r.signal, SIGTERM) << r.err;
-    EXPECT_EQ(entries(outDir), 1u) << "the temporary file is gone";
-    EXPECT_EQ(readFile(out), "previous result") << "the old output is untouched";
 }
 
 // The bounding box of the pixels darker than mid-grey on one page of an 8-bit grey TIFF.

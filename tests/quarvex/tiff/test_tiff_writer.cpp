@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <unistd.h>
 #include <filesystem>
 #include <fstream>
@@ -354,4 +355,28 @@ TEST(TiffWriter, OpenFailsInAMissingFolder) {
     TiffWriter w(TiffOptions{});
     EXPECT_FALSE(w.open((tempDir() / "no" / "such" / "folder" / "x.tif").string()));
     EXPECT_FALSE(w.error().empty());
+}
+
+TEST(TiffWriter, WritesThroughADescriptorThatStaysOpen) {
+    const fs::path path = tempDir() / "fd.tif";
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+    ASSERT_GE(fd, 0);
+    TiffOptions opt;
+    opt.compression = Compression::PackBits;
+    TiffWriter w(opt);
+    ASSERT_TRUE(w.open(fd, "fd.tif"));
+    ASSERT_TRUE(w.writePage(makePage(RasterPage::Format::Gray8, 50, 40, 1)));
+    ASSERT_TRUE(w.writePage(makePage(RasterPage::Format::Gray8, 60, 30, 2)));
+    ASSERT_TRUE(w.finish()) << w.error();
+    EXPECT_NE(::fcntl(fd, F_GETFD), -1) << "the caller's descriptor is still open";
+    ::close(fd);
+    TIFF* t = TIFFOpen(path.string().c_str(), "r");
+    ASSERT_NE(t, nullptr);
+    EXPECT_EQ(TIFFNumberOfDirectories(t), 2);
+    ASSERT_EQ(TIFFSetDirectory(t, 1), 1);
+    uint16_t pageNo = 0, total = 0;
+    TIFFGetField(t, TIFFTAG_PAGENUMBER, &pageNo, &total);
+    EXPECT_EQ(pageNo, 1);
+    EXPECT_EQ(total, 2);
+    TIFFClose(t);
 }
