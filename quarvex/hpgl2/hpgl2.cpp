@@ -133,6 +133,8 @@ void Interpreter::defaults(bool full) {
     m_fillType = 1;
     m_fillOption1 = m_fillOption2 = 0;
     m_transparent = true;
+    m_colourRange = {0, 255, 0, 255, 0, 255};
+    m_mergeRop = -1;
     m_standard = Font{};
     m_alternate = Font{};
     m_alternateSelected = false;
@@ -276,6 +278,8 @@ RenderState Interpreter::renderState(bool forFill) const {
     RenderState rs = m_host ? m_host->renderState() : RenderState{};
     if (forFill)
         rs.patternTransparent = m_transparent;
+    if (m_mergeRop >= 0)
+        rs.rop3 = static_cast<uint8_t>(m_mergeRop);
     auto own = clipRegion();
     if (rs.clip && !rs.clip->entries.empty()) {
         auto both = std::make_shared<ClipRegion>(*rs.clip);
@@ -1017,7 +1021,7 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
         if (type == 99)
             return; // the previous type stays
         if (type < -8 || type > 8) {
-            warnOnce("HP-GL/2: line type " + std::to_string(type) + " ignored");
+            warnOnce("HP-GL/2: line types beyond 8 ignored");
             return;
         }
         m_lineType = type;
@@ -1100,7 +1104,7 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
         int r = toInt(at(0, 0));
         r = ((r % 360) + 360) % 360;
         if (r % 90 != 0) {
-            warnOnce("HP-GL/2: rotation " + std::to_string(r) + " ignored");
+            warnOnce("HP-GL/2: rotation other than a multiple of 90 degrees ignored");
             return;
         }
         // The pen keeps its place on the page.
@@ -1229,7 +1233,7 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
             }
             break;
         default:
-            warnOnce("HP-GL/2: fill type " + std::to_string(type) + " drawn solid");
+            warnOnce("HP-GL/2: fill types other than solid, hatching and shading are drawn solid");
             m_fillType = 1;
             break;
         }
@@ -1258,11 +1262,32 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
         if (pen < 0 || static_cast<size_t>(pen) >= m_pens.size())
             return;
         if (p.size() >= 4) {
-            auto c = [&](double v) { return static_cast<uint8_t>(std::clamp(std::lround(v), 0L, 255L)); };
-            m_pens[static_cast<size_t>(pen)] = {c(p[1]), c(p[2]), c(p[3])};
+            // Components in the colour range of CR, black to white.
+            auto c = [&](double v, int k) {
+                const double lo = m_colourRange[2 * k], hi = m_colourRange[2 * k + 1];
+                const double f = hi != lo ? (v - lo) / (hi - lo) : 0;
+                return static_cast<uint8_t>(std::clamp(std::lround(f * 255), 0L, 255L));
+            };
+            m_pens[static_cast<size_t>(pen)] = {c(p[1], 0), c(p[2], 1), c(p[3], 2)};
         } else {
             m_pens[static_cast<size_t>(pen)] = defaultPenColour(pen);
         }
+        return;
+    }
+    if (is("MC")) {
+        // Merge control: the raster operation of HP-GL/2 drawing.
+        if (toInt(at(0, 0)) == 1)
+            m_mergeRop = static_cast<int>(std::clamp(toInt(at(1, 252)), 0, 255));
+        else
+            m_mergeRop = -1;
+        return;
+    }
+    if (is("CR")) {
+        if (p.size() >= 6)
+            for (size_t i = 0; i < 6; ++i)
+                m_colourRange[i] = p[i];
+        else
+            m_colourRange = {0, 255, 0, 255, 0, 255};
         return;
     }
     if (is("CT")) {
@@ -1354,10 +1379,10 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
     }
     // Accepted without effect here: plot size and page advance belong to PCL, the rest changes
     // nothing this engine draws.
-    static const char* const kIgnored[] = {"PS", "PG", "RP", "MC", "PP", "AC", "CF", "DV", "ES", "LM",
+    static const char* const kIgnored[] = {"PS", "PG", "RP", "PP", "AC", "CF", "DV", "ES", "LM",
                                            "QL", "TD", "VS", "FS", "IV", "WD", "OI", "OP", "OS", "OE",
                                            "OW", "OH", "OF", "OD", "OA", "OC", "OG", "NR", "AF", "AH",
-                                           "PB", "RF", "SV", "CR", "SB"};
+                                           "PB", "RF", "SB"};
     for (const char* m : kIgnored)
         if (is(m))
             return;

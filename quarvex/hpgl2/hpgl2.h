@@ -224,6 +224,8 @@ private:
     int m_fillType = 1;
     double m_fillOption1 = 0, m_fillOption2 = 0;
     bool m_transparent = true;        // TR
+    int m_mergeRop = -1;              // MC: the raster operation; -1 = PCL's
+    std::array<double, 6> m_colourRange{0, 255, 0, 255, 0, 255}; // CR: black and white of r, g, b
 
     // The stroke being gathered while the pen is down (page space).
     Path m_stroke;

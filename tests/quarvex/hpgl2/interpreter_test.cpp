@@ -449,3 +449,37 @@ TEST(Hpgl2Interpreter, LabelsWithoutFontsWarnOnce) {
     EXPECT_EQ(t.diag.lines().size(), 1u);
     EXPECT_EQ(t.dev.masks, 0);
 }
+
+TEST(Hpgl2Interpreter, ColourRangeAndMergeControl) {
+    Gl t;
+    t.run("IN;NP4;CR0,100,0,100,0,100;PC2,100,50,0;SP2;MC1,90;PD;PA1016,0;PU;MC0;PD;PA0,0;PU;");
+    ASSERT_EQ(t.dev.strokes.size(), 2u);
+    EXPECT_EQ(RecordingDevice::describe(t.dev.strokes[0].paint), "#ff8000");
+    EXPECT_NE(t.dev.calls()[1].find("rop=90 "), std::string::npos) << t.dev.calls()[1];
+    EXPECT_NE(t.dev.calls()[2].find("rop=252 "), std::string::npos) << t.dev.calls()[2];
+}
+
+TEST(Hpgl2Interpreter, CharacterPlotMovesByCells) {
+    Gl t;
+    // Cells of 1.5 * 1 cm across and lines of 2 * 1 cm.
+    t.run("IN;SI1,1;PA1016,1016;CP2,0;");
+    const double cm = 72 / 2.54;
+    EXPECT_NEAR(t.gl.penPosition().x, 108 + 3 * cm, 1e-6);
+    t.run("CP0,-1;");
+    EXPECT_NEAR(t.gl.penPosition().y, 360 + 2 * cm, 1e-6);
+    // CP without parameters: back to the label start, one line down.
+    t.run("PA1016,1016;CP;");
+    EXPECT_NEAR(t.gl.penPosition().x, 108, 1e-6);
+    EXPECT_NEAR(t.gl.penPosition().y, 360 + 2 * cm, 1e-6);
+    EXPECT_TRUE(t.dev.strokes.empty());
+}
+
+TEST(Hpgl2Interpreter, RelativeDirectionFollowsP1P2) {
+    Gl t(&fonts());
+    // DR takes run and rise as shares of P1-P2: with a square P1-P2, DR1,1 runs at 45 degrees.
+    t.run("IN;IP0,0,2032,2032;SI1,1;DR1,1;PA0,0;LBA\x03");
+    const double cell = 1.5 * 72 / 2.54;
+    EXPECT_NEAR(t.gl.penPosition().x, 36 + cell / std::sqrt(2.0), 1e-6);
+    EXPECT_NEAR(t.gl.penPosition().y, 432 - cell / std::sqrt(2.0), 1e-6);
+    EXPECT_EQ(t.dev.masks, 1);
+}
