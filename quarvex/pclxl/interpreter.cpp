@@ -194,10 +194,19 @@ void Interpreter::warnOnce(const std::string& message) {
 }
 
 size_t Interpreter::run(const uint8_t* data, size_t size) {
+    // After a damaged spot nothing can be trusted up to the next job: the rest is used, up to a
+    // Universal Exit Language sequence that hands over to the job loop.
+    auto skipToNextJob = [&](size_t from) {
+        static const char kUel[] = "\x1b%-12345X";
+        for (size_t i = from; i + 9 <= size; ++i)
+            if (std::memcmp(data + i, kUel, 9) == 0)
+                return i;
+        return size;
+    };
     StreamReader reader(data, size);
     if (!reader.readHeader()) {
         m_ctx.diag.warning("PCL XL: " + reader.error());
-        return std::max<size_t>(reader.position(), size_t(reader.position() < size ? size : 0));
+        return skipToNextJob(0);
     }
     Operator op;
     bool failed = false;
@@ -214,8 +223,7 @@ size_t Interpreter::run(const uint8_t* data, size_t size) {
         try {
             execute(op, 0);
         } catch (const XlError& e) {
-            m_ctx.diag.warning("PCL XL: " + e.what + " in " + op.name() + " at byte " +
-                               std::to_string(op.offset));
+            m_ctx.diag.warning("PCL XL: " + e.what + " in " + op.name() + " at byte " + std::to_string(op.offset));
             failed = true;
             break;
         }
@@ -228,17 +236,7 @@ size_t Interpreter::run(const uint8_t* data, size_t size) {
         else
             m_inPage = false;
     }
-    if (failed) {
-        // Nothing after a damaged spot can be trusted; hand the rest back only when it starts
-        // with a UEL the job loop understands.
-        size_t pos = reader.position();
-        static const char kUel[] = "\x1b%-12345X";
-        for (size_t i = pos; i + 9 <= size; ++i)
-            if (std::memcmp(data + i, kUel, 9) == 0)
-                return i;
-        return size;
-    }
-    return reader.position();
+    return failed ? skipToNextJob(reader.position()) : reader.position();
 }
 
 void Interpreter::requirePage(const Operator&) {
@@ -276,8 +274,7 @@ void Interpreter::execute(const Operator& op, int depth) {
         if (m_inPage)
             endPage();
         m_inSession = false;
-        for (auto it = m_patterns.begin(); it != m_patterns.end();)
-            it = it->second.persistence >= 2 ? m_patterns.erase(it) : std::next(it);
+        // Everything downloaded lives as long as the session at most.
         m_patterns.clear();
         m_fonts.clear();
         m_streams.clear();

@@ -772,6 +772,28 @@ TEST(Errors, RunStopsInFrontOfTheNextJob) {
     EXPECT_FALSE(r.diag.hasWarnings());
 }
 
+TEST(Errors, AfterAnErrorTheRestUpToTheNextJobIsSkipped) {
+    XlWriter w;
+    w.start().raw({0x45, 0x41, 0x42, 0x43});
+    const size_t uel = w.offset();
+    w.raw("\x1b%-12345X@PJL EOJ\n");
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_EQ(r.used, uel);
+    ASSERT_EQ(r.diag.lines().size(), 1u);
+    EXPECT_NE(r.diag.lines()[0].find("unknown operator 0x45 in stream at byte"), std::string::npos);
+    // Not a PCL XL stream at all: nothing up to the next job is used.
+    XlWriter bad(true, "2;0", false);
+    bad.raw("%!PS\n");
+    const size_t uel2 = bad.offset();
+    bad.raw("\x1b%-12345X");
+    Outcome r2;
+    interpret(r2, bad.bytes);
+    EXPECT_EQ(r2.used, uel2);
+    ASSERT_EQ(r2.diag.lines().size(), 1u);
+    EXPECT_EQ(r2.diag.lines()[0], "quarvex: in.pxl: PCL XL: not a PCL XL stream header in stream header at byte 0");
+}
+
 TEST(Streams, HighByteFirstDrawsTheSame) {
     auto build = [](bool little) {
         XlWriter w(little);
