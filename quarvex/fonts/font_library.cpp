@@ -394,11 +394,10 @@ bool FontLibrary::hasGlyph(int index, char32_t unicode) const {
     return f && FT_Get_Char_Index(f->face, unicode) != 0;
 }
 
-std::optional<GlyphBitmap> FontLibrary::Impl::render(Face& f, char32_t code, const Matrix& m) {
-    FT_Face face = f.face;
-    const FT_UInt gi = FT_Get_Char_Index(face, code);
-    if (gi == 0)
-        return std::nullopt;
+namespace {
+
+// Renders glyph gi of face through m (em units, y up, to device pixels, y down), monochrome.
+GlyphBitmap renderFaceGlyph(FT_Face face, FT_UInt gi, const Matrix& m) {
     FT_Fixed advUnits = 0;
     FT_Get_Advance(face, gi, FT_LOAD_NO_SCALE, &advUnits);
     const double advEm = static_cast<double>(advUnits) / face->units_per_EM;
@@ -444,6 +443,63 @@ std::optional<GlyphBitmap> FontLibrary::Impl::render(Face& f, char32_t code, con
         std::memcpy(out.mask.bits.data() + y * out.mask.stride, src, out.mask.stride);
     }
     return out;
+}
+
+} // namespace
+
+std::optional<GlyphBitmap> FontLibrary::Impl::render(Face& f, char32_t code, const Matrix& m) {
+    const FT_UInt gi = FT_Get_Char_Index(f.face, code);
+    if (gi == 0)
+        return std::nullopt;
+    return renderFaceGlyph(f.face, gi, m);
+}
+
+struct MemoryFace::Impl {
+    FT_Library ft = nullptr;
+    FT_Face face = nullptr;
+    std::vector<uint8_t> data; // FreeType reads the face from here for as long as it lives
+    ~Impl() {
+        if (face)
+            FT_Done_Face(face);
+        if (ft)
+            FT_Done_FreeType(ft);
+    }
+};
+
+MemoryFace::MemoryFace() : d(std::make_unique<Impl>()) {}
+MemoryFace::~MemoryFace() = default;
+
+std::unique_ptr<MemoryFace> MemoryFace::open(std::vector<uint8_t> fontData) {
+    std::unique_ptr<MemoryFace> mf(new MemoryFace());
+    mf->d->data = std::move(fontData);
+    if (FT_Init_FreeType(&mf->d->ft) != 0) {
+        mf->d->ft = nullptr;
+        return nullptr;
+    }
+    if (FT_New_Memory_Face(mf->d->ft, mf->d->data.data(), static_cast<FT_Long>(mf->d->data.size()), 0,
+                           &mf->d->face) != 0) {
+        mf->d->face = nullptr;
+        return nullptr;
+    }
+    if (!FT_IS_SCALABLE(mf->d->face) || mf->d->face->units_per_EM == 0)
+        return nullptr;
+    return mf;
+}
+
+int MemoryFace::glyphCount() const { return static_cast<int>(d->face->num_glyphs); }
+
+double MemoryFace::advance(uint32_t glyphIndex) const {
+    FT_Fixed adv = 0;
+    if (glyphIndex >= static_cast<uint32_t>(d->face->num_glyphs) ||
+        FT_Get_Advance(d->face, glyphIndex, FT_LOAD_NO_SCALE, &adv) != 0)
+        return 0;
+    return static_cast<double>(adv) / d->face->units_per_EM;
+}
+
+std::optional<GlyphBitmap> MemoryFace::renderGlyph(uint32_t glyphIndex, const Matrix& fontToDevice) const {
+    if (glyphIndex >= static_cast<uint32_t>(d->face->num_glyphs))
+        return std::nullopt;
+    return renderFaceGlyph(d->face, glyphIndex, fontToDevice);
 }
 
 std::optional<GlyphBitmap> FontLibrary::renderGlyph(int index, char32_t unicode, const Matrix& m) const {

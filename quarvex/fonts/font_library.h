@@ -148,4 +148,25 @@ private:
     std::unique_ptr<Impl> d;
 };
 
+// A scalable face made from font data in memory: the TrueType fonts that jobs download. Glyphs
+// are addressed by glyph index; rendering is the same as for resident fonts.
+class MemoryFace {
+public:
+    // nullopt-like null when FreeType cannot read the data as a scalable face.
+    static std::unique_ptr<MemoryFace> open(std::vector<uint8_t> fontData);
+    ~MemoryFace();
+    MemoryFace(const MemoryFace&) = delete;
+    MemoryFace& operator=(const MemoryFace&) = delete;
+
+    int glyphCount() const;
+    // The advance in ems; 0 for a glyph index the face does not have.
+    double advance(uint32_t glyphIndex) const;
+    std::optional<GlyphBitmap> renderGlyph(uint32_t glyphIndex, const Matrix& fontToDevice) const;
+
+private:
+    MemoryFace();
+    struct Impl;
+    std::unique_ptr<Impl> d;
+};
+
 } // namespace qx

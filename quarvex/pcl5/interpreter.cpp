@@ -258,9 +258,23 @@ void Interpreter::selectFont(FontState& f) {
     if (f.softId >= 0) {
         auto it = m_softFonts.find(f.softId);
         if (it != m_softFonts.end()) {
-            const SoftFont& sf = it->second.font;
+            SoftFont& sf = it->second.font;
             const double unitsPerDot = kUnitsPerInch / sf.resolution;
             f.fixed = !sf.proportional;
+            if (sf.scalable) {
+                // Downloaded TrueType: sized by the current height; fixed pitch by the pitch.
+                f.emPt = std::clamp(f.request.height, 0.25, 999.75);
+                f.hmi = f.fixed ? kUnitsPerInch / std::clamp(f.request.pitch, 0.1, 200.0) : 0;
+                if (!f.fixed) {
+                    MemoryFace* face = sf.scalableFace();
+                    auto sp = sf.glyphIds.find(' ');
+                    if (face && sp != sf.glyphIds.end())
+                        f.hmi = face->advance(sp->second) * f.emPt * kUnitsPerPoint;
+                    if (f.hmi <= 0)
+                        f.hmi = 0.25 * f.emPt * kUnitsPerPoint;
+                }
+                return;
+            }
             f.hmi = sf.pitchDots * unitsPerDot;
             if (sf.proportional) {
                 auto sp = sf.glyphs.find(' ');
@@ -556,6 +570,29 @@ void Interpreter::defineFont(std::span<const uint8_t> data) {
 void Interpreter::defineCharacter(std::span<const uint8_t> data) {
     auto it = m_softFonts.find(m_fontId);
     std::string why;
+    if (!data.empty() && data[0] == 15) {
+        auto c = parseTrueTypeCharacter(data, &why);
+        if (!c) {
+            warnOnce("PCL 5: downloaded character skipped: " + why);
+            return;
+        }
+        if (it == m_softFonts.end() || !it->second.font.scalable)
+            return;
+        if (m_softFontBytes + c->outline.size() > kSoftFontBudget) {
+            warnOnce("PCL 5: downloaded fonts exceed the memory budget; further characters skipped");
+            return;
+        }
+        SoftFont& font = it->second.font;
+        m_softFontBytes += c->outline.size();
+        font.bytes += c->outline.size();
+        font.glyphIds[m_charCode] = c->glyphId;
+        font.outlines[c->glyphId] = std::move(c->outline);
+        font.faceDirty = true;
+        for (FontState* f : {&m_primary, &m_secondary})
+            if (f->softId == m_fontId && m_charCode == ' ')
+                fontChanged(*f);
+        return;
+    }
     auto glyph = m_assembler.add(data, &why);
     if (!why.empty())
         warnOnce("PCL 5: downloaded character skipped: " + why);
@@ -584,7 +621,37 @@ bool Interpreter::printSoftCode(FontState& f, uint32_t code) {
     auto it = m_softFonts.find(f.softId);
     if (it == m_softFonts.end())
         return false;
-    const SoftFont& sf = it->second.font;
+    SoftFont& sf = it->second.font;
+    if (sf.scalable) {
+        MemoryFace* face = sf.scalableFace();
+        auto id = sf.glyphIds.find(code);
+        const double em = f.emPt * kUnitsPerPoint;
+        double advance = m_hmi;
+        if (!f.fixed && code != ' ')
+            advance = (face && id != sf.glyphIds.end()) ? face->advance(id->second) * em : 0;
+        if (m_wrap && m_x + advance > m_rightMargin + 0.5 && m_x > m_leftMargin) {
+            carriageReturn();
+            lineFeed();
+        }
+        ensurePage();
+        if (face && id != sf.glyphIds.end() && code != ' ') {
+            const Matrix toDevice = m_dev.pageToDevice() * textToPage();
+            const Matrix fontToDevice = toDevice * Matrix::scale(em, -em);
+            if (auto g = face->renderGlyph(id->second, Matrix{fontToDevice.a, fontToDevice.b, fontToDevice.c,
+                                                               fontToDevice.d, 0, 0})) {
+                if (g->mask.width > 0 && g->mask.height > 0) {
+                    const Point pen = toDevice.apply({m_x, m_y});
+                    if (auto inv = m_dev.pageToDevice().inverted())
+                        m_dev.fillMask(g->mask,
+                                       *inv * Matrix::translate(std::round(pen.x) + g->left, std::round(pen.y) + g->top),
+                                       currentPaint(), renderState());
+                }
+            }
+        }
+        m_x = clampPos(m_x + advance);
+        m_lastAdvance = advance;
+        return true;
+    }
     const double unitsPerDot = kUnitsPerInch / sf.resolution;
     auto g = sf.glyphs.find(code);
     double advance = m_hmi;
@@ -1068,6 +1135,18 @@ void Interpreter::handleFontCommand(const Command& cmd, bool secondary) {
     }
     if (cmd.group != 's')
         return;
+    if (f.softId >= 0 && (cmd.final == 'V' || cmd.final == 'H')) {
+        // A scalable downloaded font stays selected when only its size changes.
+        auto it = m_softFonts.find(f.softId);
+        if (it != m_softFonts.end() && it->second.font.scalable) {
+            if (cmd.final == 'V' && v > 0)
+                f.request.height = std::clamp(v, 0.25, 999.75);
+            if (cmd.final == 'H' && v > 0)
+                f.request.pitch = std::clamp(v, 0.44, 999.99);
+            fontChanged(f);
+            return;
+        }
+    }
     switch (cmd.final) {
     case 'P': f.request.proportional = cmd.intValue() == 1; break;
     case 'H':

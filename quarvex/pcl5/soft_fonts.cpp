@@ -37,6 +37,26 @@ bool decodeCompressedBitmap(std::span<const uint8_t> in, Mask& m) {
 
 } // namespace
 
+namespace {
+
+uint32_t u32(std::span<const uint8_t> d, size_t at) {
+    return (static_cast<uint32_t>(d[at]) << 24) | (static_cast<uint32_t>(d[at + 1]) << 16) |
+           (static_cast<uint32_t>(d[at + 2]) << 8) | d[at + 3];
+}
+
+void put16(std::vector<uint8_t>& v, size_t at, uint32_t x) {
+    v[at] = static_cast<uint8_t>(x >> 8);
+    v[at + 1] = static_cast<uint8_t>(x);
+}
+void put32(std::vector<uint8_t>& v, size_t at, uint32_t x) {
+    v[at] = static_cast<uint8_t>(x >> 24);
+    v[at + 1] = static_cast<uint8_t>(x >> 16);
+    v[at + 2] = static_cast<uint8_t>(x >> 8);
+    v[at + 3] = static_cast<uint8_t>(x);
+}
+
+} // namespace
+
 std::optional<SoftFont> parseFontHeader(std::span<const uint8_t> d, std::string* why) {
     if (d.size() < 64) {
         if (why)
@@ -45,6 +65,38 @@ std::optional<SoftFont> parseFontHeader(std::span<const uint8_t> d, std::string*
     }
     SoftFont f;
     f.headerFormat = d[2];
+    if (f.headerFormat == 15 || f.headerFormat == 16) {
+        // TrueType: the descriptor, then segments (two-byte ID and a two-byte size for format 15,
+        // four-byte size for format 16) up to the null segment; 'GT' holds the font's tables.
+        f.scalable = true;
+        f.fontType = d[3];
+        f.proportional = d[13] != 0;
+        f.symbolSet = u16(d, 14);
+        f.style = (d[4] << 8) | d[23];
+        f.weight = static_cast<int8_t>(d[24]);
+        f.typeface = (d[26] << 8) | d[25];
+        size_t at = std::max<size_t>(u16(d, 0), 64);
+        const size_t sizeBytes = f.headerFormat == 16 ? 4 : 2;
+        while (at + 2 + sizeBytes <= d.size()) {
+            const uint16_t id = u16(d, at);
+            const size_t size = sizeBytes == 4 ? u32(d, at + 2) : u16(d, at + 2);
+            at += 2 + sizeBytes;
+            if (id == 0xFFFF)
+                break;
+            if (size > d.size() - at)
+                break;
+            if (id == (('G' << 8) | 'T'))
+                f.globalTables.assign(d.begin() + static_cast<ptrdiff_t>(at),
+                                      d.begin() + static_cast<ptrdiff_t>(at + size));
+            at += size;
+        }
+        if (f.globalTables.size() < 12) {
+            if (why)
+                *why = "TrueType font header without its global tables";
+            return std::nullopt;
+        }
+        return f;
+    }
     if (f.headerFormat != 0 && f.headerFormat != 20) {
         if (why)
             *why = "scalable downloaded fonts (format " + std::to_string(f.headerFormat) + ") not supported";
@@ -65,6 +117,117 @@ std::optional<SoftFont> parseFontHeader(std::span<const uint8_t> d, std::string*
             f.resolution = xres;
     }
     return f;
+}
+
+std::optional<TrueTypeCharacter> parseTrueTypeCharacter(std::span<const uint8_t> b, std::string* why) {
+    // Format 15, continuation, descriptor size, class 15; then the character data: its size, the
+    // glyph index and the outline.
+    if (b.size() < 4 || b[0] != 15 || b[3] != 15) {
+        if (why)
+            *why = "not a TrueType character";
+        return std::nullopt;
+    }
+    if (b[1] != 0) {
+        if (why)
+            *why = "TrueType character continuations not supported";
+        return std::nullopt;
+    }
+    const size_t start = 2 + static_cast<size_t>(b[2]);
+    if (start + 4 > b.size()) {
+        if (why)
+            *why = "TrueType character too short";
+        return std::nullopt;
+    }
+    const size_t size = u16(b, start);
+    TrueTypeCharacter c;
+    c.glyphId = u16(b, start + 2);
+    const size_t end = std::min(b.size(), start + std::max<size_t>(size, 4));
+    c.outline.assign(b.begin() + static_cast<ptrdiff_t>(start + 4), b.begin() + static_cast<ptrdiff_t>(end));
+    return c;
+}
+
+std::vector<uint8_t> buildTrueType(std::span<const uint8_t> gt, const std::map<uint16_t, std::vector<uint8_t>>& outlines) {
+    struct Table {
+        uint32_t tag;
+        std::vector<uint8_t> data;
+    };
+    std::vector<Table> tables;
+    if (gt.size() < 12)
+        return {};
+    const size_t count = u16(gt, 4);
+    for (size_t i = 0; i < count && 12 + i * 16 + 16 <= gt.size(); ++i) {
+        const size_t rec = 12 + i * 16;
+        const uint32_t tag = u32(gt, rec);
+        const size_t off = u32(gt, rec + 8), len = u32(gt, rec + 12);
+        if (off > gt.size() || len > gt.size() - off)
+            continue;
+        // The outlines come with the characters; 'gdir' is only the header's placeholder for them.
+        if (tag == 0x676C7966 /*glyf*/ || tag == 0x6C6F6361 /*loca*/ || tag == 0x67646972 /*gdir*/)
+            continue;
+        tables.push_back({tag, std::vector<uint8_t>(gt.begin() + static_cast<ptrdiff_t>(off),
+                                                    gt.begin() + static_cast<ptrdiff_t>(off + len))});
+    }
+    const uint32_t numGlyphs = outlines.empty() ? 1 : static_cast<uint32_t>(outlines.rbegin()->first) + 1;
+    std::vector<uint8_t> glyf, loca((numGlyphs + 1) * 4, 0);
+    for (uint32_t g = 0; g < numGlyphs; ++g) {
+        put32(loca, g * 4, static_cast<uint32_t>(glyf.size()));
+        auto it = outlines.find(static_cast<uint16_t>(g));
+        if (it != outlines.end()) {
+            glyf.insert(glyf.end(), it->second.begin(), it->second.end());
+            while (glyf.size() % 4)
+                glyf.push_back(0);
+        }
+    }
+    put32(loca, numGlyphs * 4, static_cast<uint32_t>(glyf.size()));
+    bool haveHead = false;
+    for (Table& t : tables) {
+        if (t.tag == 0x68656164 /*head*/ && t.data.size() >= 54) {
+            put16(t.data, 50, 1); // long offsets in 'loca'
+            haveHead = true;
+        }
+        if (t.tag == 0x6D617870 /*maxp*/ && t.data.size() >= 6 && u16(t.data, 4) < numGlyphs)
+            put16(t.data, 4, numGlyphs);
+    }
+    if (!haveHead)
+        return {};
+    tables.push_back({0x676C7966, std::move(glyf)});
+    tables.push_back({0x6C6F6361, std::move(loca)});
+    std::sort(tables.begin(), tables.end(), [](const Table& a, const Table& b) { return a.tag < b.tag; });
+
+    std::vector<uint8_t> out(12 + tables.size() * 16, 0);
+    put32(out, 0, 0x00010000);
+    put16(out, 4, static_cast<uint32_t>(tables.size()));
+    uint32_t pow2 = 1, log2 = 0;
+    while (pow2 * 2 <= tables.size()) {
+        pow2 *= 2;
+        ++log2;
+    }
+    put16(out, 6, pow2 * 16);
+    put16(out, 8, log2);
+    put16(out, 10, static_cast<uint32_t>(tables.size()) * 16 - pow2 * 16);
+    for (size_t i = 0; i < tables.size(); ++i) {
+        const size_t rec = 12 + i * 16;
+        put32(out, rec, tables[i].tag);
+        put32(out, rec + 8, static_cast<uint32_t>(out.size()));
+        put32(out, rec + 12, static_cast<uint32_t>(tables[i].data.size()));
+        out.insert(out.end(), tables[i].data.begin(), tables[i].data.end());
+        while (out.size() % 4)
+            out.push_back(0);
+    }
+    return out;
+}
+
+MemoryFace* SoftFont::scalableFace() {
+    if (!scalable)
+        return nullptr;
+    if (faceDirty) {
+        faceDirty = false;
+        face.reset();
+        std::vector<uint8_t> sfnt = buildTrueType(globalTables, outlines);
+        if (!sfnt.empty())
+            face = MemoryFace::open(std::move(sfnt));
+    }
+    return face.get();
 }
 
 std::optional<SoftGlyph> CharacterAssembler::add(std::span<const uint8_t> b, std::string* why) {

@@ -1,10 +1,12 @@
 #pragma once
 // Downloaded PCL bitmap fonts: the font header of ESC)s#W and the character data of ESC(s#W.
 
+#include "fonts/font_library.h"
 #include "render/device.h"
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <span>
 #include <vector>
@@ -32,7 +34,30 @@ struct SoftFont {
     double resolution = 300; // dots per inch of the bitmaps
     std::map<uint32_t, SoftGlyph> glyphs;
     size_t bytes = 0;        // memory the glyphs hold
+
+    // Scalable (TrueType) fonts: the tables of the font header's global data, and the glyph
+    // outlines downloaded character by character.
+    bool scalable = false;
+    std::vector<uint8_t> globalTables;              // an sfnt without glyph outlines
+    std::map<uint32_t, uint16_t> glyphIds;          // character code -> glyph index
+    std::map<uint16_t, std::vector<uint8_t>> outlines; // glyph index -> 'glyf' entry
+    std::shared_ptr<MemoryFace> face;               // built from the above when needed
+    bool faceDirty = true;
+
+    // The face for the downloaded outlines, rebuilt after new ones came; null if unusable.
+    MemoryFace* scalableFace();
 };
+
+// A TrueType character download (class 15): the glyph index and its outline.
+struct TrueTypeCharacter {
+    uint16_t glyphId = 0;
+    std::vector<uint8_t> outline;
+};
+std::optional<TrueTypeCharacter> parseTrueTypeCharacter(std::span<const uint8_t> data, std::string* why = nullptr);
+
+// Builds a TrueType file from global tables and outlines (exposed for tests).
+std::vector<uint8_t> buildTrueType(std::span<const uint8_t> globalTables,
+                                   const std::map<uint16_t, std::vector<uint8_t>>& outlines);
 
 // Reads a font header. nullopt for a header too short or of a format this engine does not
 // take (scalable formats); `why` says what was wrong.

@@ -205,3 +205,23 @@ TEST(Pcl5RealFiles, LaserjetUnencodedRows) {
     EXPECT_EQ(b.x0, 83 + 60);
     EXPECT_EQ(b.y0, 216 - 75);
 }
+
+// A downloaded TrueType font (made by tools/make_truetype_job.py from Liberation Sans): "HELLO"
+// at 24 point (100 pixels to the em) on the first baseline (187.5 pixels) from the logical
+// page's left edge (75 pixels); H's left bearing is about 8 pixels, the capitals stand about
+// 69 pixels high and the word is about 3.28 em wide.
+TEST(Pcl5RealFiles, DownloadedTrueTypeFont) {
+    Rendered r = render("truetype-softfont.pcl");
+    ASSERT_EQ(r.pages.size(), 1u);
+    EXPECT_FALSE(r.warnings) << (r.messages.empty() ? "" : r.messages[0]);
+    const InkBox b = inkBox(r.pages[0]);
+    EXPECT_GE(b.x0, 80);
+    EXPECT_LE(b.x0, 86);
+    EXPECT_GE(b.y0, 114);
+    EXPECT_LE(b.y0, 121);
+    EXPECT_GE(b.y1, 186);
+    EXPECT_LE(b.y1, 190);
+    EXPECT_GE(b.x1, 390);
+    EXPECT_LE(b.x1, 405);
+    EXPECT_GT(b.count, 3000);
+}
