@@ -117,15 +117,23 @@ bool addCharacter(DownloadedFont& font, uint16_t code, const uint8_t* d, size_t 
         return false;
     }
     size_t pos = 4;
-    if (cls >= 1)
-        pos += 4; // left side bearing, advance width
+    DownloadedFont::TrueTypeChar c;
+    if (cls >= 1) {
+        if (size < 8) {
+            error = "TrueType character shorter than its descriptor";
+            return false;
+        }
+        c.hasMetrics = true;
+        c.leftSideBearing = int16_t(be16(d + 4));
+        c.advanceWidth = be16(d + 6);
+        pos += 4;
+    }
     if (cls == 2)
         pos += 2; // top side bearing
     if (pos + 2 > size) {
         error = "TrueType character shorter than its descriptor";
         return false;
     }
-    DownloadedFont::TrueTypeChar c;
     c.glyphId = be16(d + pos);
     c.glyf.assign(d + pos + 2, d + size);
     font.ttChars[code] = std::move(c);

@@ -34,6 +34,9 @@ struct DownloadedFont {
     struct TrueTypeChar {
         uint16_t glyphId = 0;
         std::vector<uint8_t> glyf;
+        bool hasMetrics = false; // class 1 and 2 characters carry their horizontal metrics
+        int16_t leftSideBearing = 0;
+        uint16_t advanceWidth = 0;
     };
     std::map<uint16_t, TrueTypeChar> ttChars;
     std::shared_ptr<TrueTypeRenderer> renderer; // rebuilt when characters were added

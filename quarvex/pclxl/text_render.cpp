@@ -148,16 +148,21 @@ public:
             put32(hhea, 0, 0x00010000);
             put16(hhea, 4, uint16_t(unitsPerEm * 8 / 10));
             put16(hhea, 6, uint16_t(-int(unitsPerEm) * 2 / 10));
-            put16(hhea, 34, 1);
             tables["hhea"] = hhea;
-            std::vector<uint8_t> hmtx(4, 0);
-            put16(hmtx, 0, uint16_t(unitsPerEm / 2));
-            tables["hmtx"] = hmtx;
-        } else if (!tables.count("hmtx")) {
-            put16(tables["hhea"], 34, 1);
-            std::vector<uint8_t> hmtx(4, 0);
-            put16(hmtx, 0, uint16_t(unitsPerEm / 2));
-            tables["hmtx"] = hmtx;
+            tables.erase("hmtx");
+        }
+        if (!tables.count("hmtx")) {
+            // Horizontal metrics from the characters that carry them, half an em for the rest.
+            std::vector<uint8_t> hmtx(size_t(numGlyphs) * 4, 0);
+            for (uint32_t g = 0; g < numGlyphs; ++g)
+                put16(hmtx, size_t(g) * 4, uint16_t(unitsPerEm / 2));
+            for (const auto& [code, c] : font.ttChars)
+                if (c.hasMetrics && c.glyphId < numGlyphs) {
+                    put16(hmtx, size_t(c.glyphId) * 4, c.advanceWidth);
+                    put16(hmtx, size_t(c.glyphId) * 4 + 2, uint16_t(c.leftSideBearing));
+                }
+            put16(tables["hhea"], 34, uint16_t(numGlyphs));
+            tables["hmtx"] = std::move(hmtx);
         }
         // Assemble the sfnt.
         const uint16_t n = uint16_t(tables.size());

@@ -54,8 +54,10 @@ struct SourceFont {
 
     // The global TrueType data a driver sends: a table directory of its own with the tables
     // the printer needs, glyph outlines left out.
-    std::vector<uint8_t> globalData() const {
-        const std::vector<std::string> wanted = {"cvt ", "fpgm", "head", "hhea", "hmtx", "maxp", "prep"};
+    std::vector<uint8_t> globalData(bool withMetrics) const {
+        std::vector<std::string> wanted = {"cvt ", "fpgm", "head", "hhea", "hmtx", "maxp", "prep"};
+        if (!withMetrics)
+            wanted = {"cvt ", "fpgm", "head", "maxp", "prep"};
         std::vector<std::string> present;
         for (const std::string& t : wanted)
             if (tables.count(t))
@@ -80,6 +82,16 @@ struct SourceFont {
         }
         out.insert(out.end(), body.begin(), body.end());
         return out;
+    }
+
+    // Advance width and left side bearing of a glyph.
+    std::pair<uint16_t, int16_t> metrics(uint16_t id) const {
+        const uint16_t count = be16(file, tables.at("hhea").first + 34);
+        const uint32_t hmtx = tables.at("hmtx").first;
+        const uint16_t advance = be16(file, hmtx + size_t(std::min<uint16_t>(id, uint16_t(count - 1))) * 4);
+        const int16_t lsb = int16_t(id < count ? be16(file, hmtx + size_t(id) * 4 + 2)
+                                               : be16(file, hmtx + size_t(count) * 4 + size_t(id - count) * 2));
+        return {advance, lsb};
     }
 
     std::vector<uint8_t> glyph(uint16_t id) const {
@@ -112,11 +124,16 @@ uint16_t glyphIndex(char32_t c) {
     return id;
 }
 
-TEST(TrueType, DownloadedGlyphsAreDrawnWithTheirAdvances) {
+// Class 0 characters rely on the metrics tables of the header; class 1 characters bring their
+// own metrics to a header without them.
+class TrueType : public ::testing::TestWithParam<int> {};
+
+TEST_P(TrueType, DownloadedGlyphsAreDrawnWithTheirAdvances) {
+    const int charClass = GetParam();
     SourceFont src;
     ASSERT_TRUE(src.load()) << kFontFile << " is missing";
     std::vector<uint8_t> header = {0, 0, 0x02, 0x75, 1, 0, 0, 2};
-    const std::vector<uint8_t> gt = src.globalData();
+    const std::vector<uint8_t> gt = src.globalData(charClass == 0);
     header.push_back('G');
     header.push_back('T');
     put32(header, uint32_t(gt.size()));
@@ -137,8 +154,13 @@ TEST(TrueType, DownloadedGlyphsAreDrawnWithTheirAdvances) {
         const uint16_t id = glyphIndex(char32_t(c));
         ASSERT_NE(id, 0);
         const std::vector<uint8_t> g = src.glyph(id);
-        std::vector<uint8_t> ch = {1, 0};
-        put16(ch, uint16_t(g.size() + 2));
+        std::vector<uint8_t> ch = {1, uint8_t(charClass)};
+        put16(ch, uint16_t(g.size() + (charClass == 1 ? 6 : 2)));
+        if (charClass == 1) {
+            const auto [advance, lsb] = src.metrics(id);
+            put16(ch, uint16_t(lsb));
+            put16(ch, advance);
+        }
         put16(ch, id);
         ch.insert(ch.end(), g.begin(), g.end());
         w.u16(uint16_t(c)).a(attr::CharCode).u16(uint16_t(ch.size())).a(attr::CharDataSize).op(op::ReadChar).data(ch);
@@ -177,6 +199,9 @@ TEST(TrueType, DownloadedGlyphsAreDrawnWithTheirAdvances) {
     // The glyph stands on the baseline at y = 144 pt: its top is about 0.69 em above.
     EXPECT_NEAR(y0, 144 - 0.69 * 28.8, 1.0);
 }
+
+INSTANTIATE_TEST_SUITE_P(Download, TrueType, ::testing::Values(0, 1),
+                         [](const auto& info) { return "Class" + std::to_string(info.param); });
 
 } // namespace
 } // namespace qx::pclxl
