@@ -148,21 +148,6 @@ int convert(const Options& options) {
         return kNothingWritten;
     }
 
-    tiff::OutputFile out;
-    if (!out.create(output)) {
-        diag.error("cannot write " + output + ": " + out.error());
-        return kNothingWritten;
-    }
-    tiff::TiffOptions tiffOptions;
-    tiffOptions.compression = static_cast<tiff::Compression>(options.compression);
-    tiffOptions.fax = options.fax;
-    tiffOptions.software = std::string("quarvex ") + QX_VERSION;
-    tiff::TiffWriter writer(tiffOptions);
-    if (!writer.open(out.fd(), output)) {
-        diag.error("cannot write " + output + ": " + writer.error());
-        return kNothingWritten;
-    }
-
     RasterOptions raster;
     raster.depth = options.depth;
     raster.dpiX = options.dpiX;
@@ -178,41 +163,83 @@ int convert(const Options& options) {
     const FontLibrary* fonts = nullptr;
 #endif
 
-    input::JobLoopResult result;
-    bool sinkFailed = false;
-    {
-        RasterDevice device(raster, writer);
-        input::JobLoop loop(device, diag, fonts);
-        result = loop.run(in.data(), in.size());
-        sinkFailed = device.sinkFailed();
-    }
+    tiff::TiffOptions tiffOptions;
+    tiffOptions.compression = static_cast<tiff::Compression>(options.compression);
+    tiffOptions.fax = options.fax;
+    tiffOptions.software = std::string("quarvex ") + QX_VERSION;
 
-    if (sinkFailed || !writer.error().empty()) {
-        diag.error("cannot write " + output + ": " +
-                   (writer.error().empty() ? std::string("not enough memory for a page of this size") : writer.error()));
-        return kNothingWritten;
+    // A classic TIFF file ends at 4 GB. Files that outgrow it are made again as BigTIFF,
+    // which fewer programs read, so it is used only when it has to be.
+    std::unique_ptr<Diagnostics> rerunDiag;
+    Diagnostics* d = &diag;
+    auto showNewMessages = [&] {
+        if (d == &diag)
+            return;
+        const auto& first = diag.lines();
+        const auto& again = d->lines();
+        for (size_t i = first.size(); i < again.size(); ++i)
+            std::fprintf(stderr, "%s\n", again[i].c_str());
+    };
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        tiffOptions.bigTiff = attempt == 1;
+        tiff::OutputFile out;
+        if (!out.create(output)) {
+            d->error("cannot write " + output + ": " + out.error());
+            break;
+        }
+        tiff::TiffWriter writer(tiffOptions);
+        if (!writer.open(out.fd(), output)) {
+            d->error("cannot write " + output + ": " + writer.error());
+            break;
+        }
+
+        input::JobLoopResult result;
+        bool sinkFailed = false;
+        {
+            RasterDevice device(raster, writer);
+            input::JobLoop loop(device, *d, fonts);
+            result = loop.run(in.data(), in.size());
+            sinkFailed = device.sinkFailed();
+        }
+        bool finished = false;
+        if (!sinkFailed && writer.error().empty() && writer.pageCount() > 0)
+            finished = writer.finish();
+
+        if (writer.tooLargeForClassicTiff() && attempt == 0) {
+            // The second run says again what the first said; only what is new is shown.
+            rerunDiag = std::make_unique<Diagnostics>(options.input, false);
+            d = rerunDiag.get();
+            continue;
+        }
+        if (sinkFailed || !writer.error().empty()) {
+            d->error("cannot write " + output + ": " +
+                     (writer.error().empty() ? std::string("not enough memory for a page of this size")
+                                             : writer.error()));
+            break;
+        }
+        if (writer.pageCount() == 0) {
+            if (result.skippedJobs > 0)
+                d->error(refusal(result.firstSkippedWhat));
+            else
+                d->error("no page: the input prints nothing");
+            break;
+        }
+        if (result.skippedJobs > 0) {
+            d->warning("skipped " + std::to_string(result.skippedJobs) +
+                       " job(s) that are not PCL 5 or PCL XL (the first looks like " + result.firstSkippedWhat + ")");
+        }
+        if (finished && !out.commit()) {
+            d->error("cannot write " + output + ": " + out.error());
+            finished = false;
+        }
+        if (!finished)
+            break;
+        showNewMessages();
+        // Errors that an interpreter got past (a job it gave up) still leave the pages it made.
+        return (warned || d->hasWarnings() || d->hasErrors()) ? kWrittenWithWarnings : kConverted;
     }
-    if (writer.pageCount() == 0) {
-        if (result.skippedJobs > 0)
-            diag.error(refusal(result.firstSkippedWhat));
-        else
-            diag.error("no page: the input prints nothing");
-        return kNothingWritten;
-    }
-    if (result.skippedJobs > 0) {
-        diag.warning("skipped " + std::to_string(result.skippedJobs) + " job(s) that are not PCL 5 or PCL XL (the first looks like " +
-                     result.firstSkippedWhat + ")");
-    }
-    if (!writer.finish()) {
-        diag.error("cannot write " + output + ": " + writer.error());
-        return kNothingWritten;
-    }
-    if (!out.commit()) {
-        diag.error("cannot write " + output + ": " + out.error());
-        return kNothingWritten;
-    }
-    // Errors that an interpreter got past (a job it gave up) still leave the pages it made.
-    return (warned || diag.hasWarnings() || diag.hasErrors()) ? kWrittenWithWarnings : kConverted;
+    showNewMessages();
+    return kNothingWritten;
 }
 
 int runCommandLine(const std::vector<std::string>& args) {

@@ -78,6 +78,8 @@ TiffWriter::~TiffWriter() {
 
 bool TiffWriter::fail(const std::string& message) {
     m_failed = true;
+    if (message.find("Maximum TIFF file size exceeded") != std::string::npos)
+        m_tooLarge = true;
     if (m_error.empty())
         m_error = message;
     return false;
@@ -90,7 +92,7 @@ bool TiffWriter::open(const std::string& path) {
     TIFFOpenOptions* opts = TIFFOpenOptionsAlloc();
     TIFFOpenOptionsSetErrorHandlerExtR(opts, libtiffErrorHandler, &m_error);
     TIFFOpenOptionsSetWarningHandlerExtR(opts, libtiffWarningHandler, nullptr);
-    m_tif = TIFFOpenExt(path.c_str(), "w", opts);
+    m_tif = TIFFOpenExt(path.c_str(), m_options.bigTiff ? "w8" : "w", opts);
     TIFFOpenOptionsFree(opts);
     if (!m_tif)
         return fail(m_error.empty() ? "cannot create the TIFF file" : m_error);
@@ -109,7 +111,7 @@ bool TiffWriter::open(int fd, const std::string& name) {
     TIFFOpenOptions* opts = TIFFOpenOptionsAlloc();
     TIFFOpenOptionsSetErrorHandlerExtR(opts, libtiffErrorHandler, &m_error);
     TIFFOpenOptionsSetWarningHandlerExtR(opts, libtiffWarningHandler, nullptr);
-    m_tif = TIFFFdOpenExt(own, name.c_str(), "w", opts);
+    m_tif = TIFFFdOpenExt(own, name.c_str(), m_options.bigTiff ? "w8" : "w", opts);
     TIFFOpenOptionsFree(opts);
     if (!m_tif) {
         ::close(own);
@@ -271,12 +273,11 @@ bool TiffWriter::patchPageTotals() {
         return fail("cannot read back the TIFF file");
     }
     const bool little = header[0] == 'I';
-    auto u16 = [little](const uint8_t* p) -> uint16_t {
-        return little ? static_cast<uint16_t>(p[0] | (p[1] << 8)) : static_cast<uint16_t>((p[0] << 8) | p[1]);
-    };
-    auto u32 = [little](const uint8_t* p) -> uint32_t {
-        return little ? (uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24)
-                      : (uint32_t(p[3]) | uint32_t(p[2]) << 8 | uint32_t(p[1]) << 16 | uint32_t(p[0]) << 24);
+    auto get = [little](const uint8_t* p, int bytes) -> uint64_t {
+        uint64_t v = 0;
+        for (int i = 0; i < bytes; ++i)
+            v |= uint64_t(p[little ? i : bytes - 1 - i]) << (8 * i);
+        return v;
     };
     const uint16_t total = static_cast<uint16_t>(m_pages);
     uint8_t totalBytes[2];
@@ -288,29 +289,45 @@ bool TiffWriter::patchPageTotals() {
         totalBytes[1] = static_cast<uint8_t>(total & 0xff);
     }
 
-    uint32_t ifd = u32(header + 4);
+    // Classic TIFF: 2-byte entry count, 12-byte entries (count field 4 bytes), 4-byte links.
+    // BigTIFF: 8-byte entry count, 20-byte entries (count field 8 bytes), 8-byte links.
+    const bool big = get(header + 2, 2) == 43;
+    const int countSize = big ? 8 : 2, entrySize = big ? 20 : 12, fieldSize = big ? 8 : 4;
+    uint64_t ifd = 0;
+    if (big) {
+        uint8_t first[8];
+        ok = readAll(fd, 8, first, 8);
+        ifd = ok ? get(first, 8) : 0;
+    } else {
+        ifd = get(header + 4, 4);
+    }
     int seen = 0;
     while (ok && ifd != 0 && seen <= m_pages) {
-        uint8_t countBytes[2];
-        if (!readAll(fd, ifd, countBytes, 2)) {
+        uint8_t countBytes[8];
+        if (!readAll(fd, ifd, countBytes, countSize)) {
             ok = false;
             break;
         }
-        const uint16_t count = u16(countBytes);
-        std::vector<uint8_t> entries(static_cast<size_t>(count) * 12 + 4);
-        if (!readAll(fd, uint64_t(ifd) + 2, entries.data(), entries.size())) {
+        const uint64_t count = get(countBytes, countSize);
+        if (count > 4096) {
             ok = false;
             break;
         }
-        for (uint16_t i = 0; i < count; ++i) {
-            const uint8_t* e = entries.data() + size_t(i) * 12;
-            if (u16(e) == TIFFTAG_PAGENUMBER && u16(e + 2) == TIFF_SHORT && u32(e + 4) == 2) {
-                const uint64_t at = uint64_t(ifd) + 2 + size_t(i) * 12 + 8 + 2;
+        std::vector<uint8_t> entries(static_cast<size_t>(count) * entrySize + fieldSize);
+        if (!readAll(fd, ifd + countSize, entries.data(), entries.size())) {
+            ok = false;
+            break;
+        }
+        for (uint64_t i = 0; i < count; ++i) {
+            const uint8_t* e = entries.data() + size_t(i) * entrySize;
+            if (get(e, 2) == TIFFTAG_PAGENUMBER && get(e + 2, 2) == TIFF_SHORT && get(e + 4, fieldSize) == 2) {
+                // The two shorts sit at the start of the value field; the total is the second.
+                const uint64_t at = ifd + countSize + i * entrySize + 4 + fieldSize + 2;
                 ok = writeAll(fd, at, totalBytes, 2);
                 break;
             }
         }
-        ifd = u32(entries.data() + size_t(count) * 12);
+        ifd = get(entries.data() + size_t(count) * entrySize, fieldSize);
         ++seen;
     }
     if (ok && seen != m_pages)

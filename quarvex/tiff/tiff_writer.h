@@ -31,6 +31,7 @@ struct TiffOptions {
     Compression compression = Compression::Deflate;
     int fax = -1;           // -1 = ordinary TIFF; 0 = Class F 204x98; 1 = Class F 204x196
     std::string software;   // the Software tag, e.g. "quarvex 2.0.0"
+    bool bigTiff = false;   // BigTIFF (64-bit offsets) for files beyond 4 GB
 };
 
 class TiffWriter : public PageSink {
@@ -50,6 +51,8 @@ public:
     bool finish();
 
     int pageCount() const { return m_pages; }
+    // True when writing failed because the file outgrew the 4 GB of a classic TIFF file.
+    bool tooLargeForClassicTiff() const { return m_tooLarge; }
     const std::string& error() const { return m_error; }
 
 private:
@@ -62,6 +65,7 @@ private:
     int m_fd = -1; // the caller's file, when written through a descriptor
     int m_pages = 0;
     bool m_failed = false;
+    bool m_tooLarge = false;
     std::string m_error;
 };
 

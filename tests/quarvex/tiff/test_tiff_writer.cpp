@@ -380,3 +380,35 @@ TEST(TiffWriter, WritesThroughADescriptorThatStaysOpen) {
     EXPECT_EQ(total, 2);
     TIFFClose(t);
 }
+
+TEST(TiffWriter, BigTiffPagesAndTotals) {
+    const fs::path dir = tempDir();
+    for (int comp : {0, 3, 6, 7}) {
+        const auto format = comp == 7 ? RasterPage::Format::Bilevel : RasterPage::Format::Rgb24;
+        TiffOptions opt;
+        opt.compression = static_cast<Compression>(comp);
+        opt.software = "quarvex 1.0";
+        opt.bigTiff = true;
+        std::vector<RasterPage> pages = {makePage(format, 70, 30, 1), makePage(format, 80, 20, 2),
+                                         makePage(format, 90, 10, 3)};
+        const fs::path path = dir / "big.tif";
+        ASSERT_TRUE(write(path, opt, pages));
+        TIFF* t = TIFFOpen(path.string().c_str(), "r");
+        ASSERT_NE(t, nullptr);
+        EXPECT_TRUE(TIFFIsBigTIFF(t));
+        ASSERT_EQ(TIFFNumberOfDirectories(t), 3);
+        for (int n = 0; n < 3; ++n) {
+            ASSERT_EQ(TIFFSetDirectory(t, static_cast<tdir_t>(n)), 1);
+            uint16_t pageNo = 0, total = 0;
+            TIFFGetField(t, TIFFTAG_PAGENUMBER, &pageNo, &total);
+            EXPECT_EQ(pageNo, n);
+            EXPECT_EQ(total, 3);
+            std::vector<uint8_t> line(TIFFScanlineSize(t));
+            for (int y = 0; y < pages[n].height; ++y) {
+                ASSERT_EQ(TIFFReadScanline(t, line.data(), static_cast<uint32_t>(y), 0), 1);
+                ASSERT_EQ(0, std::memcmp(line.data(), pages[n].row(y), rowBytes(pages[n])));
+            }
+        }
+        TIFFClose(t);
+    }
+}
