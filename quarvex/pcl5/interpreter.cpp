@@ -266,8 +266,8 @@ void Interpreter::selectFont(FontState& f) {
                 f.emPt = std::clamp(f.request.height, 0.25, 999.75);
                 f.hmi = f.fixed ? kUnitsPerInch / std::clamp(f.request.pitch, 0.1, 200.0) : 0;
                 if (!f.fixed) {
-                    MemoryFace* face = sf.scalableFace();
                     auto sp = sf.glyphIds.find(' ');
+                    MemoryFace* face = sp != sf.glyphIds.end() ? sf.scalableFace(sp->second) : nullptr;
                     if (face && sp != sf.glyphIds.end())
                         f.hmi = face->advance(sp->second) * f.emPt * kUnitsPerPoint;
                     if (f.hmi <= 0)
@@ -583,8 +583,14 @@ void Interpreter::defineCharacter(std::span<const uint8_t> data) {
             return;
         }
         SoftFont& font = it->second.font;
+        if (auto old = font.outlines.find(c->glyphId); old != font.outlines.end()) {
+            font.outlineBytes -= std::min(font.outlineBytes, old->second.size());
+            if (c->glyphId < font.builtGlyphs.size())
+                font.builtGlyphs[c->glyphId] = false; // a new outline for it: build again
+        }
         m_softFontBytes += c->outline.size();
         font.bytes += c->outline.size();
+        font.outlineBytes += c->outline.size();
         font.glyphIds[m_charCode] = c->glyphId;
         font.outlines[c->glyphId] = std::move(c->outline);
         font.faceDirty = true;
@@ -623,8 +629,8 @@ bool Interpreter::printSoftCode(FontState& f, uint32_t code) {
         return false;
     SoftFont& sf = it->second.font;
     if (sf.scalable) {
-        MemoryFace* face = sf.scalableFace();
         auto id = sf.glyphIds.find(code);
+        MemoryFace* face = id != sf.glyphIds.end() ? sf.scalableFace(id->second) : nullptr;
         const double em = f.emPt * kUnitsPerPoint;
         double advance = m_hmi;
         if (!f.fixed && code != ' ')

@@ -217,15 +217,28 @@ std::vector<uint8_t> buildTrueType(std::span<const uint8_t> gt, const std::map<u
     return out;
 }
 
-MemoryFace* SoftFont::scalableFace() {
+MemoryFace* SoftFont::scalableFace(uint16_t glyphId) {
     if (!scalable)
         return nullptr;
-    if (faceDirty) {
+    const bool built = glyphId < builtGlyphs.size() && builtGlyphs[glyphId];
+    if (faceDirty && !built) {
+        // Past a generous allowance, a new build waits until the outlines have grown by half.
+        constexpr size_t kFreeRebuildBytes = 256u * 1024 * 1024;
+        if (rebuildBytes > kFreeRebuildBytes && outlineBytes < builtBytes + builtBytes / 2)
+            return face.get();
         faceDirty = false;
         face.reset();
+        builtGlyphs.clear();
         std::vector<uint8_t> sfnt = buildTrueType(globalTables, outlines);
+        rebuildBytes += sfnt.size();
+        builtBytes = outlineBytes;
         if (!sfnt.empty())
             face = MemoryFace::open(std::move(sfnt));
+        if (face) {
+            builtGlyphs.assign(outlines.empty() ? 0 : outlines.rbegin()->first + 1u, false);
+            for (const auto& o : outlines)
+                builtGlyphs[o.first] = true;
+        }
     }
     return face.get();
 }

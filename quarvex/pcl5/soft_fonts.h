@@ -43,9 +43,15 @@ struct SoftFont {
     std::map<uint16_t, std::vector<uint8_t>> outlines; // glyph index -> 'glyf' entry
     std::shared_ptr<MemoryFace> face;               // built from the above when needed
     bool faceDirty = true;
+    std::vector<bool> builtGlyphs;                  // the outlines the face was built with
+    size_t outlineBytes = 0;                        // bytes of all outlines now
+    size_t builtBytes = 0;                          // ... when the face was last built
+    size_t rebuildBytes = 0;                        // bytes copied by all builds so far
 
-    // The face for the downloaded outlines, rebuilt after new ones came; null if unusable.
-    MemoryFace* scalableFace();
+    // The face for the downloaded outlines that holds glyph `glyphId`, rebuilt when new outlines
+    // came since; null if unusable. Builds are rationed so that a job that downloads and prints
+    // one character at a time cannot make them cost more than a constant times its own size.
+    MemoryFace* scalableFace(uint16_t glyphId);
 };
 
 // A TrueType character download (class 15): the glyph index and its outline.
