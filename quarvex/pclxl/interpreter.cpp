@@ -353,7 +353,7 @@ void Interpreter::execute(const Operator& op, int depth) {
             const Point u = xy(*units);
             if (u.x <= 0 || u.y <= 0)
                 failOp("UnitsPerMeasure must be positive");
-            s = {m_unitsX * inch / u.x, m_unitsY * inch / u.y};
+            s = {m_unitsX / (u.x * inch), m_unitsY / (u.y * inch)};
         } else {
             failOp("missing attribute PageScale");
         }

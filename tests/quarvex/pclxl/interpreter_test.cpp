@@ -152,6 +152,20 @@ TEST(Pages, PjlPaperAndOrientationFillInWhatBeginPageLeavesOut) {
                                         "beginPage 792x612 dpi=300x300"}));
 }
 
+TEST(Pages, PageScaleByUnitsOfMeasure) {
+    XlWriter w;
+    w.beginSession(72).openData().beginPage();
+    w.ub(0).a(attr::NullPen).op(op::SetPenSource);
+    // From points to tenths of a millimetre: 254 units are one inch.
+    w.ub(eTenthsOfAMillimeter).a(attr::Measure).u16Xy(1, 1).a(attr::UnitsPerMeasure).op(op::SetPageScale);
+    w.u16Box(0, 0, 254, 127).a(attr::BoundingBox).op(op::Rectangle);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    EXPECT_EQ(r.dev.matching("fill")[0], "fill nz #000000 rop=252 srcO patO M0,0 L72,0 L72,36 L0,36 Z");
+}
+
 TEST(Pages, EndSessionEjectsAnOpenPage) {
     XlWriter w;
     w.start().u16Box(0, 0, 10, 10).a(attr::BoundingBox).op(op::Rectangle).endSession();
