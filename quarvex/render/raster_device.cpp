@@ -745,64 +745,122 @@ struct RasterDevice::Impl {
         return lines;
     }
 
+    // The "on" pieces of a dash pattern along page-space polylines; the pattern starts afresh on
+    // every subpath. Stretches outside `keep` (page space) only advance the pattern, by
+    // arithmetic, so that a far-away stretch of path costs nothing however fine the dashes.
+    struct Box {
+        double x0, y0, x1, y1;
+    };
     static std::vector<std::vector<Point>> dash(const std::vector<std::vector<Point>>& lines,
-                                                const std::vector<double>& pattern, double offset) {
+                                                const std::vector<double>& pattern, double offset,
+                                                const Box& keep) {
         std::vector<std::vector<Point>> out;
+        const size_t n = pattern.size();
         double total = 0;
         for (double v : pattern)
             total += v;
+        // After this much path the pattern is back where it was, on and off included.
+        const double period = n % 2 ? 2 * total : total;
         if (!std::isfinite(offset))
             offset = 0;
-        for (const auto& line : lines) {
-            size_t idx = 0;
-            double left = pattern[0];
-            bool on = true;
-            double off = std::fmod(offset, total);
-            if (off < 0)
-                off += total;
-            while (off > 0) {
-                if (off >= left) {
-                    off -= left;
-                    idx = (idx + 1) % pattern.size();
-                    left = pattern[idx];
-                    on = !on;
-                } else {
-                    left -= off;
-                    off = 0;
+
+        size_t idx = 0;
+        double left = 0;
+        bool on = true, open = false;
+        auto next = [&] {
+            idx = (idx + 1) % n;
+            left = pattern[idx];
+            on = !on;
+            open = false;
+        };
+        auto advance = [&](double len) {
+            open = false;
+            if (len < left) {
+                left -= len;
+                return;
+            }
+            len -= left;
+            next();
+            len = std::fmod(len, period);
+            while (len >= left && len > 0) {
+                len -= left;
+                next();
+            }
+            left -= len;
+        };
+        auto walk = [&](Point a, Point b) {
+            if (on && !open) {
+                out.push_back({a});
+                open = true;
+            }
+            double seg = std::hypot(b.x - a.x, b.y - a.y);
+            while (seg > left) {
+                const double t = left / seg;
+                const Point m{a.x + (b.x - a.x) * t, a.y + (b.y - a.y) * t};
+                if (on)
+                    out.back().push_back(m);
+                seg -= left;
+                a = m;
+                next();
+                if (on) {
+                    out.push_back({m});
+                    open = true;
                 }
             }
+            left -= seg;
             if (on)
-                out.push_back({line[0]});
+                out.back().push_back(b);
+        };
+
+        for (const auto& line : lines) {
+            idx = 0;
+            left = pattern[0];
+            on = true;
+            double off = std::fmod(offset, period);
+            if (off < 0)
+                off += period;
+            advance(off);
             for (size_t i = 1; i < line.size(); ++i) {
-                Point a = line[i - 1];
-                const Point b = line[i];
-                double seg = std::hypot(b.x - a.x, b.y - a.y);
-                while (seg > left) {
-                    const double t = left / seg;
-                    const Point m{a.x + (b.x - a.x) * t, a.y + (b.y - a.y) * t};
-                    if (on)
-                        out.back().push_back(m);
-                    on = !on;
-                    if (on)
-                        out.push_back({m});
-                    seg -= left;
-                    a = m;
-                    idx = (idx + 1) % pattern.size();
-                    left = pattern[idx];
-                    if (out.size() > 1000000)
-                        return out;
+                const Point a = line[i - 1], b = line[i];
+                const double len = std::hypot(b.x - a.x, b.y - a.y);
+                // The part of a..b inside keep, as parameters t0..t1.
+                double t0 = 0, t1 = 1;
+                auto clipAxis = [&](double p, double d, double lo, double hi) {
+                    if (d == 0) {
+                        if (p < lo || p > hi)
+                            t1 = -1;
+                        return;
+                    }
+                    double ta = (lo - p) / d, tb = (hi - p) / d;
+                    if (ta > tb)
+                        std::swap(ta, tb);
+                    t0 = std::max(t0, ta);
+                    t1 = std::min(t1, tb);
+                };
+                clipAxis(a.x, b.x - a.x, keep.x0, keep.x1);
+                clipAxis(a.y, b.y - a.y, keep.y0, keep.y1);
+                if (!(t1 > t0)) {
+                    advance(len);
+                    continue;
                 }
-                left -= seg;
-                if (on)
-                    out.back().push_back(b);
+                const Point pa{a.x + (b.x - a.x) * t0, a.y + (b.y - a.y) * t0};
+                const Point pb{a.x + (b.x - a.x) * t1, a.y + (b.y - a.y) * t1};
+                if (t0 > 0)
+                    advance(len * t0);
+                walk(pa, pb);
+                if (t1 < 1)
+                    advance(len * (1 - t1));
             }
         }
         return out;
     }
 
-    // Marks the pixels of a one-pixel line from a to b (device space) inside the band: one
-    // pixel a column for flat lines, one a row for steep ones, each found from the line's
-    // equation alone so that every band agrees with its neighbours.
+    // Marks the pixels of a one-pixel line from a to b (device space) inside the band. A flat
+    // line takes one pixel in each column whose centre lies in [a.x, b.x), a steep one one pixel
+    // in each row likewise, so a line L pixels long covers L pixels, dashes come out at their
+    // length and the segments of a polyline meet without overlapping. A segment too short to
+    // reach any centre still marks the pixel at its middle, so dots never vanish. Every pixel
+    // is found from the line's equation alone, so neighbouring bands agree.
     static void plotSegment(uint8_t* data, int bstride, int bx0, int by0, int w, int h, Point a,
                             Point b) {
         auto set = [&](int64_t px, int64_t py) {
@@ -813,15 +871,21 @@ struct RasterDevice::Impl {
             std::min(a.x, b.x) >= bx0 + w + 1 || std::max(a.x, b.x) < bx0 - 1)
             return;
         const double dx = b.x - a.x, dy = b.y - a.y;
-        if (dx == 0 && dy == 0) {
-            set(floorToInt64(a.x), floorToInt64(a.y));
+        const bool flat = std::fabs(dx) >= std::fabs(dy);
+        // The centres along the major axis that the segment reaches.
+        const double lo = flat ? std::min(a.x, b.x) : std::min(a.y, b.y);
+        const double hi = flat ? std::max(a.x, b.x) : std::max(a.y, b.y);
+        const int64_t first = int64_t(std::ceil(std::clamp(lo - 0.5, -1e15, 1e15)));
+        const int64_t last = int64_t(std::ceil(std::clamp(hi - 0.5, -1e15, 1e15))) - 1;
+        if (first > last) {
+            set(floorToInt64((a.x + b.x) / 2), floorToInt64((a.y + b.y) / 2));
             return;
         }
-        if (std::fabs(dx) >= std::fabs(dy)) {
+        if (flat) {
             if (a.x > b.x)
                 std::swap(a, b);
-            int64_t c0 = std::max<int64_t>(floorToInt64(a.x), bx0);
-            int64_t c1 = std::min<int64_t>(floorToInt64(b.x), bx0 + w - 1);
+            int64_t c0 = std::max<int64_t>(first, bx0);
+            int64_t c1 = std::min<int64_t>(last, bx0 + w - 1);
             const double slope = (b.y - a.y) / (b.x - a.x);
             if (slope != 0) { // only the columns whose pixel can fall into the band
                 double xa = a.x + (by0 - 1 - a.y) / slope, xb = a.x + (by0 + h + 1 - a.y) / slope;
@@ -830,15 +894,13 @@ struct RasterDevice::Impl {
                 c0 = std::max(c0, floorToInt64(xa) - 1);
                 c1 = std::min(c1, floorToInt64(xb) + 1);
             }
-            for (int64_t c = c0; c <= c1; ++c) {
-                const double xc = std::clamp(double(c) + 0.5, a.x, b.x);
-                set(c, floorToInt64(a.y + (xc - a.x) * slope));
-            }
+            for (int64_t c = c0; c <= c1; ++c)
+                set(c, floorToInt64(a.y + (double(c) + 0.5 - a.x) * slope));
         } else {
             if (a.y > b.y)
                 std::swap(a, b);
-            int64_t r0 = std::max<int64_t>(floorToInt64(a.y), by0);
-            int64_t r1 = std::min<int64_t>(floorToInt64(b.y), by0 + h - 1);
+            int64_t r0 = std::max<int64_t>(first, by0);
+            int64_t r1 = std::min<int64_t>(last, by0 + h - 1);
             const double slope = (b.x - a.x) / (b.y - a.y);
             if (slope != 0) {
                 double ya = a.y + (bx0 - 1 - a.x) / slope, yb = a.y + (bx0 + w + 1 - a.x) / slope;
@@ -847,10 +909,8 @@ struct RasterDevice::Impl {
                 r0 = std::max(r0, floorToInt64(ya) - 1);
                 r1 = std::min(r1, floorToInt64(yb) + 1);
             }
-            for (int64_t r = r0; r <= r1; ++r) {
-                const double yc = std::clamp(double(r) + 0.5, a.y, b.y);
-                set(floorToInt64(a.x + (yc - a.y) * slope), r);
-            }
+            for (int64_t r = r0; r <= r1; ++r)
+                set(floorToInt64(a.x + (double(r) + 0.5 - a.y) * slope), r);
         }
     }
 
@@ -1074,10 +1134,20 @@ void RasterDevice::strokePath(const Path& path, const StrokeStyle& style, const 
     if (box.empty())
         return;
 
+    // Dashes finer than a pixel cannot be seen: such a line is drawn solid.
+    if (dashed && dashTotal * std::min(sx, sy) < 1)
+        dashed = false;
+    std::vector<std::vector<Point>> lines;
+    if (thin || dashed) {
+        lines = d->flatten(path);
+        if (dashed) {
+            const Impl::Box keep{(box.x0 - pad) / sx, (box.y0 - pad) / sy, (box.x1 + pad) / sx,
+                                 (box.y1 + pad) / sy};
+            lines = Impl::dash(lines, style.dashes, style.dashOffset, keep);
+        }
+    }
+
     if (thin) {
-        auto lines = d->flatten(path);
-        if (dashed)
-            lines = Impl::dash(lines, style.dashes, style.dashOffset);
         for (auto& line : lines)
             for (Point& p : line)
                 p = d->ptd.apply(p);
@@ -1093,7 +1163,20 @@ void RasterDevice::strokePath(const Path& path, const StrokeStyle& style, const 
 
     d->rasterise(box, [&](uint8_t* data, int bstride, int x0, int y0, int w, int h) {
         d->withCairo(data, bstride, x0, y0, w, h, [&](cairo_t* cr) {
-            d->appendPath(cr, path);
+            if (dashed) {
+                // The dashes as separate open pieces, each with its own caps.
+                const double lx = kCairoLimitPx / sx, ly = kCairoLimitPx / sy;
+                for (const auto& line : lines) {
+                    if (line.size() < 2)
+                        continue;
+                    cairo_move_to(cr, std::clamp(line[0].x, -lx, lx), std::clamp(line[0].y, -ly, ly));
+                    for (size_t i = 1; i < line.size(); ++i)
+                        cairo_line_to(cr, std::clamp(line[i].x, -lx, lx),
+                                      std::clamp(line[i].y, -ly, ly));
+                }
+            } else {
+                d->appendPath(cr, path);
+            }
             cairo_set_line_width(cr, width);
             switch (style.cap) {
             case StrokeStyle::Cap::Butt: cairo_set_line_cap(cr, CAIRO_LINE_CAP_BUTT); break;
@@ -1107,9 +1190,6 @@ void RasterDevice::strokePath(const Path& path, const StrokeStyle& style, const 
             }
             cairo_set_miter_limit(cr, std::isfinite(style.miterLimit)
                                           ? std::max(1.0, style.miterLimit) : 10.0);
-            if (dashed)
-                cairo_set_dash(cr, style.dashes.data(), int(style.dashes.size()),
-                               std::isfinite(style.dashOffset) ? style.dashOffset : 0);
             cairo_stroke(cr);
         });
     });

@@ -397,8 +397,10 @@ TEST(RasterDevice, ZeroWidthIsOnePixelLine) {
     dev.strokePath(diag, s, Paint::solid(Rgb::black()), RenderState{});
     dev.endPage();
     const RasterPage& p = sink.pages.at(0);
-    // The horizontal line: exactly one row thick along its length.
-    for (int x = 5; x <= 60; ++x) {
+    // The horizontal line: exactly one row thick along its length, 55 pixels long.
+    EXPECT_EQ(grey(p, 4, 10), 255);
+    EXPECT_EQ(grey(p, 60, 10), 255);
+    for (int x = 5; x < 60; ++x) {
         int n = 0;
         for (int y = 0; y < 16; ++y)
             n += grey(p, x, y) == 0;
@@ -1166,4 +1168,77 @@ TEST(RasterDevice, ZeroLengthThinSegmentIsADotBareMoveIsNothing) {
         n += v == 0;
     EXPECT_EQ(n, 1);
     EXPECT_EQ(grey(p, 2, 3), 0);
+}
+
+TEST(RasterDevice, DashPhaseCarriesAcrossPathOffThePage) {
+    // A line that starts far left of the page is dashed as if the page continued: the same as
+    // the visible part alone with the missing length as the dash offset.
+    for (double width : {0.0, 3.0}) {
+        for (std::vector<double> pattern : {std::vector<double>{3, 5}, std::vector<double>{2, 3, 4}}) {
+            std::vector<RasterPage> pages;
+            for (int variant = 0; variant < 2; ++variant) {
+                CaptureSink sink;
+                RasterDevice dev(opts(8), sink);
+                dev.beginPage(square());
+                StrokeStyle s;
+                s.width = width;
+                s.dashes = pattern;
+                Path l;
+                if (variant == 0) {
+                    l.moveTo({-100003, 30});
+                    s.dashOffset = 1;
+                } else {
+                    l.moveTo({0, 30});
+                    s.dashOffset = 100003 + 1;
+                }
+                l.lineTo({70, 30});
+                dev.strokePath(l, s, Paint::solid(Rgb::black()), RenderState{});
+                dev.endPage();
+                pages.push_back(sink.pages.at(0));
+            }
+            EXPECT_EQ(pages[0].data, pages[1].data) << width << " " << pattern.size();
+            int inked = 0;
+            for (int x = 0; x < 72; ++x)
+                inked += grey(pages[0], x, 30) == 0;
+            EXPECT_GT(inked, 15);
+            EXPECT_LT(inked, 50);
+        }
+    }
+}
+
+TEST(RasterDevice, OddDashPatternsAlternate) {
+    // {2, 3, 4}: on 2, off 3, on 4, then off 2, on 3, off 4, and so on.
+    CaptureSink sink;
+    RasterDevice dev(opts(8), sink);
+    dev.beginPage(square());
+    StrokeStyle s;
+    s.width = 0;
+    s.dashes = {2, 3, 4};
+    Path l;
+    l.moveTo({0, 10.5});
+    l.lineTo({36, 10.5});
+    dev.strokePath(l, s, Paint::solid(Rgb::black()), RenderState{});
+    dev.endPage();
+    const RasterPage& p = sink.pages.at(0);
+    const std::string want = "11000111100111000011000111100111";
+    std::string got;
+    for (int x = 0; x < 32; ++x)
+        got += grey(p, x, 10) == 0 ? '1' : '0';
+    EXPECT_EQ(got, want);
+}
+
+TEST(RasterDevice, DashesFinerThanAPixelDrawSolid) {
+    CaptureSink sink;
+    RasterDevice dev(opts(8), sink);
+    dev.beginPage(square());
+    StrokeStyle s;
+    s.width = 2;
+    s.dashes = {0.01, 0.02};
+    Path l;
+    l.moveTo({-1e9, 20});
+    l.lineTo({1e9, 20});
+    dev.strokePath(l, s, Paint::solid(Rgb::black()), RenderState{});
+    dev.endPage();
+    for (int x = 0; x < 72; ++x)
+        EXPECT_EQ(grey(sink.pages.at(0), x, 19), 0) << x;
 }
