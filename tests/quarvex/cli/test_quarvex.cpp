@@ -83,7 +83,8 @@ struct Child {
 
 // Starts quarvex with stdout and stderr going to files. fileSizeLimit > 0 caps the size of
 // any file the child writes, as a full disk would.
-Child start(const std::vector<std::string>& args, const fs::path& logDir, rlim_t fileSizeLimit = 0) {
+Child start(const std::vector<std::string>& args, const fs::path& logDir, rlim_t fileSizeLimit = 0,
+            rlim_t memoryLimit = 0) {
     Child c;
     c.outFile = logDir / "stdout.txt";
     c.errFile = logDir / "stderr.txt";
@@ -99,6 +100,10 @@ Child start(const std::vector<std::string>& args, const fs::path& logDir, rlim_t
             std::signal(SIGXFSZ, SIG_IGN);
             struct rlimit rl {fileSizeLimit, fileSizeLimit};
             ::setrlimit(RLIMIT_FSIZE, &rl);
+        }
+        if (memoryLimit > 0) {
+            struct rlimit rl {memoryLimit, memoryLimit};
+            ::setrlimit(RLIMIT_AS, &rl);
         }
         std::vector<char*> argv;
         argv.push_back(const_cast<char*>(kQuarvex.c_str()));
@@ -124,10 +129,10 @@ Result finish(const Child& c) {
     return r;
 }
 
-Result run(const std::vector<std::string>& args, rlim_t fileSizeLimit = 0) {
+Result run(const std::vector<std::string>& args, rlim_t fileSizeLimit = 0, rlim_t memoryLimit = 0) {
     static int counter = 0;
     const fs::path logs = freshDir("logs" + std::to_string(++counter));
-    return finish(start(args, logs, fileSizeLimit));
+    return finish(start(args, logs, fileSizeLimit, memoryLimit));
 }
 
 struct TiffInfo {
@@ -533,6 +538,19 @@ TEST(QuarvexConversion, AFailedWriteLeavesNothing) {
     const Result r = run({"-c", "0", "-o", out.string(), "-i", kTwoPagesXl}, 20000);
     EXPECT_EQ(r.status, 1) << r.err;
     EXPECT_NE(r.err.find("cannot write " + out.string()), std::string::npos) << r.err;
+    EXPECT_EQ(entries(dir), 0u);
+}
+
+TEST(QuarvexConversion, APageTooLargeForMemoryFailsCleanly) {
+    const fs::path dir = freshDir("huge");
+    const fs::path out = dir / "x.tif";
+    // The largest page the options allow, in colour, is 12.7 GB; with 2 GB of address space
+    // the run must say so and stop, not crash.
+    const Result r = run({"-gw", "65000", "-gh", "65000", "-b", "24", "-o", out.string(), "-i", kTwoPagesXl}, 0,
+                         rlim_t(2) << 30);
+    EXPECT_EQ(r.signal, 0) << r.err;
+    EXPECT_EQ(r.status, 1) << r.err;
+    EXPECT_NE(r.err.find("not enough memory"), std::string::npos) << r.err;
     EXPECT_EQ(entries(dir), 0u);
 }
 
