@@ -28,9 +28,14 @@ public:
         maskMatrices.push_back(m);
         RecordingDevice::fillMask(mask, m, p, rs);
     }
+    void strokePath(const Path& path, const StrokeStyle& style, const Paint& p, const RenderState& rs) override {
+        strokes.push_back(style);
+        RecordingDevice::strokePath(path, style, p, rs);
+    }
     std::vector<Image> images;
     std::vector<Mask> masks;
     std::vector<Matrix> maskMatrices;
+    std::vector<StrokeStyle> strokes;
 
     std::vector<std::string> matching(const std::string& prefix) const {
         std::vector<std::string> out;
@@ -269,6 +274,34 @@ TEST(Paths, LinesRelativeLinesAndStrokes) {
     EXPECT_EQ(strokes[0], "stroke w=2 #000000 rop=252 srcO patO M10,10 L50,10 L50,20 L10,20 L10,10 Z");
     EXPECT_EQ(strokes[1], "stroke w=2 #000000 rop=252 srcO patO M100,50 L100,100 L200,100");
     EXPECT_TRUE(r.dev.matching("fill").empty());
+}
+
+TEST(Paths, LineStyleReachesTheDeviceInPageUnits) {
+    XlWriter w;
+    w.start(); // 300 units per inch: 0.24 pt a unit
+    w.ub(0).a(attr::NullBrush).op(op::SetBrushSource);
+    w.u16(50).a(attr::PenWidth).op(op::SetPenWidth);
+    w.ub(2).a(attr::LineCapStyle).op(op::SetLineCap).ub(1).a(attr::LineJoinStyle).op(op::SetLineJoin);
+    w.ub(4).a(attr::MiterLength).op(op::SetMiterLimit);
+    w.u16Array({100, 50}).a(attr::LineDashStyle).u16(25).a(attr::DashOffset).op(op::SetLineDash);
+    w.u16Box(0, 0, 300, 300).a(attr::BoundingBox).op(op::Rectangle);
+    w.ub(0).a(attr::SolidLine).op(op::SetLineDash);
+    w.u16Box(0, 0, 300, 300).a(attr::BoundingBox).op(op::Rectangle);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    ASSERT_EQ(r.dev.strokes.size(), 2u);
+    const StrokeStyle& a = r.dev.strokes[0];
+    EXPECT_DOUBLE_EQ(a.width, 12);
+    EXPECT_EQ(a.cap, StrokeStyle::Cap::Square);
+    EXPECT_EQ(a.join, StrokeStyle::Join::Round);
+    EXPECT_DOUBLE_EQ(a.miterLimit, 4);
+    ASSERT_EQ(a.dashes.size(), 2u);
+    EXPECT_DOUBLE_EQ(a.dashes[0], 24);
+    EXPECT_DOUBLE_EQ(a.dashes[1], 12);
+    EXPECT_DOUBLE_EQ(a.dashOffset, 6);
+    EXPECT_TRUE(r.dev.strokes[1].dashes.empty());
 }
 
 TEST(Paths, CurvesAndShapes) {
