@@ -65,7 +65,98 @@ void Hpgl::initialise() {
     m_polygonMode = false;
     m_polygon.clear();
     m_labelTerminator = 0x03;
+    // The default label font: fixed 9 pitch, 11.5 point (a stick font, stood in for by a plain
+    // monospace face).
+    m_labelRequest = FontRequest{};
+    m_labelRequest.pitch = 9;
+    m_labelRequest.height = 11.5;
+    m_labelRequest.typeface = 4102;
+    m_labelFont = -1;
+    m_charWidthPlu = m_charHeightPlu = 0;
+    m_direction = 0;
     setFrame(m_frame);
+}
+
+void Hpgl::selectLabelFont() {
+    m_labelFont = m_hooks.fonts ? m_hooks.fonts->selectPcl(m_labelRequest) : -1;
+}
+
+void Hpgl::label(const uint8_t* text, size_t length) {
+    if (!m_hooks.fonts) {
+        if (!m_warnedLabel && m_hooks.warn) {
+            m_warnedLabel = true;
+            m_hooks.warn("PCL 5: no fonts available, HP-GL/2 labels skipped");
+        }
+        return;
+    }
+    if (m_labelFont < 0)
+        selectLabelFont();
+    if (m_labelFont < 0)
+        return;
+    flushPath();
+    const FontLibrary& fonts = *m_hooks.fonts;
+    const bool fixed = !fonts.info(m_labelFont).proportional;
+    const double fixedAdv = fonts.metrics(m_labelFont).fixedAdvance > 0 ? fonts.metrics(m_labelFont).fixedAdvance : 0.6;
+    // The em and the fixed advance in plotter units.
+    double em, step;
+    if (m_charHeightPlu > 0) {
+        em = m_charHeightPlu / 0.7;  // SI gives the capital height
+        step = m_charWidthPlu * 1.5; // ... and the character width, the cell being half again wider
+    } else if (fixed) {
+        step = 1016.0 / std::clamp(m_labelRequest.pitch, 0.1, 200.0);
+        em = step / fixedAdv;
+    } else {
+        em = std::clamp(m_labelRequest.height, 0.25, 999.75) / 72.0 * 1016.0;
+        step = 0;
+    }
+    const Matrix turn = Matrix::rotate(m_direction);
+    const Point along = turn.applyVector({1, 0});
+    const Point down = turn.applyVector({0, -1});
+    const Matrix toDevice = m_dev.pageToDevice() * plotterToPage();
+    const double lineStep = (m_charHeightPlu > 0 ? m_charHeightPlu * 2 : em * 1.33);
+    m_labelStart = m_pen;
+    double lastAdvance = step;
+    for (size_t i = 0; i < length; ++i) {
+        const uint8_t c = text[i];
+        if (c == '\r') {
+            m_pen = m_labelStart;
+            continue;
+        }
+        if (c == '\n') {
+            m_labelStart = {m_labelStart.x + down.x * lineStep, m_labelStart.y + down.y * lineStep};
+            m_pen = {m_pen.x + down.x * lineStep, m_pen.y + down.y * lineStep};
+            continue;
+        }
+        if (c == '\b') {
+            m_pen = {m_pen.x - along.x * lastAdvance, m_pen.y - along.y * lastAdvance};
+            continue;
+        }
+        if (c < 0x20)
+            continue;
+        const char32_t uc = symbolSetToUnicode(m_labelRequest.symbolSet, c);
+        double adv = step;
+        if (!fixed || step <= 0)
+            adv = (uc ? fonts.advance(m_labelFont, uc) : 0) * em;
+        if (m_charHeightPlu > 0 && step > 0)
+            adv = step;
+        if (uc && uc != U' ') {
+            const Matrix fontToDevice = toDevice * turn * Matrix::scale(em, em);
+            if (auto g = fonts.renderGlyph(m_labelFont, uc, Matrix{fontToDevice.a, fontToDevice.b, fontToDevice.c,
+                                                                    fontToDevice.d, 0, 0})) {
+                if (g->mask.width > 0 && g->mask.height > 0) {
+                    const Point pen = toDevice.apply(m_pen);
+                    if (auto inv = m_dev.pageToDevice().inverted()) {
+                        mark();
+                        m_dev.fillMask(g->mask,
+                                       *inv * Matrix::translate(std::round(pen.x) + g->left, std::round(pen.y) + g->top),
+                                       penPaint(), m_hooks.renderState ? m_hooks.renderState() : RenderState{});
+                    }
+                }
+            }
+        }
+        m_pen = {clampCoord(m_pen.x + along.x * adv), clampCoord(m_pen.y + along.y * adv)};
+        lastAdvance = adv;
+    }
 }
 
 Matrix Hpgl::plotterToPage() const {
@@ -341,6 +432,58 @@ void Hpgl::command(char a, char b, const std::vector<double>& args) {
             else
                 m_dev.strokePath(m_polygon, penStyle(), penPaint(), rs);
         }
+    } else if (mn == "SD" || mn == "AD") {
+        // Font definition: kind, value pairs.
+        for (size_t i = 0; i + 1 < args.size(); i += 2) {
+            const int kind = static_cast<int>(args[i]);
+            const double v = args[i + 1];
+            switch (kind) {
+            case 1: m_labelRequest.symbolSet = static_cast<uint16_t>(std::clamp(v, 0.0, 65535.0)); break;
+            case 2: m_labelRequest.proportional = v == 1; break;
+            case 3: if (v > 0) m_labelRequest.pitch = std::min(v, 999.0); break;
+            case 4: if (v > 0) m_labelRequest.height = std::min(v, 999.0); break;
+            case 5: m_labelRequest.style = static_cast<int>(std::clamp(v, 0.0, 32767.0)); break;
+            case 6: m_labelRequest.weight = static_cast<int>(std::clamp(v, -7.0, 9999.0)); break;
+            case 7: m_labelRequest.typeface = static_cast<int>(std::clamp(v, 0.0, 65535.0)); break;
+            default: break;
+            }
+        }
+        if (m_labelRequest.typeface == 48)
+            m_labelRequest.typeface = 4102; // the stick font
+        selectLabelFont();
+    } else if (mn == "SI") {
+        // Absolute character size in centimetres (400 plotter units each).
+        if (args.size() >= 2 && args[0] > 0 && args[1] > 0) {
+            m_charWidthPlu = std::min(args[0], 1000.0) * 400;
+            m_charHeightPlu = std::min(args[1], 1000.0) * 400;
+        } else {
+            m_charWidthPlu = m_charHeightPlu = 0;
+        }
+    } else if (mn == "SR") {
+        // Relative size: percent of the P1-P2 distances.
+        const double w = arg(0, 0.75), h = arg(1, 1.5);
+        if (w > 0 && h > 0) {
+            m_charWidthPlu = std::abs(m_p2.x - m_p1.x) * std::min(w, 100.0) / 100.0;
+            m_charHeightPlu = std::abs(m_p2.y - m_p1.y) * std::min(h, 100.0) / 100.0;
+        }
+    } else if (mn == "DI" || mn == "DR") {
+        const double run = arg(0, 1), rise = arg(1, 0);
+        m_direction = (run == 0 && rise == 0) ? 0 : std::atan2(rise, run);
+    } else if (mn == "CP") {
+        if (m_labelFont < 0)
+            selectLabelFont();
+        const double em = m_charHeightPlu > 0 ? m_charHeightPlu / 0.7 : m_labelRequest.height / 72.0 * 1016.0;
+        const double step = m_charWidthPlu > 0 ? m_charWidthPlu * 1.5 : 1016.0 / std::max(0.1, m_labelRequest.pitch);
+        const Matrix turn = Matrix::rotate(m_direction);
+        const Point along = turn.applyVector({1, 0}), down = turn.applyVector({0, -1});
+        if (args.size() >= 2) {
+            const double sx = std::clamp(args[0], -1000.0, 1000.0) * step;
+            const double ly = std::clamp(args[1], -1000.0, 1000.0) * em * 1.33;
+            m_pen = {clampCoord(m_pen.x + along.x * sx - down.x * ly), clampCoord(m_pen.y + along.y * sx - down.y * ly)};
+        } else {
+            m_pen = {m_labelStart.x + down.x * em * 1.33, m_labelStart.y + down.y * em * 1.33};
+            m_labelStart = m_pen;
+        }
     } else if (mn == "DT") {
         // The label terminator is read by the parser itself.
     } else if (mn == "WG" || mn == "EW" || mn == "PE" || mn == "BR" || mn == "BZ" || mn == "RF" || mn == "FT") {
@@ -376,14 +519,12 @@ size_t Hpgl::run(const uint8_t* data, size_t pos, size_t size) {
         pos += 2;
         if (a == 'L' && b == 'B') {
             // A label runs to its terminator.
+            const size_t start = pos;
             while (pos < size && data[pos] != m_labelTerminator && data[pos] != 0x1B)
                 ++pos;
+            label(data + start, pos - start);
             if (pos < size && data[pos] == m_labelTerminator)
                 ++pos;
-            if (!m_warnedLabel && m_hooks.warn) {
-                m_warnedLabel = true;
-                m_hooks.warn("PCL 5: HP-GL/2 labels not supported, skipped");
-            }
             continue;
         }
         if (a == 'D' && b == 'T') {

@@ -1,8 +1,9 @@
 #pragma once
 // HP-GL/2 inside PCL 5: the vector language entered with ESC%#B. It draws lines, rectangles,
-// circles and arcs in plotter units (1/1016 inch) inside the picture frame; labels, polygon
-// mode and encoded polylines are skipped with a warning.
+// circles, arcs, polygons and labels (in resident fonts) in plotter units (1/1016 inch) inside
+// the picture frame; encoded polylines and wedges are skipped with a warning.
 
+#include "fonts/font_library.h"
 #include "render/device.h"
 
 #include <cstddef>
@@ -26,6 +27,7 @@ public:
         std::function<void()> ensurePage;           // called before the first mark on a page
         std::function<void(const std::string&)> warn;
         std::function<RenderState()> renderState;
+        const FontLibrary* fonts = nullptr;         // labels need them; without, they are skipped
     };
 
     Hpgl(Device& device, Hooks hooks);
@@ -61,6 +63,8 @@ private:
     Paint penPaint() const;
     StrokeStyle penStyle() const;
     void mark();
+    void label(const uint8_t* text, size_t length);
+    void selectLabelFont();
 
     Device& m_dev;
     Hooks m_hooks;
@@ -86,6 +90,12 @@ private:
     uint8_t m_labelTerminator = 0x03;
     bool m_marked = false;
     bool m_warnedLabel = false;
+    // Labels
+    FontRequest m_labelRequest;
+    int m_labelFont = -1;
+    double m_charWidthPlu = 0, m_charHeightPlu = 0; // SI: 0 = from the font
+    double m_direction = 0;                          // DI, radians
+    Point m_labelStart{0, 0};
 };
 
 } // namespace qx::pcl5

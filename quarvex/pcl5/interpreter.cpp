@@ -1591,6 +1591,7 @@ void Interpreter::enterHpgl(int mode) {
         hooks.ensurePage = [this] { ensurePage(); };
         hooks.warn = [this](const std::string& m) { warnOnce(m); };
         hooks.renderState = [this] { return renderState(); };
+        hooks.fonts = m_fonts;
         m_hpgl = std::make_unique<Hpgl>(m_dev, hooks);
         m_hpgl->setFrame(pictureFrame());
     }

@@ -364,15 +364,36 @@ TEST(Pcl5Hpgl, ScalingAndPolygons) {
     EXPECT_EQ(fills[0], "fill eo #000000 rop=252 srcT patT M18,756 L90,756 L90,684 L18,756");
 }
 
-TEST(Pcl5Hpgl, LabelsAreSkippedWithAWarningAndResetLeavesHpgl) {
-    Result r = runPcl(ESC + "%0BIN;LBHelloPD;" + ESC + "E" + "y");
-    EXPECT_TRUE(r.warnings);
+TEST(Pcl5Hpgl, LabelsAreDrawnInAResidentFont) {
+    Result r = runPcl(ESC + "%0BIN;PA1016,1016;LBHI\x03;DI0,1;LBH\x03" + ESC + "%0A");
+    EXPECT_FALSE(r.warnings);
+    auto masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 3u);
+    double a, b, c, d, e0, f0, e1, f1;
+    int w0, h0, w2, h2, ink;
+    std::sscanf(masks[0].c_str(), "mask %dx%d ink=%d [%lf %lf %lf %lf %lf %lf]", &w0, &h0, &ink, &a, &b, &c, &d, &e0, &f0);
+    std::sscanf(masks[1].c_str(), "mask %*dx%*d ink=%d [%lf %lf %lf %lf %lf %lf]", &ink, &a, &b, &c, &d, &e1, &f1);
+    std::sscanf(masks[2].c_str(), "mask %dx%d", &w2, &h2);
+    // The label starts at the pen (90 pt, 684 pt on the page) and runs to the right at 9 pitch.
+    EXPECT_NEAR(e0, 90, 2);
+    EXPECT_NEAR(f0 + h0 * 0.24, 684, 1);
+    EXPECT_NEAR(e1 - e0, 8, 1.5);
+    // DI 0,1 turns the text a quarter: the H lies on its side.
+    EXPECT_NEAR(w2, h0, 2);
+    EXPECT_NEAR(h2, w0, 2);
+}
+
+TEST(Pcl5Hpgl, ResetLeavesHpglAndTheExitSequenceEndsTheJob) {
+    Result r = runPcl(ESC + "%0BIN;PD;" + ESC + "E" + "y");
     EXPECT_EQ(r.starting("mask").size(), 1u);
     // The end of the job inside HP-GL/2 stops in front of the exit sequence.
     const std::string job = ESC + "%0BIN;PD100,100;" + ESC + "%-12345X";
     r = runPcl(job);
     EXPECT_EQ(r.used, job.size() - 9);
     EXPECT_EQ(r.starting("stroke").size(), 1u);
+    // Unsupported commands are skipped with a warning.
+    r = runPcl(ESC + "%0BIN;WG100,0,90;" + ESC + "%0A");
+    EXPECT_TRUE(r.warnings);
 }
 
 TEST(Pcl5Robustness, TruncatedRasterIsWarnedAndKept) {
