@@ -74,6 +74,10 @@ int boldPixels(double bold, double emPixels) {
     return std::clamp(int(std::lround(bold * emPixels)), 1, 64);
 }
 
+// Larger glyphs than this many pixels to the em are not rendered: no page holds one, and the
+// bitmap alone would take gigabytes.
+constexpr double kMaxEmPixels = 16384;
+
 } // namespace
 
 Matrix TextStyle::charMatrix() const {
@@ -207,7 +211,7 @@ public:
             return false;
         const double ppem = std::max(1.0, std::round(std::sqrt(std::fabs(fontToDevice.a * fontToDevice.d -
                                                                           fontToDevice.b * fontToDevice.c))));
-        if (ppem > 4000)
+        if (ppem > kMaxEmPixels)
             return false;
         if (FT_Set_Char_Size(m_face, FT_F26Dot6(ppem * 64), FT_F26Dot6(ppem * 64), 72, 72) != 0)
             return false;
@@ -349,7 +353,12 @@ void drawDownloadedText(DownloadedFont& font, const TextRun& run, const TextStyl
     const Matrix deviceToPage = pageToDevice.inverted().value_or(Matrix{});
     // em units (y up) to device pixels (y down).
     const Matrix fontToDevice = devLinear * charToPage * Matrix::scale(style.charSize, -style.charSize);
-    const double emPixels = std::sqrt(std::fabs(fontToDevice.a * fontToDevice.d - fontToDevice.b * fontToDevice.c));
+    const double emPixels = std::max(std::hypot(fontToDevice.a, fontToDevice.b), std::hypot(fontToDevice.c, fontToDevice.d));
+    if (!(emPixels <= kMaxEmPixels)) {
+        problem = "characters too large to draw; skipped";
+        advanceWithoutGlyphs(run, style, cursor);
+        return;
+    }
     for (size_t i = 0; i < run.codes.size(); ++i) {
         Point fallback{0, 0};
         auto it = font.ttChars.find(run.codes[i]);
@@ -397,7 +406,12 @@ bool drawResidentText(const FontLibrary& fonts, const std::string& name, const T
     const Matrix deviceToPage = pageToDevice.inverted().value_or(Matrix{});
     const Matrix charToPage = linear(style.ctm) * style.charMatrix();
     const Matrix fontToDevice = devLinear * charToPage * Matrix::scale(style.charSize, -style.charSize);
-    const double emPixels = std::sqrt(std::fabs(fontToDevice.a * fontToDevice.d - fontToDevice.b * fontToDevice.c));
+    const double emPixels = std::max(std::hypot(fontToDevice.a, fontToDevice.b), std::hypot(fontToDevice.c, fontToDevice.d));
+    if (!(emPixels <= kMaxEmPixels)) {
+        problem = "characters too large to draw; skipped";
+        advanceWithoutGlyphs(run, style, cursor);
+        return false;
+    }
     for (size_t i = 0; i < run.codes.size(); ++i) {
         const char32_t u = symbolSetToUnicode(uint16_t(style.symbolSet), run.codes[i]);
         Point fallback{0, 0};

@@ -747,6 +747,20 @@ TEST(Text, PclFontSelectionPicksAResidentFontAndItsSize) {
     EXPECT_NEAR(r.dev.masks[0].height, 29, 5);
 }
 
+TEST(Text, HugeCharactersAreSkippedNotRendered) {
+    FontLibrary fonts;
+    XlWriter w;
+    w.start();
+    w.str("Courier").a(attr::FontName).r32(3e6f).a(attr::CharSize).u16(629).a(attr::SymbolSet).op(op::SetFont);
+    w.str("Hi").a(attr::TextData).op(op::Text);
+    w.endPage().endSession();
+    Outcome r;
+    interpret(r, w.bytes, &fonts);
+    ASSERT_EQ(r.diag.lines().size(), 1u);
+    EXPECT_NE(r.diag.lines()[0].find("characters too large to draw; skipped"), std::string::npos);
+    EXPECT_TRUE(r.dev.masks.empty());
+}
+
 TEST(Text, WithoutFontsTextIsSkippedWithOneWarning) {
     XlWriter w;
     w.start();
