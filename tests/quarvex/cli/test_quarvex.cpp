@@ -666,3 +666,42 @@ TEST(QuarvexConversion, PjlWrappedPclAndPclXlInOneFile) {
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(readTiff(out).pages, 4);
 }
+
+TEST(QuarvexConversion, PjlSettingsReachTheJobAndEndWithIt) {
+    const fs::path dir = freshDir("pjl");
+    const fs::path input = dir / "jobs.prn";
+    writeFile(input, UEL + "@PJL JOB NAME=\"first\"\r\n@PJL SET PAPER=A4\r\n@PJL SET ORIENTATION=LANDSCAPE\r\n"
+                           "@PJL ENTER LANGUAGE=PCL\r\n\x1b" "EHello world\r\n\f" +
+                     UEL + "@PJL EOJ\r\n" + UEL + "@PJL ENTER LANGUAGE=PCL\r\n\x1b" "ESecond job\r\n\f" + UEL);
+    const fs::path out = dir / "jobs.tif";
+    const Result r = run({"-r", "100x100", "-b", "8", "-o", out.string(), "-i", input.string()});
+    EXPECT_EQ(r.status, 0) << r.err;
+    ASSERT_EQ(readTiff(out).pages, 2);
+    TIFF* t = TIFFOpen(out.c_str(), "r");
+    ASSERT_NE(t, nullptr);
+    uint32_t w = 0, h = 0;
+    TIFFGetField(t, TIFFTAG_IMAGEWIDTH, &w);
+    TIFFGetField(t, TIFFTAG_IMAGELENGTH, &h);
+    EXPECT_EQ(w, 1169u) << "A4 landscape";
+    EXPECT_EQ(h, 827u);
+    ASSERT_EQ(TIFFSetDirectory(t, 1), 1);
+    TIFFGetField(t, TIFFTAG_IMAGEWIDTH, &w);
+    TIFFGetField(t, TIFFTAG_IMAGELENGTH, &h);
+    EXPECT_EQ(w, 850u) << "Letter portrait again after the end of the PJL job";
+    EXPECT_EQ(h, 1100u);
+    TIFFClose(t);
+    EXPECT_GT(inkOnPage(out, 0, 128).pixels, 0) << "the text is printed";
+}
+
+TEST(QuarvexConversion, PlainTextPrintsAsText) {
+    const fs::path dir = freshDir("text");
+    const fs::path input = dir / "notes.prn";
+    writeFile(input, "Plain text, as a printer prints it.\r\nSecond line.\r\n");
+    const fs::path out = dir / "notes.tif";
+    const Result r = run({"-r", "100x100", "-b", "8", "-o", out.string(), "-i", input.string()});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(readTiff(out).pages, 1);
+    const InkBox ink = inkOnPage(out, 0, 128);
+    EXPECT_GT(ink.pixels, 0);
+    EXPECT_LT(ink.y1, 200u) << "two lines at the top of the page";
+}
