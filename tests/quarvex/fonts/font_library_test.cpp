@@ -4,6 +4,9 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <vector>
 #include <string>
 
 #include <unistd.h>
@@ -176,4 +179,28 @@ TEST(FontLibrary, ProportionalAdvancesDiffer) {
     EXPECT_NEAR(lib.advance(arial, U'W'), 0.944, 0.01);
     EXPECT_GT(lib.metrics(arial).ascent, 0.5);
     EXPECT_EQ(lib.metrics(arial).fixedAdvance, 0.0);
+}
+
+TEST(MemoryFace, OpensFontDataAndRendersByGlyphIndex) {
+    std::ifstream in(kStageFonts + "/LiberationSans-Regular.ttf", std::ios::binary);
+    std::vector<uint8_t> data((std::istreambuf_iterator<char>(in)), {});
+    ASSERT_FALSE(data.empty());
+    auto face = MemoryFace::open(data);
+    ASSERT_TRUE(face);
+    EXPECT_GT(face->glyphCount(), 100);
+    // Some glyph past .notdef has an outline and an advance.
+    bool drawn = false;
+    for (uint32_t g = 1; g < 80 && !drawn; ++g) {
+        auto bmp = face->renderGlyph(g, Matrix{50, 0, 0, -50, 0, 0});
+        if (bmp && bmp->mask.width > 0 && bits(bmp->mask) > 20) {
+            drawn = true;
+            EXPECT_NEAR(bmp->advanceX, face->advance(g) * 50, 0.01);
+        }
+    }
+    EXPECT_TRUE(drawn);
+    EXPECT_FALSE(face->renderGlyph(1000000, Matrix{50, 0, 0, -50, 0, 0}).has_value());
+    EXPECT_EQ(face->advance(1000000), 0.0);
+
+    EXPECT_FALSE(MemoryFace::open({}));
+    EXPECT_FALSE(MemoryFace::open(std::vector<uint8_t>(1000, 0x42)));
 }
