@@ -1242,3 +1242,53 @@ TEST(RasterDevice, DashesFinerThanAPixelDrawSolid) {
     for (int x = 0; x < 72; ++x)
         EXPECT_EQ(grey(sink.pages.at(0), x, 19), 0) << x;
 }
+
+TEST(RasterDevice, SwitchingPatternsAndClipsBetweenCalls) {
+    auto dark = tile(1, 1, {{10, 10, 10}});
+    auto light = tile(1, 1, {{200, 200, 200}});
+    auto left = clipOf({rect(0, 0, 4, 8)});
+    auto right = clipOf({rect(4, 0, 4, 8)});
+    CaptureSink sink;
+    RasterDevice dev(opts(8), sink);
+    dev.beginPage(square(8));
+    for (int i = 0; i < 3; ++i) {
+        RenderState a;
+        a.clip = left;
+        RenderState b;
+        b.clip = right;
+        dev.fillPath(rect(0, 0, 8, 4), FillRule::NonZero, Paint::tiled(i % 2 ? light : dark), a);
+        dev.fillPath(rect(0, 0, 8, 4), FillRule::NonZero, Paint::tiled(i % 2 ? dark : light), b);
+    }
+    dev.endPage();
+    const RasterPage& p = sink.pages.at(0);
+    EXPECT_EQ(grey(p, 1, 1), 10);
+    EXPECT_EQ(grey(p, 6, 1), 200);
+    EXPECT_EQ(grey(p, 1, 6), 255);
+}
+
+TEST(RasterDevice, OnlyPureWhiteSourceIsTransparent) {
+    const Image im = rgbImage(2, 1, [](int x, int) { return x == 0 ? Rgb::white() : Rgb{255, 255, 254}; });
+    CaptureSink sink;
+    RasterDevice dev(opts(24), sink);
+    dev.beginPage(square(2));
+    dev.fillPath(rect(0, 0, 2, 1), FillRule::NonZero, Paint::solid({0, 0, 0}), RenderState{});
+    dev.drawImage(im, {}, Paint::solid(Rgb::black()), RenderState{}); // source transparent
+    dev.endPage();
+    EXPECT_EQ(px(sink.pages.at(0), 0, 0), Rgb::black());
+    EXPECT_EQ(px(sink.pages.at(0), 1, 0), (Rgb{255, 255, 254}));
+}
+
+TEST(RasterDevice, DeclaredResolutionDrivesTheDevice) {
+    CaptureSink sink;
+    RasterDevice dev(RasterOptions{}, sink);
+    dev.beginPage(PageSpec{612, 792, 150, 150});
+    EXPECT_DOUBLE_EQ(dev.pageToDevice().a, 150.0 / 72);
+    dev.fillPath(rect(0, 0, 72, 72), FillRule::NonZero, Paint::solid(Rgb::black()), RenderState{});
+    dev.endPage();
+    const RasterPage& p = sink.pages.at(0);
+    EXPECT_EQ(p.width, 1275);
+    EXPECT_EQ(p.height, 1650);
+    EXPECT_DOUBLE_EQ(p.xdpi, 150);
+    EXPECT_EQ(px(p, 149, 149), Rgb::black());
+    EXPECT_EQ(px(p, 150, 149), Rgb::white());
+}
