@@ -226,9 +226,14 @@ void Interpreter::ensurePage() {
     spec.heightPt = m_sheetHeight / kUnitsPerPoint;
     if (m_ctx.pjl.resolution > 0) {
         spec.declaredDpiX = spec.declaredDpiY = m_ctx.pjl.resolution;
-    } else if (m_unitsPerInch != 300 || m_rasterResolution > 300) {
-        const double dpi = std::max(m_unitsPerInch, static_cast<double>(m_rasterResolution));
-        spec.declaredDpiX = spec.declaredDpiY = dpi;
+    } else {
+        // The unit of measure and the raster resolution say what the job was made for; finer
+        // units than 1200 a inch are only a coordinate grid.
+        double dpi = m_rasterResolution > 300 ? m_rasterResolution : 0;
+        if (m_unitsPerInch != 300 && m_unitsPerInch <= 1200)
+            dpi = std::max(dpi, m_unitsPerInch);
+        if (dpi > 0)
+            spec.declaredDpiX = spec.declaredDpiY = dpi;
     }
     m_dev.beginPage(spec);
     m_pageOpen = true;

@@ -577,3 +577,16 @@ TEST(Pcl5Text, SymbolSetSelectsTheSymbolFace) {
     ASSERT_EQ(b.size(), 1u);
     EXPECT_NE(a[0].substr(0, a[0].find(" [")), b[0].substr(0, b[0].find(" [")));
 }
+
+TEST(Pcl5Pages, DeclaredResolutionFromUnitsAndRaster) {
+    Result r = runPcl(ESC + "&u600D" + "x");
+    EXPECT_EQ(r.calls.front(), "beginPage 612x792 dpi=600x600");
+    r = runPcl(ESC + "&u7200D" + "x");
+    EXPECT_EQ(r.calls.front(), "beginPage 612x792");
+    r = runPcl(ESC + "*t600R" + ESC + "*r1A" + ESC + "*b1W\xff" + ESC + "*rB");
+    EXPECT_EQ(r.calls.front(), "beginPage 612x792 dpi=600x600");
+    PjlDefaults pjl;
+    pjl.resolution = 1200;
+    r = runPcl("x", pjl);
+    EXPECT_EQ(r.calls.front(), "beginPage 612x792 dpi=1200x1200");
+}
