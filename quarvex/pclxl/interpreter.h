@@ -37,9 +37,6 @@ private:
         uint8_t space = 1; // eGray
         std::vector<Rgb> palette;
     };
-    struct Source {
-        Paint paint = Paint::solid(Rgb::black());
-    };
     struct GState {
         Matrix ctm;
         ColorState color;

@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstring>
 #include <map>
+#include <tuple>
 
 namespace qx::pclxl {
 
@@ -205,8 +206,42 @@ public:
         return true;
     }
 
-    // Renders a glyph id through fontToDevice (em units, y up, to device pixels, y down).
-    bool render(uint16_t glyphId, const Matrix& fontToDevice, Mask& mask, int& left, int& top, Point& adv) {
+    struct Rendered {
+        bool ok = false;
+        Mask mask;
+        int left = 0, top = 0;
+        Point advance;
+    };
+
+    // Renders a glyph id through fontToDevice (em units, y up, to device pixels, y down); the
+    // same glyph at the same size comes from a cache.
+    const Rendered& render(uint16_t glyphId, const Matrix& fontToDevice) {
+        const Key key{glyphId, fontToDevice.a, fontToDevice.b, fontToDevice.c, fontToDevice.d};
+        auto it = m_cache.find(key);
+        if (it != m_cache.end())
+            return it->second;
+        if (m_cache.size() >= 4096 || m_cacheBytes >= (size_t(32) << 20)) {
+            m_cache.clear();
+            m_cacheBytes = 0;
+        }
+        Rendered r;
+        r.ok = renderUncached(glyphId, fontToDevice, r.mask, r.left, r.top, r.advance);
+        m_cacheBytes += r.mask.bits.size() + sizeof(Rendered);
+        return m_cache.emplace(key, std::move(r)).first->second;
+    }
+
+private:
+    struct Key {
+        uint16_t glyph;
+        double a, b, c, d;
+        bool operator<(const Key& o) const {
+            return std::tie(glyph, a, b, c, d) < std::tie(o.glyph, o.a, o.b, o.c, o.d);
+        }
+    };
+    std::map<Key, Rendered> m_cache;
+    size_t m_cacheBytes = 0;
+
+    bool renderUncached(uint16_t glyphId, const Matrix& fontToDevice, Mask& mask, int& left, int& top, Point& adv) {
         if (!m_face)
             return false;
         const double ppem = std::max(1.0, std::round(std::sqrt(std::fabs(fontToDevice.a * fontToDevice.d -
@@ -242,7 +277,6 @@ public:
         return true;
     }
 
-private:
     FT_Library m_lib = nullptr;
     FT_Face m_face = nullptr;
     std::vector<uint8_t> m_sfnt;
@@ -365,10 +399,11 @@ void drawDownloadedText(DownloadedFont& font, const TextRun& run, const TextStyl
         if (it == font.ttChars.end()) {
             problem = "character " + std::to_string(run.codes[i]) + " missing from a downloaded font";
         } else if (font.renderer) {
-            Mask mask;
-            int left = 0, top = 0;
-            Point adv;
-            if (font.renderer->render(it->second.glyphId, fontToDevice, mask, left, top, adv)) {
+            const TrueTypeRenderer::Rendered& g = font.renderer->render(it->second.glyphId, fontToDevice);
+            const Mask& mask = g.mask;
+            const int left = g.left, top = g.top;
+            const Point adv = g.advance;
+            if (g.ok) {
                 const Point pen = pageToDevice.apply(cursor);
                 if (mask.width > 0 && mask.height > 0 && paint.kind != Paint::Kind::None) {
                     const Matrix maskToPage = deviceToPage * Matrix::translate(std::round(pen.x) + left,
