@@ -1,3 +1,13 @@
+// The rasterising device. How a page is drawn:
+//  - the page buffer holds 8-bit grey (output depths 1 and 8) or RGB (depth 24), white at the
+//    start; colours are turned into grey (BT.601 luma) as they arrive on a grey page;
+//  - paths are turned into coverage by cairo with antialiasing off, band by band into a small
+//    A8 buffer over the call's bounding box (never a page-sized mask); one-pixel lines and
+//    dashes are done here; images and masks are sampled nearest-neighbour at pixel centres;
+//  - each covered stretch of a row, cut by the clip (a cached 1-bit mask, or a rectangle), is
+//    composited with the raster operation over D, S and T and the transparency rules;
+//  - at the end of the page the buffer is handed over as it is (grey, RGB) or dithered to
+//    1 bit with an ordered 16x16 matrix.
 #include "render/raster_device.h"
 
 #include "render/page_geometry.h"
