@@ -132,6 +132,7 @@ void Interpreter::defaults(bool full) {
     m_chordTolerance = 5;
     m_fillType = 1;
     m_fillOption1 = m_fillOption2 = 0;
+    m_rasterFills.clear();
     m_transparent = true;
     m_colourRange = {0, 255, 0, 255, 0, 255};
     m_mergeRop = -1;
@@ -452,6 +453,43 @@ void Interpreter::fillPlu(const std::vector<std::vector<Point>>& polys, bool eve
         m_dev.fillPath(path, rule, Paint::solid({mix(pen.r), mix(pen.g), mix(pen.b)}), renderState(true));
         return;
     }
+    case 11: {
+        // A raster fill pattern of RF: pen numbers a pixel, pen 0 white; the others in the
+        // current pen's colour, or in their own with the second option 1.
+        auto it = m_rasterFills.find(toInt(m_fillOption1));
+        if (it == m_rasterFills.end())
+            break;
+        const RasterFill& rf = it->second;
+        auto tile = std::make_shared<PatternTile>();
+        tile->width = rf.width;
+        tile->height = rf.height;
+        tile->pixels.resize(static_cast<size_t>(rf.width) * static_cast<size_t>(rf.height));
+        const Rgb current = penPaint().color;
+        for (size_t i = 0; i < tile->pixels.size(); ++i) {
+            const int pen = rf.pens[i];
+            if (pen == 0)
+                tile->pixels[i] = Rgb::white();
+            else if (toInt(m_fillOption2) == 1 && !m_pens.empty())
+                tile->pixels[i] = m_pens[static_cast<size_t>(pen) % m_pens.size()];
+            else
+                tile->pixels[i] = current;
+        }
+        // One pattern pixel is one 300 dpi dot, laid from the frame's corner.
+        tile->tileToPage = m_frame.frameToPage * Matrix::scale(0.24, 0.24);
+        m_dev.fillPath(path, rule, Paint::tiled(std::move(tile)), renderState(true));
+        return;
+    }
+    case 21:
+    case 22:
+        // PCL's own cross-hatch and user-defined patterns.
+        if (m_host) {
+            if (auto paint = m_host->pclPattern(m_fillType, toInt(m_fillOption1))) {
+                m_dev.fillPath(path, rule, *paint, renderState(true));
+                return;
+            }
+        }
+        warnOnce("HP-GL/2: PCL patterns as fill types are drawn solid here");
+        break;
     default: break;
     }
     m_dev.fillPath(path, rule, penPaint(), renderState(true));
@@ -826,8 +864,8 @@ size_t Interpreter::run(const uint8_t* data, size_t size) {
             }
             continue;
         }
-        if ((a == 'B' && b == 'P') || (a == 'C' && b == 'O')) {
-            reader.skipParameters(); // begin plot and comments carry nothing to draw
+        if ((a == 'B' && b == 'P') || (a == 'C' && b == 'O') || (a == 'M' && b == 'G')) {
+            reader.skipParameters(); // begin plot, comments and messages carry nothing to draw
             continue;
         }
         if (a == 'S' && b == 'M') {
@@ -1225,18 +1263,42 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
         }
         const int type = toInt(p[0]);
         switch (type) {
-        case 1: case 2: case 3: case 4: case 10:
+        case 1: case 2: case 3: case 4: case 10: case 11: case 21: case 22:
             m_fillType = type;
             if (type >= 3) {
-                m_fillOption1 = at(1, type == 10 ? 100 : 0);
+                m_fillOption1 = at(1, type == 10 ? 100 : type == 11 || type == 21 ? 1 : 0);
                 m_fillOption2 = at(2, 0);
             }
             break;
         default:
-            warnOnce("HP-GL/2: fill types other than solid, hatching and shading are drawn solid");
+            warnOnce("HP-GL/2: unknown fill types are drawn solid");
             m_fillType = 1;
             break;
         }
+        return;
+    }
+    if (is("RF")) {
+        if (p.empty()) {
+            m_rasterFills.clear();
+            return;
+        }
+        const int index = toInt(p[0]);
+        if (p.size() < 3) {
+            m_rasterFills.erase(index);
+            return;
+        }
+        const int w = toInt(p[1]), h = toInt(p[2]);
+        if (index < 1 || index > 8 || w < 1 || h < 1 || w > 255 || h > 255) {
+            warnOnce("HP-GL/2: raster fill pattern out of range ignored");
+            return;
+        }
+        RasterFill rf;
+        rf.width = w;
+        rf.height = h;
+        rf.pens.assign(static_cast<size_t>(w) * static_cast<size_t>(h), 0);
+        for (size_t i = 0; i < rf.pens.size() && i + 3 < p.size(); ++i)
+            rf.pens[i] = std::max(0, toInt(p[i + 3]));
+        m_rasterFills[index] = std::move(rf);
         return;
     }
     if (is("TR")) {
@@ -1382,7 +1444,7 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
     static const char* const kIgnored[] = {"PS", "PG", "RP", "PP", "AC", "CF", "DV", "ES", "LM",
                                            "QL", "TD", "VS", "FS", "IV", "WD", "OI", "OP", "OS", "OE",
                                            "OW", "OH", "OF", "OD", "OA", "OC", "OG", "NR", "AF", "AH",
-                                           "PB", "RF", "SB"};
+                                           "PB", "SB", "EC", "FR"};
     for (const char* m : kIgnored)
         if (is(m))
             return;

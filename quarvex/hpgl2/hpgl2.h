@@ -71,6 +71,13 @@ public:
     // PCL's current raster operation and source transparency (and its clip, if any). HP-GL/2
     // adds the picture frame clip and its own pattern transparency (TR).
     virtual RenderState renderState() const { return {}; }
+    // The PCL paint for fill types 21 (PCL cross-hatch pattern, id 1 to 6) and 22 (PCL
+    // user-defined pattern by id); nullopt: drawn solid in the pen colour.
+    virtual std::optional<Paint> pclPattern(int fillType, int id) const {
+        (void)fillType;
+        (void)id;
+        return std::nullopt;
+    }
 };
 
 // One item of polyline-encoded data (PE).
@@ -127,6 +134,11 @@ private:
         std::vector<Point> pts; // rotated plotter units
         bool closed = false;    // closed with the pen down: EP draws the closing side
         bool edged = false;     // it has pen-down segments
+    };
+
+    struct RasterFill {
+        int width = 0, height = 0;
+        std::vector<int> pens; // row-major, top row first
     };
 
     struct Font {
@@ -223,6 +235,7 @@ private:
     // Fill
     int m_fillType = 1;
     double m_fillOption1 = 0, m_fillOption2 = 0;
+    std::map<int, RasterFill> m_rasterFills; // RF
     bool m_transparent = true;        // TR
     int m_mergeRop = -1;              // MC: the raster operation; -1 = PCL's
     std::array<double, 6> m_colourRange{0, 255, 0, 255, 0, 255}; // CR: black and white of r, g, b

@@ -483,3 +483,50 @@ TEST(Hpgl2Interpreter, RelativeDirectionFollowsP1P2) {
     EXPECT_NEAR(t.gl.penPosition().y, 432 - cell / std::sqrt(2.0), 1e-6);
     EXPECT_EQ(t.dev.masks, 1);
 }
+
+TEST(Hpgl2Interpreter, RasterFillPatterns) {
+    Gl t;
+    // A 2x2 checker of pens 1 and 0, used with the current pen (2: red) and with its own pens.
+    t.run("IN;NP4;SP2;RF1,2,2,1,0,0,1;FT11,1;PA0,0;RA1016,1016;FT11,1,1;RA1016,1016;");
+    ASSERT_EQ(t.dev.fills.size(), 2u);
+    for (const auto& f : t.dev.fills) {
+        ASSERT_EQ(f.paint.kind, Paint::Kind::Pattern);
+        ASSERT_EQ(f.paint.pattern->width, 2);
+        ASSERT_EQ(f.paint.pattern->height, 2);
+        EXPECT_EQ(f.paint.pattern->pixels[1], Rgb::white());
+        EXPECT_NEAR(f.paint.pattern->tileToPage.a, 0.24, 1e-12);
+        EXPECT_NEAR(f.paint.pattern->tileToPage.e, 36, 1e-12);
+    }
+    EXPECT_EQ(t.dev.fills[0].paint.pattern->pixels[0], (Rgb{255, 0, 0}));
+    EXPECT_EQ(t.dev.fills[1].paint.pattern->pixels[0], Rgb::black());
+    EXPECT_TRUE(t.diag.lines().empty());
+}
+
+TEST(Hpgl2Interpreter, PclPatternsComeFromTheHost) {
+    struct PatternHost : PageHost {
+        using PageHost::PageHost;
+        std::optional<Paint> pclPattern(int type, int id) const override {
+            if (type == 21 && id == 3)
+                return Paint::solid({1, 2, 3});
+            return std::nullopt;
+        }
+    };
+    CaptureDevice dev;
+    Diagnostics diag("test", false);
+    PatternHost host(dev);
+    Interpreter gl(dev, diag, nullptr, &host);
+    runText(gl, "IN;FT21,3;PA0,0;RA1016,1016;FT22,7;RA1016,1016;");
+    ASSERT_EQ(dev.fills.size(), 2u);
+    EXPECT_EQ(RecordingDevice::describe(dev.fills[0].paint), "#010203");
+    // The host has no such pattern: solid, with one warning.
+    EXPECT_EQ(RecordingDevice::describe(dev.fills[1].paint), "#000000");
+    EXPECT_EQ(diag.lines().size(), 1u);
+}
+
+TEST(Hpgl2Interpreter, MessagesAndCommentsWithQuotedText) {
+    Gl t;
+    t.run("IN;MG\"PD;PA9999,9999\";CO\"LB oops\";PD;PA1016,0;PU;");
+    ASSERT_EQ(t.dev.strokes.size(), 1u);
+    EXPECT_EQ(t.stroke(0), "M36,432 L108,432");
+    EXPECT_TRUE(t.diag.lines().empty());
+}
