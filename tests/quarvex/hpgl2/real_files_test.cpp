@@ -5,6 +5,7 @@
 #include "test_support.h"
 
 #include "fonts/font_library.h"
+#include "render/raster_device.h"
 
 #include <gtest/gtest.h>
 
@@ -231,4 +232,64 @@ TEST(Hpgl2RealFiles, BareHpgl2WithDashesAndStrokedLettering) {
     EXPECT_LE(b.x1, 18 + 576);
     EXPECT_GE(b.y0, 36);
     EXPECT_LE(b.y1, 36 + 720);
+}
+
+TEST(Hpgl2RealFiles, PlotutilsGraphRasterised) {
+    // The same job drawn into pixels at 100 dpi: the frame of the plot lands on its rows and
+    // columns, and nothing is drawn outside the picture frame.
+    struct Sink : PageSink {
+        std::vector<RasterPage> pages;
+        bool writePage(const RasterPage& p) override {
+            pages.push_back(p);
+            return true;
+        }
+    } sink;
+    RasterOptions options;
+    options.depth = 8;
+    options.dpiX = options.dpiY = 100;
+    RasterDevice dev(options, sink);
+    Diagnostics diag("job", false);
+    PageHost host(dev);
+    Interpreter gl(dev, diag, &fonts(), &host);
+    PictureFrame f;
+    f.frameToPage = Matrix::translate(18, 36);
+    f.width = 576;
+    f.height = 720;
+    gl.setPictureFrame(f);
+    const std::string d = readFile("graph_plotutils.pcl");
+    const size_t start = d.find("\x1b%0B") + 4;
+    const size_t used = gl.run(reinterpret_cast<const uint8_t*>(d.data()) + start, d.size() - start);
+    EXPECT_EQ(d.substr(start + used, 4), "\x1b%0A");
+    ASSERT_TRUE(host.open);
+    dev.endPage();
+    ASSERT_EQ(sink.pages.size(), 1u);
+    const RasterPage& page = sink.pages[0];
+    ASSERT_EQ(page.width, 850);
+    ASSERT_EQ(page.height, 1100);
+    auto dark = [&](int x, int y) { return page.row(y)[x] < 128; };
+    int x0 = page.width, y0 = page.height, x1 = -1, y1 = -1;
+    long ink = 0;
+    for (int y = 0; y < page.height; ++y)
+        for (int x = 0; x < page.width; ++x)
+            if (dark(x, y)) {
+                ++ink;
+                x0 = std::min(x0, x), y0 = std::min(y0, y), x1 = std::max(x1, x), y1 = std::max(y1, y);
+            }
+    EXPECT_GT(ink, 3000);
+    // Inside the picture frame: 18..594 by 36..756 points.
+    EXPECT_GE(x0, 25);
+    EXPECT_LE(x1, 825);
+    EXPECT_GE(y0, 50);
+    EXPECT_LE(y1, 1050);
+    // The plot's frame: 133.2 to 478.8 points across (185 to 665 px), 223.2 to 568.8 down
+    // (310 to 790 px). Its left and right sides are dark half way down.
+    const int mid = 550;
+    auto darkNear = [&](int x, int y) { return dark(x - 1, y) || dark(x, y) || dark(x + 1, y); };
+    EXPECT_TRUE(darkNear(185, mid));
+    EXPECT_TRUE(darkNear(665, mid));
+    EXPECT_FALSE(darkNear(425, 320)); // inside the plot, above the curve
+    int topRow = 0;
+    for (int x = 200; x < 650; ++x)
+        topRow += dark(x, 310) || dark(x, 309) || dark(x, 311);
+    EXPECT_GT(topRow, 440);
 }
