@@ -380,7 +380,6 @@ void Hpgl::command(char a, char b, const std::vector<double>& args) {
         if (args.size() >= 4) {
             for (int i = 0; i < 4; ++i)
                 m_scale[i] = clampCoord(args[static_cast<size_t>(i)]);
-            m_scaleType = static_cast<int>(arg(4, 0));
             m_scaling = true;
         } else {
             m_scaling = false;

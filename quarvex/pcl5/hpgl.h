@@ -81,14 +81,12 @@ private:
     Point m_p1{0, 0}, m_p2{0, 0};
     bool m_scaling = false;
     double m_scale[4] = {0, 1, 0, 1}; // xmin, xmax, ymin, ymax
-    int m_scaleType = 0;
     int m_lineType = 0; // 0 = solid
     double m_patternLength = 4; // percent of the P1-P2 diagonal
     Path m_path;                 // the polyline being drawn, page space
     bool m_polygonMode = false;
     Path m_polygon;              // the polygon buffer of PM, page space
     uint8_t m_labelTerminator = 0x03;
-    bool m_marked = false;
     bool m_warnedLabel = false;
     // Labels
     FontRequest m_labelRequest;

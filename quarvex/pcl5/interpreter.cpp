@@ -27,7 +27,7 @@ double clampPos(double v) { return std::clamp(v, -kMaxPosition, kMaxPosition); }
 
 Interpreter::Interpreter(JobContext& ctx) : m_ctx(ctx), m_dev(ctx.device), m_fonts(ctx.fonts) {
     m_paper = *paperByCode(2);
-    reset(true);
+    reset();
 }
 
 Interpreter::~Interpreter() = default;
@@ -42,8 +42,7 @@ void Interpreter::warnOnce(const std::string& message) {
 // ---------------------------------------------------------------------------------------------
 // Reset and page setup
 
-void Interpreter::reset(bool pjlDefaults) {
-    (void)pjlDefaults;
+void Interpreter::reset() {
     if (m_raster.active)
         endRaster();
     const PjlDefaults& pjl = m_ctx.pjl;
@@ -728,7 +727,7 @@ Paint Interpreter::paintForPattern(int type, int id) const {
     }
 }
 
-Paint Interpreter::currentPaint(double) const { return paintForPattern(m_currentPatternType, m_currentPatternId); }
+Paint Interpreter::currentPaint() const { return paintForPattern(m_currentPatternType, m_currentPatternId); }
 
 void Interpreter::fillRect() {
     double w = m_rectWidth, h = m_rectHeight;
@@ -1101,7 +1100,7 @@ void Interpreter::handleEscape2(uint8_t c) {
     switch (c) {
     case 'E': // reset
         ejectPage();
-        reset(true);
+        reset();
         m_inHpgl = false;
         m_hpgl.reset();
         break;
@@ -1312,7 +1311,6 @@ void Interpreter::handleParam(Parser& parser, const Command& cmd) {
             if (m_underline)
                 drawUnderline();
             m_underline = true;
-            m_underlineFloating = iv == 3;
             startUnderline();
         } else if (f == '@') {
             if (m_underline)

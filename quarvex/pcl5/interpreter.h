@@ -68,7 +68,7 @@ private:
     HpglFrame pictureFrame() const;
 
     // Page setup
-    void reset(bool pjlDefaults);
+    void reset();
     void applyPageSetup(const PaperSize& paper, int orientation);
     void defaultTextArea();
     void setPaper(int code);
@@ -85,7 +85,6 @@ private:
     // Page lifetime
     void ensurePage();
     void ejectPage();
-    void markPage() { ensurePage(); }
 
     // Cursor and text
     void carriageReturn();
@@ -100,7 +99,7 @@ private:
     void startUnderline();
 
     // Graphics
-    Paint currentPaint(double patternUnits = 24) const;
+    Paint currentPaint() const;
     RenderState renderState() const;
     Paint paintForPattern(int type, int id) const;
     void fillRect();
@@ -161,7 +160,6 @@ private:
     int m_lineTermination = 0;
     std::vector<std::pair<double, double>> m_cursorStack;
     bool m_underline = false;
-    bool m_underlineFloating = false;
     double m_underlineStart = 0;
     double m_underlineY = 0;
     double m_lastAdvance = 0;
@@ -196,7 +194,7 @@ private:
     RasterState m_raster;
     int m_rasterResolution = 75;
     int m_compression = 0;
-    int m_presentation = 0;
+    int m_presentation = 0; // raster presentation: 0 follows the orientation, 3 the sheet (same here)
     double m_destWidth = 0, m_destHeight = 0; // ESC*t#H/V, decipoints; 0 = none
 
     struct StoredFont {
