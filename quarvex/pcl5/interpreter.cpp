@@ -378,9 +378,12 @@ void Interpreter::printCode(uint32_t code) {
     FontState& f = currentFont();
     if (f.softId >= 0 && printSoftCode(f, code))
         return;
-    if (f.index < 0 && !m_fonts) {
-        warnOnce("PCL 5: no fonts available, text skipped");
-        m_x += m_hmi;
+    if (f.index < 0) {
+        // No font library, or not one font file found: the text cannot be drawn.
+        warnOnce(m_fonts ? "PCL 5: no font file found for the text, text skipped" : "PCL 5: no fonts available, text skipped");
+        if (code >= 0x20)
+            ensurePage();
+        m_x = clampPos(m_x + m_hmi);
         return;
     }
     const char32_t uc = symbolSetToUnicode(f.request.symbolSet, code);

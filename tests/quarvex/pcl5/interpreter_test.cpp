@@ -256,6 +256,17 @@ TEST(Pcl5Text, WithoutFontsTextIsSkippedWithAWarning) {
     EXPECT_TRUE(r.starting("mask").empty());
 }
 
+TEST(Pcl5Text, WithoutFontFilesTextIsSkippedWithAWarning) {
+    FontLibrary empty({"/nonexistent/folder"}, false);
+    RecordingDevice dev;
+    Diagnostics diag("test", false);
+    JobContext ctx{dev, diag, &empty, {}};
+    const std::string job = "Hello\f";
+    pcl5::run(reinterpret_cast<const uint8_t*>(job.data()), job.size(), ctx);
+    EXPECT_TRUE(diag.hasWarnings());
+    EXPECT_EQ(dev.pageCount(), 1); // printing was started on the sheet
+}
+
 TEST(Pcl5Text, PjlFontDefaults) {
     PjlDefaults pjl;
     pjl.pitch = 20;
