@@ -133,6 +133,8 @@ void Interpreter::defaults(bool full) {
     m_fillType = 1;
     m_fillOption1 = m_fillOption2 = 0;
     m_rasterFills.clear();
+    m_anchor = {0, 0};
+    m_symbol = 0;
     m_transparent = true;
     m_colourRange = {0, 255, 0, 255, 0, 255};
     m_mergeRop = -1;
@@ -424,15 +426,15 @@ void Interpreter::fillPlu(const std::vector<std::vector<Point>>& polys, bool eve
             const Point dir{std::cos(angle), std::sin(angle)};
             const Point normal{-dir.y, dir.x};
             // Lines at offsets k * spacing from the origin along the normal.
-            const double c = centre.x * normal.x + centre.y * normal.y;
+            const double c = (centre.x - m_anchor.x) * normal.x + (centre.y - m_anchor.y) * normal.y;
             const double kFirst = std::floor((c - reach / 2) / spacing);
             const double kLast = std::ceil((c + reach / 2) / spacing);
             if (kLast - kFirst > 20000)
                 continue;
             for (double k = kFirst; k <= kLast; ++k) {
                 const double off = k * spacing;
-                const double along = centre.x * dir.x + centre.y * dir.y;
-                const Point base{normal.x * off + dir.x * along, normal.y * off + dir.y * along};
+                const double along = (centre.x - m_anchor.x) * dir.x + (centre.y - m_anchor.y) * dir.y;
+                const Point base{m_anchor.x + normal.x * off + dir.x * along, m_anchor.y + normal.y * off + dir.y * along};
                 lines.moveTo(pluToPage({base.x - dir.x * reach, base.y - dir.y * reach}));
                 lines.lineTo(pluToPage({base.x + dir.x * reach, base.y + dir.y * reach}));
             }
@@ -474,8 +476,11 @@ void Interpreter::fillPlu(const std::vector<std::vector<Point>>& polys, bool eve
             else
                 tile->pixels[i] = current;
         }
-        // One pattern pixel is one 300 dpi dot, laid from the frame's corner.
-        tile->tileToPage = m_frame.frameToPage * Matrix::scale(0.24, 0.24);
+        // One pattern pixel is one 300 dpi dot, laid from the anchor corner (AC), in the
+        // directions of the frame.
+        const Point corner = pluToPage(m_anchor);
+        const Matrix& fp = m_frame.frameToPage;
+        tile->tileToPage = Matrix{fp.a, fp.b, fp.c, fp.d, corner.x, corner.y} * Matrix::scale(0.24, 0.24);
         m_dev.fillPath(path, rule, Paint::tiled(std::move(tile)), renderState(true));
         return;
     }
@@ -546,7 +551,24 @@ void Interpreter::plotPairs(const std::vector<double>& p, bool relative) {
         } else {
             moveTo(userToPlu(v));
         }
+        if (m_symbol != 0 && !m_polygonMode)
+            drawSymbol();
     }
+}
+
+// The character of symbol mode, centred on the pen; the pen stays.
+void Interpreter::drawSymbol() {
+    if (!m_fonts || selectFont() < 0) {
+        warnOnce("HP-GL/2: symbol mode needs fonts; points are not marked");
+        return;
+    }
+    const Point pen = m_pen, start = m_labelStart;
+    const int origin = m_labelOrigin;
+    m_labelOrigin = 5;
+    labelLine(std::u32string(1, static_cast<char32_t>(m_symbol)), pen);
+    m_labelOrigin = origin;
+    m_pen = pen;
+    m_labelStart = start;
 }
 
 double Interpreter::chordAngle(const std::vector<double>& p, size_t index) const {
@@ -829,6 +851,8 @@ size_t Interpreter::run(const uint8_t* data, size_t size) {
                     const Point d = userDeltaToPlu(v);
                     moveTo({m_pen.x + d.x, m_pen.y + d.y});
                 }
+                if (m_symbol != 0 && !m_polygonMode)
+                    drawSymbol();
             }
             m_penDown = down;
             continue;
@@ -869,14 +893,14 @@ size_t Interpreter::run(const uint8_t* data, size_t size) {
             continue;
         }
         if (a == 'S' && b == 'M') {
-            // Symbol mode: one character (or none) to mark each point; not drawn.
+            // Symbol mode: a character to mark each point that follows; none ends it.
             size_t pos = reader.position();
-            if (pos < size && data[pos] != ';' && data[pos] != kEsc)
-                ++pos;
+            m_symbol = 0;
+            if (pos < size && data[pos] > 0x20 && data[pos] < 0x7F && data[pos] != ';')
+                m_symbol = data[pos++];
             if (pos < size && data[pos] == ';')
                 ++pos;
             reader.setPosition(pos);
-            warnOnce("HP-GL/2: symbol mode (SM) not supported, points are not marked");
             continue;
         }
         reader.numbers(p);
@@ -1277,6 +1301,10 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
         }
         return;
     }
+    if (is("AC")) {
+        m_anchor = p.size() >= 2 ? userToPlu({p[0], p[1]}) : Point{0, 0};
+        return;
+    }
     if (is("RF")) {
         if (p.empty()) {
             m_rasterFills.clear();
@@ -1441,7 +1469,7 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
     }
     // Accepted without effect here: plot size and page advance belong to PCL, the rest changes
     // nothing this engine draws.
-    static const char* const kIgnored[] = {"PS", "PG", "RP", "PP", "AC", "CF", "DV", "ES", "LM",
+    static const char* const kIgnored[] = {"PS", "PG", "RP", "PP", "CF", "DV", "ES", "LM",
                                            "QL", "TD", "VS", "FS", "IV", "WD", "OI", "OP", "OS", "OE",
                                            "OW", "OH", "OF", "OD", "OA", "OC", "OG", "NR", "AF", "AH",
                                            "PB", "SB", "EC", "FR"};

@@ -190,6 +190,7 @@ private:
     // Labels
     void label(const std::string& text);
     void labelLine(const std::u32string& line, Point start);
+    void drawSymbol();
     Point labelDirection() const;
     double lineFeedPlu() const;
     double charWidthPlu() const;
@@ -236,6 +237,7 @@ private:
     int m_fillType = 1;
     double m_fillOption1 = 0, m_fillOption2 = 0;
     std::map<int, RasterFill> m_rasterFills; // RF
+    Point m_anchor;                   // AC: where hatching and raster fills start, plotter units
     bool m_transparent = true;        // TR
     int m_mergeRop = -1;              // MC: the raster operation; -1 = PCL's
     std::array<double, 6> m_colourRange{0, 255, 0, 255, 0, 255}; // CR: black and white of r, g, b
@@ -261,6 +263,7 @@ private:
     uint8_t m_terminator = 3;
     bool m_terminatorPrinted = false;
     Point m_labelStart;               // carriage return point, plotter units
+    uint8_t m_symbol = 0;             // SM: the character marking each point; 0 = none
 };
 
 } // namespace qx::hpgl2

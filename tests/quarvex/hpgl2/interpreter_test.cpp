@@ -530,3 +530,27 @@ TEST(Hpgl2Interpreter, MessagesAndCommentsWithQuotedText) {
     EXPECT_EQ(t.stroke(0), "M36,432 L108,432");
     EXPECT_TRUE(t.diag.lines().empty());
 }
+
+TEST(Hpgl2Interpreter, SymbolModeMarksEveryPoint) {
+    Gl t(&fonts());
+    t.run("IN;SM*;PA1016,1016;PD2032,1016,2032,0;PU;SM;PA0,0;");
+    EXPECT_EQ(t.dev.masks, 3);
+    ASSERT_EQ(t.dev.strokes.size(), 1u);
+    EXPECT_EQ(t.stroke(0), "M108,360 L180,360 L180,432");
+    EXPECT_NEAR(t.gl.penPosition().x, 36, 1e-9);
+    EXPECT_TRUE(t.diag.lines().empty());
+}
+
+TEST(Hpgl2Interpreter, AnchorCornerShiftsHatching) {
+    Gl t;
+    // Horizontal hatching 100 plotter units apart, through y = 50 after AC.
+    t.run("IN;AC0,50;FT3,100,0;PA0,0;RA1016,1016;");
+    ASSERT_EQ(t.dev.strokes.size(), 1u);
+    bool through50 = false, through0 = false;
+    for (Point q : t.dev.strokes[0].path.points()) {
+        through50 = through50 || std::fabs(q.y - (432 - 50 * 72.0 / 1016)) < 1e-6;
+        through0 = through0 || std::fabs(q.y - 432) < 1e-6;
+    }
+    EXPECT_TRUE(through50);
+    EXPECT_FALSE(through0);
+}
