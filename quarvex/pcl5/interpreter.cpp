@@ -517,6 +517,24 @@ void Interpreter::selectSoftFont(FontState& f, int id) {
     fontChanged(f);
 }
 
+int Interpreter::matchSoftFont(const FontRequest& rq) const {
+    for (const auto& [id, stored] : m_softFonts) {
+        const SoftFont& sf = stored.font;
+        if (sf.symbolSet != rq.symbolSet || sf.proportional != rq.proportional || sf.typeface != rq.typeface ||
+            sf.style != rq.style || sf.weight != rq.weight)
+            continue;
+        if (!sf.scalable) {
+            // Bitmap fonts come in one size.
+            if (!sf.proportional && (sf.pitchDots <= 0 || std::abs(sf.resolution / sf.pitchDots - rq.pitch) > 0.05 * rq.pitch))
+                continue;
+            if (sf.proportional && std::abs(sf.heightDots * 72.0 / sf.resolution - rq.height) > 0.25)
+                continue;
+        }
+        return id;
+    }
+    return -1;
+}
+
 void Interpreter::fontControl(int operation) {
     const auto erase = [&](std::map<int, StoredFont>::iterator it) {
         m_softFontBytes -= std::min(m_softFontBytes, it->second.font.bytes);
@@ -1141,7 +1159,7 @@ void Interpreter::handleFontCommand(const Command& cmd, bool secondary) {
         const int number = cmd.intValue();
         if (number >= 0 && number <= 2047) {
             f.request.symbolSet = symbolSetId(number, static_cast<char>(cmd.final));
-            f.softId = -1;
+            f.softId = matchSoftFont(f.request);
             fontChanged(f);
         }
         return;
@@ -1175,7 +1193,7 @@ void Interpreter::handleFontCommand(const Command& cmd, bool secondary) {
     case 'T': f.request.typeface = std::clamp(cmd.intValue(), 0, 65535); break;
     default: return;
     }
-    f.softId = -1;
+    f.softId = matchSoftFont(f.request);
     fontChanged(f);
 }
 

@@ -126,6 +126,8 @@ private:
 
     // Downloaded fonts
     void selectSoftFont(FontState& f, int id);
+    // A downloaded font whose attributes answer the request exactly, -1 when none does.
+    int matchSoftFont(const FontRequest& request) const;
     void fontControl(int operation);
     void defineFont(std::span<const uint8_t> data);
     void defineCharacter(std::span<const uint8_t> data);

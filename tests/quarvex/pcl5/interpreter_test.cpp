@@ -492,6 +492,20 @@ TEST(Pcl5SoftFonts, ResidentFontsComeBackOnAttributeSelection) {
     EXPECT_NE(masks[1].rfind("mask 8x8 ink=64", 0), 0u) << masks[1]; // Courier's A
 }
 
+TEST(Pcl5SoftFonts, DownloadedFontsAnswerSelectionByAttributes) {
+    // The header says: fixed, 8U, 10 dots pitch (30 characters an inch at 300 dpi), typeface 0,
+    // upright, medium. Asking for exactly that by attributes finds the downloaded font.
+    const std::string box(8, '\xff');
+    const std::string job = ESC + "*c3D" + ESC + ")s64W" + fontHeader(false, 40) + ESC + "*c65E" + ESC + "(s" +
+                            std::to_string(16 + box.size()) + "W" + character(1, 40, box) + ESC + "(8U" + ESC +
+                            "(s0p30h0s0b0T" + "A" + ESC + "(s10H" + "A";
+    Result r = runPcl(job);
+    auto masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 2u);
+    EXPECT_EQ(masks[0].rfind("mask 8x8 ink=64", 0), 0u) << masks[0];
+    EXPECT_NE(masks[1].rfind("mask 8x8 ink=64", 0), 0u) << masks[1]; // 10 pitch: a resident font
+}
+
 TEST(Pcl5SoftFonts, DamagedDownloadsAreWarnedAndSkipped) {
     Result r = runPcl(ESC + "*c1D" + ESC + ")s10W0123456789" + ESC + "(1X" + "A" + ESC + "(s3W\x04\x00\x0e");
     EXPECT_TRUE(r.warnings);
