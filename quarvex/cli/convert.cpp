@@ -143,7 +143,10 @@ int convert(const Options& options) {
         diag.error("the input holds no printable data; nothing to convert");
         return kNothingWritten;
     }
-    if (!input::isConvertible(kind)) {
+    // Something else at the start is refused at once, unless a Universal Exit Language
+    // sequence further on starts jobs that the loop may convert (a spool file with a
+    // foreign header, a PostScript job followed by PCL).
+    if (!input::isConvertible(kind) && input::findUel(in.data(), in.size(), 0) == in.size()) {
         diag.error(refusal(input::describe(kind)));
         return kNothingWritten;
     }

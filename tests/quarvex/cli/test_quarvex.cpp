@@ -705,3 +705,26 @@ TEST(QuarvexConversion, PlainTextPrintsAsText) {
     EXPECT_GT(ink.pixels, 0);
     EXPECT_LT(ink.y1, 200u) << "two lines at the top of the page";
 }
+
+TEST(QuarvexConversion, JobsAfterAForeignStartAreConverted) {
+    const fs::path dir = freshDir("foreign_start");
+    const std::string xl = readFile(kTwoPagesXl);
+    std::mt19937 rng(11);
+    std::string junk(3000, '\0');
+    for (char& c : junk)
+        c = static_cast<char>(rng());
+    junk[0] = '\x9c';
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"junk.prn", junk + xl},
+        {"ps_then_pcl.prn", "%!PS-Adobe-3.0\nshowpage\n" + xl},
+    };
+    for (const auto& [name, content] : cases) {
+        SCOPED_TRACE(name);
+        writeFile(dir / name, content);
+        const fs::path out = dir / (name + ".tif");
+        const Result r = run({"-o", out.string(), "-i", (dir / name).string()});
+        EXPECT_EQ(r.status, 3) << r.err;
+        EXPECT_NE(r.err.find("skipped 1 job"), std::string::npos) << r.err;
+        EXPECT_EQ(readTiff(out).pages, 2);
+    }
+}
