@@ -926,6 +926,62 @@ struct RasterDevice::Impl {
 
     // ---- images and masks -------------------------------------------------------------------
 
+    // The same on an RGB page: whole bytes of ink write eight pixels at once.
+    void stampUnitMaskRgb(const Mask& mask, const IRect& box, int64_t ox, int64_t oy, int64_t cLo,
+                          int64_t cHi) {
+        // widen3[b]: 24 bytes, 0xFF under each pixel whose bit is set in b.
+        static const auto widen3 = [] {
+            std::array<std::array<uint64_t, 3>, 256> t{};
+            for (int b = 0; b < 256; ++b) {
+                uint8_t bytes[24] = {};
+                for (int i = 0; i < 8; ++i)
+                    if (b & (0x80 >> i))
+                        std::memset(bytes + i * 3, 0xFF, 3);
+                std::memcpy(t[b].data(), bytes, 24);
+            }
+            return t;
+        }();
+        uint8_t eight[24];
+        for (int i = 0; i < 8; ++i)
+            std::memcpy(eight + i * 3, constOut, 3);
+        cLo = std::max<int64_t>(cLo, clip.bound.x0 + ox);
+        cHi = std::min<int64_t>(cHi, clip.bound.x1 + ox);
+        const int y0 = std::max(box.y0, clip.bound.y0), y1 = std::min(box.y1, clip.bound.y1);
+        if (cLo >= cHi)
+            return;
+        for (int y = y0; y < y1; ++y) {
+            const int64_t j = y + oy;
+            if (j < 0 || j >= mask.height)
+                continue;
+            const uint8_t* bits = mask.bits.data() + size_t(j) * mask.stride;
+            uint8_t* D = row(y) - ox * 3; // D + 3 * c is the pixel under mask column c
+            int64_t c = cLo;
+            for (; c < cHi && (c & 7); ++c)
+                if (bits[c >> 3] & (0x80 >> (c & 7)))
+                    std::memcpy(D + c * 3, constOut, 3);
+            for (; c + 8 <= cHi; c += 8) {
+                const uint8_t b = bits[c >> 3];
+                if (b == 0)
+                    continue;
+                if (b == 0xFF) {
+                    std::memcpy(D + c * 3, eight, 24);
+                    continue;
+                }
+                // Mixed ink: blend all 24 bytes through a byte mask, without branches.
+                const uint64_t* m = widen3[b].data();
+                uint64_t dv[3], cv[3];
+                std::memcpy(dv, D + c * 3, 24);
+                std::memcpy(cv, eight, 24);
+                for (int k = 0; k < 3; ++k)
+                    dv[k] = (dv[k] & ~m[k]) | (cv[k] & m[k]);
+                std::memcpy(D + c * 3, dv, 24);
+            }
+            for (; c < cHi; ++c)
+                if (bits[c >> 3] & (0x80 >> (c & 7)))
+                    std::memcpy(D + c * 3, constOut, 3);
+        }
+    }
+
     // The common case of monochrome raster and glyph bitmaps on a grey page: mask pixels map
     // one to one onto device pixels (device x = column - ox, y = row - oy), the clip is a
     // rectangle and the result is one grey value. Eight pixels at a time, with a table that
@@ -1317,8 +1373,11 @@ void RasterDevice::fillMask(const Mask& mask, const Matrix& maskToPage, const Pa
         // Device x = mask column - ox.
         const int64_t cLo = std::max<int64_t>(0, box.x0 + ox);
         const int64_t cHi = std::min<int64_t>(mw, box.x1 + ox);
-        if (d->C == 1 && d->clip.rect && d->tex.solid && !d->constUsesDest) {
-            d->stampUnitMask(mask, box, ox, oy, cLo, cHi);
+        if (d->clip.rect && d->tex.solid && !d->constUsesDest) {
+            if (d->C == 1)
+                d->stampUnitMask(mask, box, ox, oy, cLo, cHi);
+            else
+                d->stampUnitMaskRgb(mask, box, ox, oy, cLo, cHi);
             return;
         }
         for (int y = box.y0; y < box.y1; ++y) {

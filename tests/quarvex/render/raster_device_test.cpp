@@ -1292,3 +1292,23 @@ TEST(RasterDevice, DeclaredResolutionDrivesTheDevice) {
     EXPECT_EQ(px(p, 149, 149), Rgb::black());
     EXPECT_EQ(px(p, 150, 149), Rgb::white());
 }
+
+TEST(RasterDevice, MaskOneToOneOnRgbPages) {
+    auto ink = [](int x, int y) { return ((x * 5 + y * 3) % 11) < 4 || (x >= 16 && x < 32); };
+    const Mask m = makeMask(53, 9, ink);
+    CaptureSink sink;
+    RasterDevice dev(opts(24), sink);
+    dev.beginPage(square(72));
+    dev.fillPath(rect(0, 0, 72, 72), FillRule::NonZero, Paint::solid({1, 2, 3}), RenderState{});
+    RenderState rs;
+    rs.clip = clipOf({rect(0, 0, 50, 72)}); // a rectangle: the right of the mask is cut off
+    dev.fillMask(m, Matrix::translate(-3, 7), Paint::solid({200, 100, 50}), rs);
+    dev.endPage();
+    const RasterPage& p = sink.pages.at(0);
+    for (int y = 0; y < 20; ++y)
+        for (int x = 0; x < 72; ++x) {
+            const int mx = x + 3, my = y - 7;
+            const bool in = mx < 53 && my >= 0 && my < 9 && x < 50 && ink(mx, my);
+            ASSERT_EQ(px(p, x, y), (in ? Rgb{200, 100, 50} : Rgb{1, 2, 3})) << x << "," << y;
+        }
+}
