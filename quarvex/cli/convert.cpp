@@ -183,16 +183,30 @@ int convert(const Options& options) {
         for (size_t i = first.size(); i < again.size(); ++i)
             std::fprintf(stderr, "%s\n", again[i].c_str());
     };
+    // The run's closing words are shown even when the interpreters used up the lines that
+    // the diagnostics keep.
+    auto finalError = [&](const std::string& message) {
+        const size_t before = d->lines().size();
+        d->error(message);
+        if (d->lines().size() == before)
+            std::fprintf(stderr, "quarvex: %s: %s\n", options.input.c_str(), message.c_str());
+    };
+    auto finalWarning = [&](const std::string& message) {
+        const size_t before = d->lines().size();
+        d->warning(message);
+        if (d->lines().size() == before)
+            std::fprintf(stderr, "quarvex: %s: %s\n", options.input.c_str(), message.c_str());
+    };
     for (int attempt = 0; attempt < 2; ++attempt) {
         tiffOptions.bigTiff = attempt == 1;
         tiff::OutputFile out;
         if (!out.create(output)) {
-            d->error("cannot write " + output + ": " + out.error());
+            finalError("cannot write " + output + ": " + out.error());
             break;
         }
         tiff::TiffWriter writer(tiffOptions);
         if (!writer.open(out.fd(), output)) {
-            d->error("cannot write " + output + ": " + writer.error());
+            finalError("cannot write " + output + ": " + writer.error());
             break;
         }
 
@@ -215,24 +229,24 @@ int convert(const Options& options) {
             continue;
         }
         if (sinkFailed || !writer.error().empty()) {
-            d->error("cannot write " + output + ": " +
+            finalError("cannot write " + output + ": " +
                      (writer.error().empty() ? std::string("not enough memory for a page of this size")
                                              : writer.error()));
             break;
         }
         if (writer.pageCount() == 0) {
             if (result.skippedJobs > 0)
-                d->error(refusal(result.firstSkippedWhat));
+                finalError(refusal(result.firstSkippedWhat));
             else
-                d->error("no page: the input prints nothing");
+                finalError("no page: the input prints nothing");
             break;
         }
         if (result.skippedJobs > 0) {
-            d->warning("skipped " + std::to_string(result.skippedJobs) +
+            finalWarning("skipped " + std::to_string(result.skippedJobs) +
                        " job(s) that are not PCL 5 or PCL XL (the first looks like " + result.firstSkippedWhat + ")");
         }
         if (finished && !out.commit()) {
-            d->error("cannot write " + output + ": " + out.error());
+            finalError("cannot write " + output + ": " + out.error());
             finished = false;
         }
         if (!finished)

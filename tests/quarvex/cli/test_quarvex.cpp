@@ -728,3 +728,16 @@ TEST(QuarvexConversion, JobsAfterAForeignStartAreConverted) {
         EXPECT_EQ(readTiff(out).pages, 2);
     }
 }
+
+TEST(QuarvexConversion, TheClosingMessageSurvivesManyWarnings) {
+    const fs::path dir = freshDir("many_warnings");
+    std::string file;
+    for (int i = 0; i < 80; ++i)
+        file += UEL + "@PJL ENTER LANGUAGE=PCLXL\r\n) HP-PCL XL;2;0\n\xff\xff";
+    writeFile(dir / "broken.prn", file);
+    const fs::path outDir = freshDir("many_warnings_out");
+    const std::string input = (dir / "broken.prn").string();
+    const Result r = run({"-o", (outDir / "x.tif").string(), "-i", input});
+    EXPECT_GT(r.errLines().size(), 40u) << "every broken job says so, up to a limit";
+    expectNothingWritten(r, input, outDir, "no page");
+}
