@@ -86,6 +86,7 @@ void Interpreter::reset() {
     m_displayFunctions = false;
     fontControl(1); // a reset deletes the temporary downloaded fonts
     m_frameWidth = m_frameHeight = 0;
+    m_plotWidth = m_plotHeight = 0;
     m_frameAnchorX = 0;
     m_frameAnchorY = -1;
 
@@ -129,8 +130,7 @@ void Interpreter::applyPageSetup(const PaperSize& paper, int orientation) {
     m_logicalHeight = m_sheetHeight;
     m_direction = 0;
     defaultTextArea();
-    if (m_hpgl)
-        m_hpgl->setFrame(pictureFrame());
+    updatePictureFrame();
 }
 
 void Interpreter::defaultTextArea() {
@@ -1123,7 +1123,10 @@ void Interpreter::handleEscape2(uint8_t c) {
         ejectPage();
         reset();
         m_inHpgl = false;
-        m_hpgl.reset();
+        if (m_gl) {
+            m_gl->reset();
+            updatePictureFrame();
+        }
         break;
     case '9': // clear horizontal margins
         m_leftMargin = 0;
@@ -1407,23 +1410,28 @@ void Interpreter::handleParam(Parser& parser, const Command& cmd) {
         case 'F': fontControl(iv); break;
         case 'X':
             m_frameWidth = std::clamp(v, 0.0, 1e6) * kDecipoint;
-            if (m_hpgl)
-                m_hpgl->setFrame(pictureFrame());
+            updatePictureFrame();
             break;
         case 'Y':
             m_frameHeight = std::clamp(v, 0.0, 1e6) * kDecipoint;
-            if (m_hpgl)
-                m_hpgl->setFrame(pictureFrame());
+            updatePictureFrame();
             break;
         case 'T':
             if (iv == 0) {
                 m_frameAnchorX = m_x;
                 m_frameAnchorY = std::max(0.0, m_y);
-                if (m_hpgl)
-                    m_hpgl->setFrame(pictureFrame());
+                updatePictureFrame();
             }
             break;
-        case 'R': case 'S': case 'K': case 'L': break;
+        case 'K': // plot size, inches
+            m_plotWidth = std::clamp(v, 0.0, 1000.0) * 72;
+            updatePictureFrame();
+            break;
+        case 'L':
+            m_plotHeight = std::clamp(v, 0.0, 1000.0) * 72;
+            updatePictureFrame();
+            break;
+        case 'R': case 'S': break;
         default: break;
         }
         return;
@@ -1588,7 +1596,7 @@ void Interpreter::handleDataCommand(Parser& parser, const Command& cmd) {
     // Everything else that carries data (configurations, palettes, lookup tables) is skipped.
 }
 
-HpglFrame Interpreter::pictureFrame() const {
+hpgl2::PictureFrame Interpreter::pictureFrame() const {
     // The default picture frame is the logical page's width by the text length, from the left
     // edge at the top margin.
     const double w = m_frameWidth > 0 ? m_frameWidth : m_logicalWidth;
@@ -1599,45 +1607,53 @@ HpglFrame Interpreter::pictureFrame() const {
         h = m_logicalHeight;
     const double ax = m_frameAnchorX;
     const double ay = m_frameAnchorY >= 0 ? m_frameAnchorY : m_topMargin;
-    const double unitsPerPlu = kUnitsPerInch / 1016.0;
-    HpglFrame f;
-    f.plotterToPage = logicalToPage() * Matrix::translate(ax, ay + h) * Matrix::scale(unitsPerPlu, -unitsPerPlu);
-    f.widthPlu = w / unitsPerPlu;
-    f.heightPlu = h / unitsPerPlu;
+    hpgl2::PictureFrame f;
+    f.frameToPage = logicalToPage() * Matrix::translate(ax, ay) * Matrix::scale(kUnitsPerPoint, kUnitsPerPoint);
+    f.width = w / kUnitsPerPoint;
+    f.height = h / kUnitsPerPoint;
+    f.plotWidth = m_plotWidth;
+    f.plotHeight = m_plotHeight;
     return f;
+}
+
+void Interpreter::updatePictureFrame() {
+    if (m_gl)
+        m_gl->setPictureFrame(pictureFrame());
+}
+
+std::optional<Paint> Interpreter::GlHost::pclPattern(int fillType, int id) const {
+    if (fillType == 21)
+        return m_pcl.paintForPattern(3, std::clamp(id, 1, 6));
+    if (fillType == 22 && m_pcl.m_userPatterns.count(id))
+        return m_pcl.paintForPattern(4, id);
+    return std::nullopt;
 }
 
 void Interpreter::enterHpgl(int mode) {
     if (m_raster.active)
         endRaster();
-    if (!m_hpgl) {
-        Hpgl::Hooks hooks;
-        hooks.ensurePage = [this] { ensurePage(); };
-        hooks.warn = [this](const std::string& m) { warnOnce(m); };
-        hooks.renderState = [this] { return renderState(); };
-        hooks.fonts = m_fonts;
-        m_hpgl = std::make_unique<Hpgl>(m_dev, hooks);
-        m_hpgl->setFrame(pictureFrame());
+    if (!m_gl) {
+        m_gl = std::make_unique<hpgl2::Interpreter>(m_dev, m_ctx.diag, m_fonts, &m_glHost);
+        m_gl->setPictureFrame(pictureFrame());
     }
     m_inHpgl = true;
-    if (mode == 1 || mode == 3) {
-        // The pen starts at the PCL cursor.
-        if (auto inv = m_hpgl->plotterToPage().inverted())
-            m_hpgl->setPenPosition(inv->apply(logicalToPage().apply({m_x, m_y})));
-    }
+    // ESC%1B: the pen starts at the PCL cursor.
+    if (mode == 1 || mode == 3)
+        m_gl->enterMode(textToPage().apply({m_x, m_y}));
+    else
+        m_gl->enterMode(std::nullopt);
 }
 
 void Interpreter::leaveHpgl(int mode) {
     if (!m_inHpgl)
         return;
     m_inHpgl = false;
-    if (mode == 1 && m_hpgl) {
-        // The PCL cursor moves to the pen.
-        const Point page = m_hpgl->plotterToPage().apply(m_hpgl->penPosition());
-        if (auto inv = logicalToPage().inverted()) {
-            const Point logical = inv->apply(page);
-            m_x = clampPos(logical.x);
-            m_y = clampPos(logical.y);
+    if (mode == 1 && m_gl) {
+        // ESC%1A: the PCL cursor moves to the pen.
+        if (auto inv = textToPage().inverted()) {
+            const Point p = inv->apply(m_gl->penPosition());
+            m_x = clampPos(p.x);
+            m_y = clampPos(p.y);
         }
     }
 }
@@ -1647,7 +1663,8 @@ size_t Interpreter::run(const uint8_t* data, size_t size) {
     size_t stop = size;
     for (;;) {
         if (m_inHpgl) {
-            parser.setPosition(m_hpgl->run(data, parser.position(), size));
+            const size_t at = parser.position();
+            parser.setPosition(at + m_gl->run(data + at, size - at));
             if (parser.atEnd())
                 break;
         }

@@ -9,7 +9,7 @@
 #include "common/job.h"
 #include "fonts/font_library.h"
 #include "pcl5/page_formats.h"
-#include "pcl5/hpgl.h"
+#include "hpgl2/hpgl2.h"
 #include "pcl5/parser.h"
 #include "pcl5/soft_fonts.h"
 #include "render/device.h"
@@ -65,7 +65,20 @@ private:
     void handleFontCommand(const Command& cmd, bool secondary);
     void enterHpgl(int mode);
     void leaveHpgl(int mode);
-    HpglFrame pictureFrame() const;
+    hpgl2::PictureFrame pictureFrame() const;
+    void updatePictureFrame();
+
+    // What the HP-GL/2 interpreter asks of PCL.
+    class GlHost : public hpgl2::Host {
+    public:
+        explicit GlHost(Interpreter& pcl) : m_pcl(pcl) {}
+        void ensurePage() override { m_pcl.ensurePage(); }
+        RenderState renderState() const override { return m_pcl.renderState(); }
+        std::optional<Paint> pclPattern(int fillType, int id) const override;
+
+    private:
+        Interpreter& m_pcl;
+    };
 
     // Page setup
     void reset();
@@ -209,9 +222,11 @@ private:
     uint32_t m_charCode = 0;
     CharacterAssembler m_assembler;
 
-    std::unique_ptr<Hpgl> m_hpgl;
+    GlHost m_glHost{*this};
+    std::unique_ptr<hpgl2::Interpreter> m_gl;   // made at the first ESC%#B of the job
     bool m_inHpgl = false;
     double m_frameWidth = 0, m_frameHeight = 0; // picture frame, units; 0 = the default
+    double m_plotWidth = 0, m_plotHeight = 0;   // plot size, points; 0 = the frame's
     double m_frameAnchorX = 0, m_frameAnchorY = -1; // -1 = at the top margin
 
     std::vector<std::string> m_warned;
