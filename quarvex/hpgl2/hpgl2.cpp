@@ -16,6 +16,8 @@ constexpr double kPointsPerPlu = 72.0 / 1016.0;
 constexpr uint8_t kEsc = 0x1B;
 // Coordinates are kept within a range that no page reaches, so that nothing overflows.
 constexpr double kMaxPlu = 1e8;
+// The largest em, in device pixels, that labels are rendered at.
+constexpr double kMaxGlyphPixels = 6000;
 
 double clampPlu(double v) {
     if (!std::isfinite(v))
@@ -797,12 +799,20 @@ void Interpreter::labelLine(const std::u32string& line, Point start) {
     const Point ex = toDevice.applyVector({dir.x * emH, dir.y * emH});
     const Point ey = toDevice.applyVector({up.x * emV, up.y * emV});
     const Matrix fontToDevice{ex.x, ex.y, ey.x, ey.y, 0, 0};
+    // Glyphs too large for any page are not rendered (their masks would not fit in memory);
+    // ones too small to show are left out. The pen moves on either way.
+    const double emPixels = std::max(std::hypot(ex.x, ex.y), std::hypot(ey.x, ey.y));
+    bool render = std::isfinite(emPixels) && emPixels >= 0.5;
+    if (render && emPixels > kMaxGlyphPixels) {
+        warnOnce("HP-GL/2: labels too large to render skipped");
+        render = false;
+    }
     const auto inv = m_dev.pageToDevice().inverted();
     const Paint paint = penPaint();
     const RenderState rs = renderState(false);
     for (size_t i = 0; i < line.size(); ++i) {
         const char32_t u = line[i];
-        if (u != U' ' && inv) {
+        if (u != U' ' && inv && render) {
             if (auto g = m_fonts->renderGlyph(font, u, fontToDevice)) {
                 if (g->mask.width > 0 && g->mask.height > 0) {
                     // A fixed cell centres its glyph.

@@ -293,3 +293,39 @@ TEST(Hpgl2RealFiles, PlotutilsGraphRasterised) {
         topRow += dark(x, 310) || dark(x, 309) || dark(x, 311);
     EXPECT_GT(topRow, 440);
 }
+
+TEST(Hpgl2RealFiles, AbsurdValuesThroughTheRasterisingDevice) {
+    // Huge and tiny sizes, far coordinates and degenerate shapes: drawn or skipped, never a hang
+    // or a crash; the page still comes out.
+    struct Sink : PageSink {
+        int pages = 0;
+        bool writePage(const RasterPage&) override {
+            ++pages;
+            return true;
+        }
+    } sink;
+    RasterOptions options;
+    options.depth = 1;
+    options.dpiX = options.dpiY = 300;
+    RasterDevice dev(options, sink);
+    Diagnostics diag("job", false);
+    PageHost host(dev);
+    Interpreter gl(dev, diag, &fonts(), &host);
+    PictureFrame f;
+    f.frameToPage = Matrix::translate(18, 36);
+    f.width = 576;
+    f.height = 720;
+    gl.setPictureFrame(f);
+    const std::string job =
+        "IN;SI10000,10000;PA100,100;LBBIG\x03SI0.00001,0.00001;LBsmall\x03SI;"
+        "PA99999999,99999999;PD;PA-99999999,-99999999;PU;PA0,0;CI99999999;CI0;CI-5,0.001;"
+        "PW99999;PD;PA1000,1000;PU;PW0;LT8,0.00001;PD;PA5000,5000;PU;LT;"
+        "FT3,0.0001,45;RA99999999,99999999;FT4,1,30;WG100,0,360;FT11,9;RF1,255,255;FT11,1;RA500,500;"
+        "SC0,0,0,0;SC0,1e9,0,1,1;IP0,0,0,0;PA1,1;PD;PA2,2;PU;IN;"
+        "AT0,0,0,0;RT1,1,2,2;AA0,0,0;BZ0,0,0,0,0,0;PM0;PM0;PM1;PM2;FP;EP;PM2;EP;FP1;"
+        "PE7>" "\x7e\x7e\x7e\x7e\x7e\x7e\x7e\x7e\x7e\x7e\x7e\x7e\x7e_" "__;DI0,0;DR0,0;LO99;LBx\x03";
+    EXPECT_EQ(runText(gl, job), job.size());
+    ASSERT_TRUE(host.open);
+    dev.endPage();
+    EXPECT_EQ(sink.pages, 1);
+}
