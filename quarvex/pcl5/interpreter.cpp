@@ -1225,15 +1225,18 @@ void Interpreter::handleParam(Parser& parser, const Command& cmd) {
         switch (f) {
         case 'A': setPaper(iv); break;
         case 'O': setOrientation(iv); break;
-        case 'E': // top margin in lines
+        case 'E': // top margin in lines; the default picture frame hangs from it
             if (iv >= 0 && m_vmi * iv < m_logicalHeight) {
                 m_topMargin = iv * m_vmi;
                 m_textLength = m_vmi > 0 ? static_cast<int>((m_logicalHeight - m_topMargin - kUnitsPerInch / 2) / m_vmi) : 0;
+                updatePictureFrame();
             }
             break;
         case 'F':
-            if (iv >= 0 && m_vmi * iv <= m_logicalHeight)
+            if (iv >= 0 && m_vmi * iv <= m_logicalHeight) {
                 m_textLength = iv;
+                updatePictureFrame();
+            }
             break;
         case 'D':
             if (v == 0 || v == 1 || v == 2 || v == 3 || v == 4 || v == 6 || v == 8 || v == 12 || v == 16 ||
