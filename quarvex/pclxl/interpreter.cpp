@@ -33,6 +33,20 @@ struct XlError {
 
 [[noreturn]] void failOp(const std::string& what) { throw XlError{what}; }
 
+// Numbers from the stream may be anything a real32 holds; these convert without overflow.
+int asInt(double v) {
+    if (!(v == v))
+        return 0;
+    return int(std::clamp(v, -2147483648.0, 2147483647.0));
+}
+size_t asSize(double v) {
+    if (!(v > 0))
+        return 0;
+    return v >= 9.0e15 ? size_t(9.0e15) : size_t(v);
+}
+uint8_t asUByte(double v) { return uint8_t(std::clamp(asInt(v), 0, 255)); }
+uint16_t asUInt16(double v) { return uint16_t(std::clamp(asInt(v), 0, 65535)); }
+
 const Value& need(const Operator& op, uint16_t id) {
     const Value* v = op.find(id);
     if (!v) {
@@ -281,7 +295,7 @@ void Interpreter::execute(const Operator& op, int depth) {
         break;
     case op::OpenDataSource:
         if (const Value* v = op.find(attr::DataOrg); v && v->number() > 1)
-            failOp("unknown DataOrg " + std::to_string(int(v->number())));
+            failOp("unknown DataOrg " + std::to_string(asInt(v->number())));
         break;
     case op::CloseDataSource:
     case op::Comment:
@@ -349,7 +363,7 @@ void Interpreter::execute(const Operator& op, int depth) {
             s = xy(*v);
         } else if (const Value* units = op.find(attr::UnitsPerMeasure)) {
             // Scale so that the given units replace the session's.
-            const double inch = measureToInch(int(number(op, attr::Measure, eInch)));
+            const double inch = measureToInch(asInt(number(op, attr::Measure, eInch)));
             const Point u = xy(*units);
             if (u.x <= 0 || u.y <= 0)
                 failOp("UnitsPerMeasure must be positive");
@@ -389,7 +403,7 @@ void Interpreter::execute(const Operator& op, int depth) {
         bool isNull = false;
         Paint p = paintFrom(op, isNull);
         if (const Value* id = op.find(attr::PatternSelectID))
-            selectPattern(int(id->number()), op, p);
+            selectPattern(asInt(id->number()), op, p);
         m_gs.brush = isNull ? Paint::none() : p;
         break;
     }
@@ -397,11 +411,11 @@ void Interpreter::execute(const Operator& op, int depth) {
         bool isNull = false;
         Paint p = paintFrom(op, isNull);
         if (const Value* id = op.find(attr::PatternSelectID))
-            selectPattern(int(id->number()), op, p);
+            selectPattern(asInt(id->number()), op, p);
         m_gs.pen = isNull ? Paint::none() : p;
         break;
     }
-    case op::SetROP: m_gs.rs.rop3 = uint8_t(need(op, attr::ROP3).number()); break;
+    case op::SetROP: m_gs.rs.rop3 = asUByte(need(op, attr::ROP3).number()); break;
     case op::SetSourceTxMode: m_gs.rs.sourceTransparent = need(op, attr::TxMode).number() == 1; break;
     case op::SetPaintTxMode: m_gs.rs.patternTransparent = need(op, attr::TxMode).number() == 1; break;
     case op::SetFillMode:
@@ -418,14 +432,14 @@ void Interpreter::execute(const Operator& op, int depth) {
         break;
     }
     case op::SetLineCap: {
-        const int c = int(need(op, attr::LineCapStyle).number());
+        const int c = asInt(need(op, attr::LineCapStyle).number());
         m_gs.stroke.cap = c == 1 ? StrokeStyle::Cap::Round : c == 2 ? StrokeStyle::Cap::Square : StrokeStyle::Cap::Butt;
         if (c == 3)
             warnOnce("triangle line caps are drawn as butt caps");
         break;
     }
     case op::SetLineJoin: {
-        const int j = int(need(op, attr::LineJoinStyle).number());
+        const int j = asInt(need(op, attr::LineJoinStyle).number());
         m_gs.stroke.join = j == 1 ? StrokeStyle::Join::Round : j == 2 || j == 3 ? StrokeStyle::Join::Bevel : StrokeStyle::Join::Miter;
         break;
     }
@@ -573,7 +587,7 @@ void Interpreter::execute(const Operator& op, int depth) {
         if (!m_inFontHeader)
             failOp("ReadFontHeader without BeginFontHeader");
         const double len = need(op, attr::FontHeaderLength).number();
-        if (!op.hasData || size_t(len) != op.dataSize)
+        if (!op.hasData || asSize(len) != op.dataSize)
             failOp("font header data does not match FontHeaderLength");
         m_fontHeader.insert(m_fontHeader.end(), op.data, op.data + op.dataSize);
         break;
@@ -613,7 +627,7 @@ void Interpreter::execute(const Operator& op, int depth) {
             failOp("unusable CharSize");
         m_gs.fontName = name.text();
         m_gs.charSize = size;
-        m_gs.symbolSet = int(number(op, attr::SymbolSet, 0));
+        m_gs.symbolSet = asInt(number(op, attr::SymbolSet, 0));
         break;
     }
     case op::SetCharAngle: m_gs.charAngle = need(op, attr::CharAngle).number(); break;
@@ -702,7 +716,7 @@ void Interpreter::beginSession(const Operator& op) {
     if (m_inSession)
         failOp("BeginSession inside a session");
     const Point units = xy(needXy(op, attr::UnitsPerMeasure));
-    const int measure = int(number(op, attr::Measure, eInch));
+    const int measure = asInt(number(op, attr::Measure, eInch));
     if (measure < 0 || measure > 2)
         failOp("unknown Measure " + std::to_string(measure));
     if (!(units.x > 0) || !(units.y > 0) || units.x > 1e6 || units.y > 1e6)
@@ -730,7 +744,7 @@ void Interpreter::beginPage(const Operator& op) {
             if (!m)
                 warnOnce("unknown media size \"" + ms->text() + "\", Letter used");
         } else {
-            const int code = int(ms->number());
+            const int code = asInt(ms->number());
             for (const MediaEntry& e : kMedia)
                 if (e.code == code)
                     m = &e;
@@ -744,7 +758,7 @@ void Interpreter::beginPage(const Operator& op) {
         sized = true;
     } else if (const Value* cs = op.find(attr::CustomMediaSize)) {
         const Point s = xy(*cs);
-        const int units = int(number(op, attr::CustomMediaSizeUnits, eInch));
+        const int units = asInt(number(op, attr::CustomMediaSizeUnits, eInch));
         const double perInch = measureToInch(units);
         w = s.x / perInch * 72.0;
         h = s.y / perInch * 72.0;
@@ -760,7 +774,7 @@ void Interpreter::beginPage(const Operator& op) {
     }
     int orientation = ePortrait;
     if (const Value* o = op.find(attr::Orientation))
-        orientation = int(o->number());
+        orientation = asInt(o->number());
     else if (m_ctx.pjl.orientation == "LANDSCAPE")
         orientation = eLandscape;
     if (orientation < 0 || orientation > 3)
@@ -807,14 +821,14 @@ void Interpreter::endPage() {
 
 void Interpreter::setColorSpace(const Operator& op) {
     ColorState cs;
-    int space = int(number(op, attr::ColorSpace, eGray));
+    int space = asInt(number(op, attr::ColorSpace, eGray));
     if (space == eSRGB || space == eCRGB)
         space = eRGB;
     if (space != eGray && space != eRGB && space != eBiLevel)
         failOp("unsupported ColorSpace " + std::to_string(space));
     cs.space = uint8_t(space);
     if (const Value* data = op.find(attr::PaletteData)) {
-        const int depth = int(number(op, attr::PaletteDepth, e8Bit));
+        const int depth = asInt(number(op, attr::PaletteDepth, e8Bit));
         if (depth != e8Bit)
             failOp("PaletteDepth must be 8 bits");
         const size_t comps = space == eRGB ? 3 : 1;
@@ -875,22 +889,22 @@ Paint Interpreter::paintFrom(const Operator& op, bool& isNull) {
     if (const Value* v = op.find(attr::GrayLevel)) {
         // With a palette, an integer grey level picks a palette entry.
         if (!m_gs.color.palette.empty() && !v->isReal() && !v->isArray()) {
-            const size_t i = size_t(std::max(0.0, v->number()));
+            const size_t i = asSize(v->number());
             return Paint::solid(i < m_gs.color.palette.size() ? m_gs.color.palette[i] : Rgb::black());
         }
         return Paint::solid(grayColor(*v));
     }
     if (const Value* v = op.find(attr::PaletteIndex)) {
-        const size_t i = size_t(std::max(0.0, v->number()));
+        const size_t i = asSize(v->number());
         if (i >= m_gs.color.palette.size())
             failOp("PaletteIndex outside the palette");
         return Paint::solid(m_gs.color.palette[i]);
     }
     if (const Value* v = op.find(attr::PrimaryArray)) {
-        const int depth = int(number(op, attr::PrimaryDepth, e8Bit));
+        const int depth = asInt(number(op, attr::PrimaryDepth, e8Bit));
         const int bits = depth == e1Bit ? 1 : depth == e4Bit ? 4 : 8;
         if (!m_gs.color.palette.empty() && v->size() == 1 && !v->isReal()) {
-            const size_t i = size_t(v->at(0));
+            const size_t i = asSize(v->at(0));
             return Paint::solid(i < m_gs.color.palette.size() ? m_gs.color.palette[i] : Rgb::black());
         }
         return Paint::solid(colorFromSpace(*v, m_gs.color.space, bits));
@@ -905,8 +919,8 @@ Paint Interpreter::paintFrom(const Operator& op, bool& isNull) {
 void Interpreter::addPoints(const Operator& op, bool relative, bool bezier) {
     std::vector<Point> pts;
     if (const Value* n = op.find(attr::NumberOfPoints)) {
-        const size_t count = size_t(std::max(0.0, n->number()));
-        const int type = int(number(op, attr::PointType, eSInt16));
+        const size_t count = asSize(n->number());
+        const int type = asInt(number(op, attr::PointType, eSInt16));
         const size_t each = type == eUByte || type == eSByte ? 1 : type == eUInt16 || type == eSInt16 ? 2 : 0;
         if (each == 0)
             failOp("unknown PointType " + std::to_string(type));
@@ -1148,8 +1162,8 @@ void Interpreter::beginImage(const Operator& op, bool pattern) {
         failOp("image or pattern already open");
     ImageState im;
     im.pattern = pattern;
-    im.mapping = int(need(op, attr::ColorMapping).number());
-    im.depth = int(need(op, attr::ColorDepth).number());
+    im.mapping = asInt(need(op, attr::ColorMapping).number());
+    im.depth = asInt(need(op, attr::ColorDepth).number());
     const double w = need(op, attr::SourceWidth).number();
     const double h = need(op, attr::SourceHeight).number();
     const Point dest = xy(needXy(op, attr::DestinationSize));
@@ -1180,8 +1194,8 @@ void Interpreter::beginImage(const Operator& op, bool pattern) {
     if (pattern) {
         if (size_t(im.width) * size_t(im.height) > kMaxPatternPixels)
             failOp("pattern larger than 1048576 pixels");
-        im.patternId = int(need(op, attr::PatternDefineID).number());
-        im.persistence = int(number(op, attr::PatternPersistence, 0));
+        im.patternId = asInt(need(op, attr::PatternDefineID).number());
+        im.persistence = asInt(number(op, attr::PatternPersistence, 0));
         im.tile = std::make_shared<PatternTile>();
         im.tile->width = im.width;
         im.tile->height = im.height;
@@ -1197,10 +1211,10 @@ void Interpreter::beginImage(const Operator& op, bool pattern) {
 
 void Interpreter::readImage(const Operator& op) {
     ImageState& im = m_image;
-    const int start = int(need(op, attr::StartLine).number());
-    const int count = int(need(op, attr::BlockHeight).number());
-    const int compress = int(number(op, attr::CompressMode, eNoCompression));
-    int pad = int(number(op, attr::PadBytesMultiple, 4));
+    const int start = asInt(need(op, attr::StartLine).number());
+    const int count = asInt(need(op, attr::BlockHeight).number());
+    const int compress = asInt(number(op, attr::CompressMode, eNoCompression));
+    int pad = asInt(number(op, attr::PadBytesMultiple, 4));
     if (pad < 1 || pad > 4)
         pad = 4;
     if (start < 0 || count < 0)
@@ -1465,7 +1479,7 @@ void Interpreter::scanLineRel(const Operator& op) {
     // pair element type, then the pairs (x offset, length), all in user units.
     if (!op.hasData)
         failOp("missing scan line data");
-    const int lines = int(number(op, attr::NumberOfScanLines, 1));
+    const int lines = asInt(number(op, attr::NumberOfScanLines, 1));
     const uint8_t* p = op.data;
     const uint8_t* end = op.data + op.dataSize;
     auto u16 = [&](double& out) {
@@ -1493,7 +1507,7 @@ void Interpreter::scanLineRel(const Operator& op) {
         const int type = *p++;
         double x = baseUser.x + x0;
         const double y = baseUser.y + dy;
-        for (int i = 0; i < int(pairs); ++i) {
+        for (int i = 0; i < asInt(pairs); ++i) {
             double off = 0, len = 0;
             if (type == eUByte) {
                 if (end - p < 2)
@@ -1535,9 +1549,9 @@ void Interpreter::endFontHeader() {
 }
 
 void Interpreter::readChar(const Operator& op) {
-    const uint16_t code = uint16_t(need(op, attr::CharCode).number());
+    const uint16_t code = asUInt16(need(op, attr::CharCode).number());
     const double size = need(op, attr::CharDataSize).number();
-    if (!op.hasData || size_t(size) != op.dataSize)
+    if (!op.hasData || asSize(size) != op.dataSize)
         failOp("character data does not match CharDataSize");
     auto it = m_fonts.find(m_charFontName);
     if (it == m_fonts.end())
@@ -1585,18 +1599,18 @@ void Interpreter::selectPclFont(const std::string& selection) {
                     req.height = v;
                     haveHeight = v > 0;
                 } else if (lower == 's')
-                    req.style = int(v);
+                    req.style = asInt(v);
                 else if (lower == 'b')
-                    req.weight = int(v);
+                    req.weight = asInt(v);
                 else if (lower == 't')
-                    req.typeface = int(v);
+                    req.typeface = asInt(v);
                 if (std::isupper(static_cast<unsigned char>(c)))
                     break;
             }
         } else {
             double v = 0;
             if (number(v) && i < selection.size() && std::isupper(static_cast<unsigned char>(selection[i])))
-                req.symbolSet = symbolSetId(int(v), selection[i++]);
+                req.symbolSet = symbolSetId(std::clamp(asInt(v), 0, 2047), selection[i++]);
         }
     }
     if (!m_ctx.fonts)
@@ -1628,7 +1642,7 @@ void Interpreter::text(const Operator& op, bool asPath) {
     TextRun run;
     run.codes.reserve(data.size());
     for (size_t i = 0; i < data.size(); ++i)
-        run.codes.push_back(uint16_t(data.at(i)));
+        run.codes.push_back(asUInt16(data.at(i)));
     if (xs)
         for (size_t i = 0; i < xs->size(); ++i)
             run.dx.push_back(xs->at(i));

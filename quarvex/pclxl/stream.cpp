@@ -196,9 +196,13 @@ std::string Value::text() const {
         return {};
     if (type == BaseType::UByte)
         return std::string(raw.begin(), raw.end());
+    // Wider elements keep their low byte; real numbers are truncated first.
     std::string out;
-    for (size_t i = 0; i < size(); ++i)
-        out += char(uint8_t(at(i)));
+    for (size_t i = 0; i < size(); ++i) {
+        const double v = at(i);
+        const int64_t whole = v == v && v > -1e18 && v < 1e18 ? int64_t(v) : 0;
+        out += char(uint8_t(whole & 0xFF));
+    }
     return out;
 }
 
