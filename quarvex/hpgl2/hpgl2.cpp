@@ -358,7 +358,39 @@ void Interpreter::flush() {
         return;
     }
     ensurePage();
-    m_dev.strokePath(m_stroke, strokeStyle(), penPaint(), renderState(false));
+    const StrokeStyle style = strokeStyle();
+    const auto& pts = m_stroke.points();
+    if (m_lineTypeSet && m_lineType == 0) {
+        // Line type 0: a dot at each point, nothing between them.
+        const Matrix ptd = m_dev.pageToDevice();
+        const double pixel = 1.0 / std::max(1e-9, std::sqrt(std::fabs(ptd.a * ptd.d - ptd.b * ptd.c)));
+        const double side = std::max(style.width, pixel);
+        Path dots;
+        for (Point q : pts)
+            dots.addRect(q.x - side / 2, q.y - side / 2, side, side);
+        m_dev.fillPath(dots, FillRule::NonZero, penPaint(), renderState(false));
+    } else if (m_lineType < 0 && !style.dashes.empty()) {
+        // Adaptive line types: each segment holds a whole number of patterns, so that every
+        // segment starts and ends with a dash.
+        double patternLength = 0;
+        for (double d : style.dashes)
+            patternLength += d;
+        for (size_t i = 1; i < pts.size(); ++i) {
+            const double len = std::hypot(pts[i].x - pts[i - 1].x, pts[i].y - pts[i - 1].y);
+            if (len <= 0)
+                continue;
+            const double n = std::max(1.0, std::round(len / patternLength));
+            StrokeStyle segStyle = style;
+            for (double& d : segStyle.dashes)
+                d *= len / (n * patternLength);
+            Path seg;
+            seg.moveTo(pts[i - 1]);
+            seg.lineTo(pts[i]);
+            m_dev.strokePath(seg, segStyle, penPaint(), renderState(false));
+        }
+    } else {
+        m_dev.strokePath(m_stroke, style, penPaint(), renderState(false));
+    }
     m_stroke.clear();
     m_strokeHasSegments = false;
 }
@@ -1097,7 +1129,7 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
             return;
         }
         m_lineType = type;
-        m_lineTypeSet = type != 0;
+        m_lineTypeSet = true;
         if (p.size() >= 2 && p[1] > 0)
             m_patternLength = p[1];
         if (p.size() >= 3)

@@ -554,3 +554,29 @@ TEST(Hpgl2Interpreter, AnchorCornerShiftsHatching) {
     EXPECT_TRUE(through50);
     EXPECT_FALSE(through0);
 }
+
+TEST(Hpgl2Interpreter, LineTypeZeroDotsThePoints) {
+    Gl t;
+    t.run("IN;LT0;PD;PA1016,0,1016,1016;PU;");
+    EXPECT_TRUE(t.dev.strokes.empty());
+    ASSERT_EQ(t.dev.fills.size(), 1u);
+    // Three points, a square of the pen width on each.
+    const Path& p = t.dev.fills[0].path;
+    EXPECT_EQ(p.points().size(), 12u);
+    Box b;
+    b.add(p);
+    const double w = 0.35 * 72 / 25.4;
+    EXPECT_NEAR(b.x0, 36 - w / 2, 1e-9);
+    EXPECT_NEAR(b.y0, 360 - w / 2, 1e-9);
+}
+
+TEST(Hpgl2Interpreter, AdaptiveLineTypesFitEachSegment) {
+    Gl t;
+    // Pattern length 10 mm; segments of one inch (2.54 patterns -> 3) and half an inch (1.27 -> 1).
+    t.run("IN;LT-2,10,1;PD;PA1016,0,1016,508;PU;");
+    ASSERT_EQ(t.dev.strokes.size(), 2u);
+    ASSERT_EQ(t.dev.strokes[0].style.dashes.size(), 2u);
+    EXPECT_NEAR(t.dev.strokes[0].style.dashes[0] * 2 * 3, 72, 1e-9);
+    EXPECT_NEAR(t.dev.strokes[1].style.dashes[0] * 2, 36, 1e-9);
+    EXPECT_EQ(t.stroke(1), "M108,432 L108,396");
+}
