@@ -878,10 +878,15 @@ size_t Interpreter::run(const uint8_t* data, size_t size) {
             const auto items = decodePolylineEncoded(data, size, pos);
             reader.setPosition(pos);
             bool down = m_penDown;
+            if (items.empty())
+                m_labelStart = m_pen; // PE alone sets the carriage return point
             for (const EncodedItem& it : items) {
                 if (it.kind == EncodedItem::Kind::Pen) {
-                    flush();
-                    m_selectedPen = it.pen;
+                    // A pen select is ignored in polygon mode, as SP has no effect there.
+                    if (!m_polygonMode) {
+                        flush();
+                        m_selectedPen = it.pen;
+                    }
                     continue;
                 }
                 m_penDown = !it.penUp;

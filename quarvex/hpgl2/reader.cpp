@@ -150,7 +150,7 @@ std::vector<EncodedItem> decodePolylineEncoded(const uint8_t* data, size_t size,
             break;
         }
         case Want::Fraction:
-            fractionBits = static_cast<int>(std::max(-30.0, std::min(30.0, value)));
+            fractionBits = static_cast<int>(std::max(-26.0, std::min(26.0, value)));
             want = Want::Coordinate;
             break;
         case Want::Coordinate: {
@@ -176,20 +176,27 @@ std::vector<EncodedItem> decodePolylineEncoded(const uint8_t* data, size_t size,
     };
 
     while (pos < size) {
-        const uint8_t c = data[pos];
+        uint8_t c = data[pos];
         if (c == kEsc)
             return items;
         ++pos;
         if (c == ';')
             return items;
-        // Flags are only taken between numbers.
-        if (acc == 0 && mult == 1) {
-            if (c == ':') { want = Want::Pen; continue; }
-            if (c == '<') { penUp = true; continue; }
-            if (c == '>') { want = Want::Fraction; continue; }
-            if (c == '=') { absolute = true; continue; }
-            if (c == '7') { sevenBit = true; continue; }
+        // Flags are known with or without their eighth bit; in seven-bit mode every eighth bit
+        // is dropped.
+        const uint8_t low = c & 0x7F;
+        if (low == ':' || low == '<' || low == '>' || low == '=' || low == '7') {
+            switch (low) {
+            case ':': want = Want::Pen; break;
+            case '<': penUp = true; break;
+            case '>': want = Want::Fraction; break;
+            case '=': absolute = true; break;
+            default: sevenBit = true; break;
+            }
+            continue;
         }
+        if (sevenBit)
+            c = low;
         int digit = -1;
         bool terminal = false;
         if (sevenBit) {

@@ -174,3 +174,19 @@ TEST(Hpgl2PolylineEncoded, StopsAtEscapeWithoutConsumingIt) {
     EXPECT_EQ(items.size(), 1u);
     EXPECT_EQ(pos, text.find('\x1b'));
 }
+
+TEST(Hpgl2PolylineEncoded, FlagsWithTheEighthBitAndSevenBitParity) {
+    // 0xBD is '=' with its eighth bit; after '7' the eighth bit of every byte is dropped, so a
+    // digit sent with parity reads as without.
+    std::string text = std::string("\xBD") + encode(10, false) + encode(20, false) + "7" + encode(3, true);
+    std::string y = encode(-4, true);
+    y[0] = static_cast<char>(y[0] | 0x80);
+    text += y + ";";
+    const auto items = decode(text);
+    ASSERT_EQ(items.size(), 2u);
+    EXPECT_TRUE(items[0].absolute);
+    EXPECT_EQ(items[0].x, 10);
+    EXPECT_EQ(items[0].y, 20);
+    EXPECT_EQ(items[1].x, 3);
+    EXPECT_EQ(items[1].y, -4);
+}
