@@ -100,6 +100,11 @@ void Interpreter::setPictureFrame(const PictureFrame& frame) {
     updateTransforms();
     defaultP1P2();
     updateTransforms();
+    // A new frame also empties the polygon buffer and puts the pen on P1.
+    m_polygonMode = false;
+    m_polygon.clear();
+    m_pen = m_p1;
+    m_labelStart = m_pen;
 }
 
 // IN (full) and DF (not full): back to the default state. IN also puts P1/P2, the rotation and

@@ -104,8 +104,9 @@ public:
     Interpreter(const Interpreter&) = delete;
     Interpreter& operator=(const Interpreter&) = delete;
 
-    // A new picture frame or plot size. Sets P1/P2 to the frame's corners and drops the input
-    // window, as the PCL picture frame commands do.
+    // A new picture frame or plot size. As the PCL picture frame commands do, it sets P1/P2 to
+    // the frame's corners, drops the input window, empties the polygon buffer and puts the pen
+    // on P1 (the lower-left corner).
     void setPictureFrame(const PictureFrame& frame);
     const PictureFrame& pictureFrame() const { return m_frame; }
 

@@ -580,3 +580,21 @@ TEST(Hpgl2Interpreter, AdaptiveLineTypesFitEachSegment) {
     EXPECT_NEAR(t.dev.strokes[1].style.dashes[0] * 2, 36, 1e-9);
     EXPECT_EQ(t.stroke(1), "M108,432 L108,396");
 }
+
+TEST(Hpgl2Interpreter, ANewFrameDefaultsP1P2AndMovesThePen) {
+    Gl t;
+    t.run("IN;IP0,0,1016,1016;SC0,1,0,1;IW0,0,1,1;PA1,1;PM0;PD2,2;");
+    PictureFrame f;
+    f.frameToPage = Matrix::translate(0, 0);
+    f.width = 360;
+    f.height = 360;
+    t.gl.setPictureFrame(f);
+    EXPECT_NEAR(t.gl.penPosition().x, 0, 1e-9);
+    EXPECT_NEAR(t.gl.penPosition().y, 360, 1e-9);
+    // The window is gone and the polygon buffer empty.
+    t.run("PU;SC;PD;PA1016,0;PU;FP;");
+    ASSERT_EQ(t.dev.strokes.size(), 1u);
+    EXPECT_EQ(t.stroke(0), "M0,360 L72,360");
+    EXPECT_NE(t.dev.calls()[1].find("clip=1 "), std::string::npos);
+    EXPECT_TRUE(t.dev.fills.empty());
+}
