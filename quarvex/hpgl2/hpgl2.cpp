@@ -107,6 +107,13 @@ void Interpreter::setPictureFrame(const PictureFrame& frame) {
     m_labelStart = m_pen;
 }
 
+void Interpreter::setPlotSize(double widthPt, double heightPt) {
+    flush();
+    m_frame.plotWidth = widthPt > 0 && std::isfinite(widthPt) ? widthPt : 0;
+    m_frame.plotHeight = heightPt > 0 && std::isfinite(heightPt) ? heightPt : 0;
+    updateTransforms();
+}
+
 // IN (full) and DF (not full): back to the default state. IN also puts P1/P2, the rotation and
 // the pen back.
 void Interpreter::defaults(bool full) {

@@ -109,6 +109,9 @@ public:
     // on P1 (the lower-left corner).
     void setPictureFrame(const PictureFrame& frame);
     const PictureFrame& pictureFrame() const { return m_frame; }
+    // ESC*c#K / #L: only the scaling of plotter units onto the frame changes (IN or IP then
+    // place P1/P2 on the frame's corners). Points; 0 = the frame's size.
+    void setPlotSize(double widthPt, double heightPt);
 
     // The state after a printer reset (ESC E): what IN sets, pens 0 white and 1 black, the
     // pen at the frame's lower-left corner. Keeps the picture frame.

@@ -598,3 +598,14 @@ TEST(Hpgl2Interpreter, ANewFrameDefaultsP1P2AndMovesThePen) {
     EXPECT_NE(t.dev.calls()[1].find("clip=1 "), std::string::npos);
     EXPECT_TRUE(t.dev.fills.empty());
 }
+
+TEST(Hpgl2Interpreter, PlotSizeOnlyChangesTheScaling) {
+    Gl t;
+    t.run("IN;PA1016,1016;");
+    t.gl.setPlotSize(1440, 720); // twice the frame: plotter units count half
+    EXPECT_NEAR(t.gl.penPosition().x, 72, 1e-9);
+    EXPECT_NEAR(t.gl.penPosition().y, 396, 1e-9);
+    t.run("IN;PA0,0;PD;PA20320,10160;PU;"); // P2 of the plot, the frame's top-right corner
+    ASSERT_EQ(t.dev.strokes.size(), 1u);
+    EXPECT_EQ(t.stroke(0), "M36,432 L756,72");
+}
