@@ -80,7 +80,9 @@ void OutputFile::installSignalCleanup() {
     sa.sa_handler = removeTempAndDie;
     sigemptyset(&sa.sa_mask);
     sa.sa_flags = 0;
-    for (int sig : {SIGINT, SIGTERM, SIGHUP}) {
+    // The stop signals, and the crashes: a run that dies of a fault takes its temporary
+    // file with it too (the process still dies of the signal, core dump and all).
+    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL}) {
         struct sigaction old {};
         // A signal the caller chose to ignore (nohup) stays ignored.
         if (::sigaction(sig, nullptr, &old) == 0 && old.sa_handler == SIG_IGN)
@@ -93,7 +95,7 @@ OutputFile::~OutputFile() { discard(); }
 
 namespace {
 
-// Runs f with SIGINT, SIGTERM and SIGHUP held back, so that a signal cannot come between
+// Runs f with SIGINT, SIGTERM, SIGHUP and SIGQUIT held back, so that a signal cannot come between
 // creating a temporary name and recording it for the cleanup handler.
 template <typename F>
 auto withCleanupSignalsBlocked(F f) {
@@ -102,6 +104,7 @@ auto withCleanupSignalsBlocked(F f) {
     sigaddset(&block, SIGINT);
     sigaddset(&block, SIGTERM);
     sigaddset(&block, SIGHUP);
+    sigaddset(&block, SIGQUIT);
     ::sigprocmask(SIG_BLOCK, &block, &old);
     auto result = f();
     ::sigprocmask(SIG_SETMASK, &old, nullptr);

@@ -4,8 +4,8 @@
 // Where the system allows it, the data goes to an unnamed file in the output's folder
 // (O_TMPFILE): it has no name at all until commit() links it in, so a run that is killed in
 // any way - SIGKILL included - leaves nothing behind. Elsewhere it goes to a hidden temporary
-// file in the same folder, removed on failure and by the handlers for SIGINT, SIGTERM and
-// SIGHUP. Either way commit() renames the finished file over the output, so an existing
+// file in the same folder, removed on failure, by the handlers for SIGINT, SIGTERM, SIGHUP
+// and SIGQUIT, and by those for the crash signals. Either way commit() renames the finished file over the output, so an existing
 // output is replaced only by a finished one.
 
 #include <string>
@@ -37,7 +37,7 @@ public:
 
     const std::string& error() const { return m_error; }
 
-    // Installs the handlers for SIGINT, SIGTERM and SIGHUP that remove the temporary file of
+    // Installs the handlers for the stop and crash signals that remove the temporary file of
     // the active OutputFile before the process ends. Called by create(); safe to call again.
     static void installSignalCleanup();
 

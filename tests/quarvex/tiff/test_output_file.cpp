@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -139,11 +140,11 @@ TEST_P(OutputFileModes, CreateFailsWhereNothingCanBeWritten) {
     EXPECT_EQ(entries(dir), 0u);
 }
 
-// A run that is stopped leaves nothing. An unnamed file goes with the process however it
-// ends; a named one is removed by the handlers of SIGINT, SIGTERM and SIGHUP, and the
-// process still dies of the signal.
+// A run that is stopped or crashes leaves nothing. An unnamed file goes with the process
+// however it ends; a named one is removed by the signal handlers, and the process still dies
+// of the signal.
 TEST_P(OutputFileModes, StoppedRunsLeaveNothing) {
-    std::vector<int> signals = {SIGTERM, SIGINT, SIGHUP};
+    std::vector<int> signals = {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGSEGV, SIGABRT};
     if (unnamed())
         signals.push_back(SIGKILL);
     for (int sig : signals) {
@@ -156,6 +157,8 @@ TEST_P(OutputFileModes, StoppedRunsLeaveNothing) {
         ASSERT_GE(child, 0);
         if (child == 0) {
             ::close(fds[0]);
+            struct rlimit noCore {0, 0}; // the crash signals would dump core
+            ::setrlimit(RLIMIT_CORE, &noCore);
             OutputFile out;
             if (!out.create(target.string(), unnamed()) || !writeFd(out.fd(), "partial data"))
                 ::_exit(10);
