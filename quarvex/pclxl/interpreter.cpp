@@ -623,27 +623,41 @@ void Interpreter::execute(const Operator& op, int depth) {
         m_gs.residentIndex = -1;
         const Value& name = need(op, attr::FontName);
         const double size = need(op, attr::CharSize).number();
-        if (!std::isfinite(size))
+        if (!std::isfinite(size) || std::fabs(size) > 1e7)
             failOp("unusable CharSize");
         m_gs.fontName = name.text();
         m_gs.charSize = size;
         m_gs.symbolSet = asInt(number(op, attr::SymbolSet, 0));
         break;
     }
-    case op::SetCharAngle: m_gs.charAngle = need(op, attr::CharAngle).number(); break;
+    case op::SetCharAngle: {
+        const double a = need(op, attr::CharAngle).number();
+        if (!std::isfinite(a))
+            failOp("unusable CharAngle");
+        m_gs.charAngle = std::fmod(a, 360.0);
+        break;
+    }
     case op::SetCharScale: {
         const Point s = xy(needXy(op, attr::CharScale));
+        if (!finite(s) || std::fabs(s.x) > 1e4 || std::fabs(s.y) > 1e4)
+            failOp("CharScale out of range");
         m_gs.charScaleX = s.x;
         m_gs.charScaleY = s.y;
         break;
     }
     case op::SetCharShear: {
         const Point s = xy(needXy(op, attr::CharShear));
+        if (!finite(s) || std::fabs(s.x) > 1e4 || std::fabs(s.y) > 1e4)
+            failOp("CharShear out of range");
         m_gs.charShearX = s.x;
         m_gs.charShearY = s.y;
         break;
     }
-    case op::SetCharBoldValue: m_gs.charBold = need(op, attr::CharBoldValue).number(); break;
+    case op::SetCharBoldValue: {
+        const double b = need(op, attr::CharBoldValue).number();
+        m_gs.charBold = std::isfinite(b) ? std::clamp(b, 0.0, 1.0) : 0.0;
+        break;
+    }
     case op::SetCharAttributes: m_gs.verticalWriting = number(op, attr::WritingMode, 0) == 1; break;
     case op::Text:
         requirePage(op);
