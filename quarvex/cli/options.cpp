@@ -67,9 +67,12 @@ std::string usageText() {
            "  --version        show the version and exit\n"
            "\n"
            "The output appears only when the conversion has finished.\n"
+           "Resident fonts are taken from the folder named by PCLFONTSOURCE, then from\n"
+           "../fonts/ beside this program, then from fontconfig.\n"
            "Exit status: 0 converted; 1 nothing written (input missing, unreadable, of an\n"
            "unsupported kind or without pages, or output not writable); 2 usage error;\n"
-           "3 written with warnings (damaged or truncated input, skipped features).\n";
+           "3 written with warnings (damaged or truncated input, skipped features or jobs,\n"
+           "options that -faxtif overrides).\n";
 }
 
 ParseResult parseOptions(const std::vector<std::string>& args) {
