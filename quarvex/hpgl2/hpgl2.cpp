@@ -86,16 +86,28 @@ void Interpreter::reset() {
 }
 
 void Interpreter::setPictureFrame(const PictureFrame& frame) {
+    PictureFrame f = frame;
+    if (!(f.width > 0) || !std::isfinite(f.width))
+        f.width = 612;
+    if (!(f.height > 0) || !std::isfinite(f.height))
+        f.height = 792;
+    if (!(f.plotWidth > 0) || !std::isfinite(f.plotWidth))
+        f.plotWidth = 0;
+    if (!(f.plotHeight > 0) || !std::isfinite(f.plotHeight))
+        f.plotHeight = 0;
+    // The same frame again (PCL renews it after commands that may move it) changes nothing;
+    // the same frame with another plot size only changes the scaling.
+    const Matrix& a = f.frameToPage;
+    const Matrix& b = m_frame.frameToPage;
+    const bool sameFrame = a.a == b.a && a.b == b.b && a.c == b.c && a.d == b.d && a.e == b.e &&
+                           a.f == b.f && f.width == m_frame.width && f.height == m_frame.height;
+    if (sameFrame) {
+        if (f.plotWidth != m_frame.plotWidth || f.plotHeight != m_frame.plotHeight)
+            setPlotSize(f.plotWidth, f.plotHeight);
+        return;
+    }
     flush();
-    m_frame = frame;
-    if (!(m_frame.width > 0) || !std::isfinite(m_frame.width))
-        m_frame.width = 612;
-    if (!(m_frame.height > 0) || !std::isfinite(m_frame.height))
-        m_frame.height = 792;
-    if (!(m_frame.plotWidth > 0) || !std::isfinite(m_frame.plotWidth))
-        m_frame.plotWidth = 0;
-    if (!(m_frame.plotHeight > 0) || !std::isfinite(m_frame.plotHeight))
-        m_frame.plotHeight = 0;
+    m_frame = f;
     m_window.reset();
     updateTransforms();
     defaultP1P2();

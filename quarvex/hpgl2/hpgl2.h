@@ -106,7 +106,8 @@ public:
 
     // A new picture frame or plot size. As the PCL picture frame commands do, it sets P1/P2 to
     // the frame's corners, drops the input window, empties the polygon buffer and puts the pen
-    // on P1 (the lower-left corner).
+    // on P1 (the lower-left corner). The same frame again changes nothing; the same frame with
+    // another plot size is setPlotSize().
     void setPictureFrame(const PictureFrame& frame);
     const PictureFrame& pictureFrame() const { return m_frame; }
     // ESC*c#K / #L: only the scaling of plotter units onto the frame changes (IN or IP then

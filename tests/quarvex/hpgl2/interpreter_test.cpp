@@ -609,3 +609,19 @@ TEST(Hpgl2Interpreter, PlotSizeOnlyChangesTheScaling) {
     ASSERT_EQ(t.dev.strokes.size(), 1u);
     EXPECT_EQ(t.stroke(0), "M36,432 L756,72");
 }
+
+TEST(Hpgl2Interpreter, TheSameFrameAgainChangesNothing) {
+    Gl t;
+    t.run("IN;IP0,0,1016,1016;SC0,1,0,1;PA1,1;");
+    PictureFrame f = t.gl.pictureFrame();
+    t.gl.setPictureFrame(f);
+    EXPECT_NEAR(t.gl.penPosition().x, 108, 1e-9);
+    // The same frame with a plot size twice as large: the scaling halves, P1/P2 stay.
+    f.plotWidth = 1440;
+    f.plotHeight = 720;
+    t.gl.setPictureFrame(f);
+    EXPECT_NEAR(t.gl.penPosition().x, 72, 1e-9);
+    t.run("PD;PA0,0;PU;");
+    ASSERT_EQ(t.dev.strokes.size(), 1u);
+    EXPECT_EQ(t.stroke(0), "M72,396 L36,432");
+}
