@@ -29,6 +29,17 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// Everything a run of these tests writes lies in one folder, removed when the tests end.
+class RemoveTestFolder : public testing::Environment {
+public:
+    void TearDown() override {
+        std::error_code ec;
+        fs::remove_all(fs::temp_directory_path() / ("qx_cli_tests_" + std::to_string(::getpid())), ec);
+    }
+};
+[[maybe_unused]] testing::Environment* const g_removeTestFolder =
+    testing::AddGlobalTestEnvironment(new RemoveTestFolder);
+
 const std::string kQuarvex = std::string(QX_STAGE_DIR) + "/bin/quarvex";
 const std::string kTwoPages = std::string(QX_TEST_DATA_DIR) + "/two_pages_ljet4_300dpi.pcl";
 // Two Letter pages in PCL XL at 75 dpi wrapped in PJL: a black square, then a grey one.

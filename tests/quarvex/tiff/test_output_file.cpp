@@ -20,6 +20,17 @@ using qx::tiff::OutputFile;
 
 namespace {
 
+// Everything a run of these tests writes lies in one folder, removed when the tests end.
+class RemoveTestFolder : public testing::Environment {
+public:
+    void TearDown() override {
+        std::error_code ec;
+        fs::remove_all(fs::temp_directory_path() / ("qx_output_tests_" + std::to_string(::getpid())), ec);
+    }
+};
+[[maybe_unused]] testing::Environment* const g_removeTestFolder =
+    testing::AddGlobalTestEnvironment(new RemoveTestFolder);
+
 fs::path freshDir(const std::string& name) {
     fs::path dir = fs::temp_directory_path() / ("qx_output_tests_" + std::to_string(::getpid())) / name;
     fs::remove_all(dir);

@@ -24,6 +24,17 @@ using qx::tiff::TiffWriter;
 
 namespace {
 
+// Everything a run of these tests writes lies in one folder, removed when the tests end.
+class RemoveTestFolder : public testing::Environment {
+public:
+    void TearDown() override {
+        std::error_code ec;
+        fs::remove_all(fs::temp_directory_path() / ("qx_tiff_tests_" + std::to_string(::getpid())), ec);
+    }
+};
+[[maybe_unused]] testing::Environment* const g_removeTestFolder =
+    testing::AddGlobalTestEnvironment(new RemoveTestFolder);
+
 fs::path tempDir() {
     fs::path dir = fs::temp_directory_path() / ("qx_tiff_tests_" + std::to_string(::getpid()));
     fs::create_directories(dir);
