@@ -1,10 +1,13 @@
 // HP-GL/2 from real plotting programs (GNU plotutils' graph and pic2plot with -T pcl, gnuplot's
 // pcl5 terminal), taken out of its PCL wrapper the way the PCL interpreter hands it over:
-// from each ESC%#B to the ESC%#A that ends it, other escape sequences skipped.
+// from each ESC%#B to the ESC%#A that ends it, other escape sequences skipped; and the whole
+// jobs through the PCL 5 interpreter.
 
 #include "test_support.h"
 
+#include "common/job.h"
 #include "fonts/font_library.h"
+#include "pcl5/pcl5.h"
 #include "render/raster_device.h"
 
 #include <gtest/gtest.h>
@@ -328,4 +331,44 @@ TEST(Hpgl2RealFiles, AbsurdValuesThroughTheRasterisingDevice) {
     ASSERT_TRUE(host.open);
     dev.endPage();
     EXPECT_EQ(sink.pages, 1);
+}
+
+// The same jobs whole, through the PCL 5 interpreter that hands HP-GL/2 to this module.
+TEST(Hpgl2RealFiles, WholeJobsThroughPcl5) {
+    struct Case {
+        const char* file;
+        size_t minStrokes;
+        int minMasks;
+    };
+    const Case cases[] = {
+        {"graph_plotutils.pcl", 100, 10},
+        {"sine_gnuplot.pcl", 20, 20},
+        {"curves_gnuplot_colour.pcl", 20, 20},
+        {"shapes_pic2plot.pcl", 8, 11},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.file);
+        const std::string d = readFile(c.file);
+        CaptureDevice dev;
+        Diagnostics diag(c.file, false);
+        JobContext ctx{dev, diag, &fonts(), {}};
+        EXPECT_EQ(pcl5::run(reinterpret_cast<const uint8_t*>(d.data()), d.size(), ctx), d.size());
+        EXPECT_TRUE(diag.lines().empty()) << diag.lines().front();
+        EXPECT_EQ(dev.pageCount(), 1);
+        EXPECT_GE(dev.strokes.size(), c.minStrokes);
+        EXPECT_GE(dev.masks, c.minMasks);
+        // Everything on the sheet (Letter, either way round).
+        const Box b = [&] {
+            Box box;
+            for (const auto& s : dev.strokes)
+                box.add(s.path);
+            for (const auto& f : dev.fills)
+                box.add(f.path);
+            return box;
+        }();
+        EXPECT_GE(b.x0, 0);
+        EXPECT_GE(b.y0, 0);
+        EXPECT_LE(b.x1, 792);
+        EXPECT_LE(b.y1, 792);
+    }
 }
