@@ -162,6 +162,8 @@ void Interpreter::defaults(bool full) {
     m_anchor = {0, 0};
     m_symbol = 0;
     m_transparent = true;
+    m_screenType = 0;
+    m_screenLevel = 100;
     m_colourRange = {0, 255, 0, 255, 0, 255};
     m_mergeRop = -1;
     m_standard = Font{};
@@ -327,6 +329,16 @@ Paint Interpreter::penPaint() const {
     return Paint::solid(m_pens[index]);
 }
 
+// The paint of lines: the pen's colour, screened to a shade by SV.
+Paint Interpreter::linePaint() const {
+    const Paint pen = penPaint();
+    if (m_screenType != 1)
+        return pen;
+    const double level = std::clamp(m_screenLevel, 0.0, 100.0) / 100.0;
+    auto mix = [&](uint8_t c) { return static_cast<uint8_t>(std::lround(255.0 - (255.0 - c) * level)); };
+    return Paint::solid({mix(pen.color.r), mix(pen.color.g), mix(pen.color.b)});
+}
+
 StrokeStyle Interpreter::strokeStyle() const {
     StrokeStyle s;
     const size_t index = m_penWidths.empty()
@@ -392,7 +404,7 @@ void Interpreter::flush() {
         Path dots;
         for (Point q : pts)
             dots.addRect(q.x - side / 2, q.y - side / 2, side, side);
-        m_dev.fillPath(dots, FillRule::NonZero, penPaint(), renderState(false));
+        m_dev.fillPath(dots, FillRule::NonZero, linePaint(), renderState(false));
     } else if (m_lineType < 0 && !style.dashes.empty()) {
         // Adaptive line types: each segment holds a whole number of patterns, so that every
         // segment starts and ends with a dash.
@@ -410,10 +422,10 @@ void Interpreter::flush() {
             Path seg;
             seg.moveTo(pts[i - 1]);
             seg.lineTo(pts[i]);
-            m_dev.strokePath(seg, segStyle, penPaint(), renderState(false));
+            m_dev.strokePath(seg, segStyle, linePaint(), renderState(false));
         }
     } else {
-        m_dev.strokePath(m_stroke, style, penPaint(), renderState(false));
+        m_dev.strokePath(m_stroke, style, linePaint(), renderState(false));
     }
     m_stroke.clear();
     m_strokeHasSegments = false;
@@ -434,7 +446,7 @@ void Interpreter::strokePlu(const std::vector<std::vector<Point>>& lines, const 
     if (path.empty())
         return;
     ensurePage();
-    m_dev.strokePath(path, strokeStyle(), penPaint(), renderState(false));
+    m_dev.strokePath(path, strokeStyle(), linePaint(), renderState(false));
 }
 
 void Interpreter::fillPlu(const std::vector<std::vector<Point>>& polys, bool evenOdd) {
@@ -764,7 +776,6 @@ void Interpreter::label(const std::string& text) {
         warnOnce("HP-GL/2: no font for labels; skipped");
         return;
     }
-    const Font& f = m_alternateSelected ? m_alternate : m_standard;
     const Point dir = labelDirection();
     const Point down{dir.y, -dir.x};
     std::u32string line;
@@ -784,7 +795,15 @@ void Interpreter::label(const std::string& text) {
             const double step = lineFeedPlu();
             m_pen = start = clampPlu(Point{m_pen.x + down.x * step, m_pen.y + down.y * step});
             m_labelStart = clampPlu(Point{m_labelStart.x + down.x * step, m_labelStart.y + down.y * step});
+        } else if (c == 0x0E || c == 0x0F) {
+            // Shift out: the alternate font; shift in: the standard font.
+            drawLine();
+            start = m_pen;
+            m_alternateSelected = c == 0x0E;
+            if (selectFont() < 0)
+                return;
         } else if (c >= 0x20) {
+            const Font& f = m_alternateSelected ? m_alternate : m_standard;
             char32_t u = symbolSetToUnicode(static_cast<uint16_t>(std::clamp(f.symbolSet, 0, 65535)), c);
             if (u == 0)
                 u = c < 0x80 ? c : U'?';
@@ -1398,6 +1417,16 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
         for (size_t i = 0; i < rf.pens.size() && i + 3 < p.size(); ++i)
             rf.pens[i] = std::max(0, toInt(p[i + 3]));
         m_rasterFills[index] = std::move(rf);
+        return;
+    }
+    if (is("SV")) {
+        // Screened vectors: 0 solid, 1 a shade in percent; other screens are drawn solid.
+        m_screenType = p.empty() ? 0 : toInt(p[0]);
+        m_screenLevel = at(1, 100);
+        if (m_screenType != 0 && m_screenType != 1) {
+            warnOnce("HP-GL/2: screened vectors other than shading are drawn solid");
+            m_screenType = 0;
+        }
         return;
     }
     if (is("TR")) {

@@ -188,6 +188,7 @@ private:
     void edgeOrFill(const std::vector<Point>& poly, bool fill);
     StrokeStyle strokeStyle() const;
     Paint penPaint() const;
+    Paint linePaint() const;
     RenderState renderState(bool forFill) const;
     std::shared_ptr<const ClipRegion> clipRegion() const;
     void ensurePage();
@@ -244,6 +245,8 @@ private:
     std::map<int, RasterFill> m_rasterFills; // RF
     Point m_anchor;                   // AC: where hatching and raster fills start, plotter units
     bool m_transparent = true;        // TR
+    int m_screenType = 0;             // SV: 0 solid, 1 shading
+    double m_screenLevel = 100;       // SV shading level in percent
     int m_mergeRop = -1;              // MC: the raster operation; -1 = PCL's
     std::array<double, 6> m_colourRange{0, 255, 0, 255, 0, 255}; // CR: black and white of r, g, b
 

@@ -625,3 +625,20 @@ TEST(Hpgl2Interpreter, TheSameFrameAgainChangesNothing) {
     ASSERT_EQ(t.dev.strokes.size(), 1u);
     EXPECT_EQ(t.stroke(0), "M72,396 L36,432");
 }
+
+TEST(Hpgl2Interpreter, ScreenedVectorsShadeLines) {
+    Gl t;
+    t.run("IN;SV1,25;PD;PA1016,0;PU;SV;PD;PA0,0;PU;");
+    ASSERT_EQ(t.dev.strokes.size(), 2u);
+    EXPECT_EQ(RecordingDevice::describe(t.dev.strokes[0].paint), "#bfbfbf");
+    EXPECT_EQ(RecordingDevice::describe(t.dev.strokes[1].paint), "#000000");
+}
+
+TEST(Hpgl2Interpreter, ShiftOutAndInSwitchFontsInALabel) {
+    Gl t(&fonts());
+    // Standard: fixed 10 pitch; alternate: fixed 5 pitch. "A" in each then "A" again.
+    t.run("IN;SD1,277,2,0,3,10,4,12,7,4099;AD1,277,2,0,3,5,4,24,7,4099;PA0,0;LBA\x0E" "A\x0F" "A\x03");
+    EXPECT_EQ(t.dev.masks, 3);
+    // 0.1 + 0.2 + 0.1 inch.
+    EXPECT_NEAR(t.gl.penPosition().x, 36 + 0.4 * 72, 1e-6);
+}
