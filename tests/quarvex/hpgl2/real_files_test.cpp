@@ -345,6 +345,7 @@ TEST(Hpgl2RealFiles, WholeJobsThroughPcl5) {
         {"sine_gnuplot.pcl", 20, 20},
         {"curves_gnuplot_colour.pcl", 20, 20},
         {"shapes_pic2plot.pcl", 8, 11},
+        {"boxes_gnuplot.pcl", 10, 10},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.file);
@@ -371,4 +372,27 @@ TEST(Hpgl2RealFiles, WholeJobsThroughPcl5) {
         EXPECT_LE(b.x1, 792);
         EXPECT_LE(b.y1, 792);
     }
+}
+
+TEST(Hpgl2RealFiles, GnuplotShadedBoxesAndDashes) {
+    Job job(true);
+    job.run(readFile("boxes_gnuplot.pcl"));
+    EXPECT_TRUE(job.diag.lines().empty()) << job.diag.lines().front();
+    // Three boxes and the key's sample, filled at half shade (FT10,50) of the first line colour.
+    size_t shaded = 0;
+    for (const auto& f : job.dev.fills) {
+        const Rgb c = f.paint.color;
+        if (f.paint.kind == Paint::Kind::Solid && c.r > 100 && c.r < 255 && !(c == Rgb::white()))
+            ++shaded;
+    }
+    EXPECT_EQ(shaded, 4u);
+    // The curve with dash type 2 (gnuplot's own line type 2 of UL) is dashed.
+    const bool dashed = std::any_of(job.dev.strokes.begin(), job.dev.strokes.end(),
+                                    [](const CaptureDevice::Stroke& s) { return !s.style.dashes.empty(); });
+    EXPECT_TRUE(dashed);
+    const Box b = job.box();
+    EXPECT_GE(b.x0, 18);
+    EXPECT_LE(b.x1, 18 + 756);
+    EXPECT_GE(b.y0, 36);
+    EXPECT_LE(b.y1, 36 + 540);
 }
