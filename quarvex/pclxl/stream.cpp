@@ -264,6 +264,8 @@ bool StreamReader::readHeader() {
     if (end >= limit)
         return fail(end >= m_size ? "truncated stream header" : "stream header line too long",
                     "stream header", start);
+    if (end == m_pos)
+        return fail("not a PCL XL stream header", "stream header", start);
     std::string line(reinterpret_cast<const char*>(m_data + m_pos + 1), end - m_pos - 1);
     while (!line.empty() && (line.back() == '\r' || line.back() == '\0'))
         line.pop_back();

@@ -258,6 +258,13 @@ TEST(Reader, MalformedAttributeLists) {
     }
 }
 
+TEST(Reader, LineFeedWhereTheBindingShouldBe) {
+    const std::vector<uint8_t> bytes = {0x0A, 0xE1, 0x9D, 0x72};
+    StreamReader r(bytes.data(), bytes.size());
+    EXPECT_FALSE(r.readHeader());
+    EXPECT_EQ(r.error(), "not a PCL XL stream header in stream header at byte 0");
+}
+
 TEST(Reader, TruncatedHeader) {
     const std::string s = ") HP-PCL XL;2;0";
     std::vector<uint8_t> bytes(s.begin(), s.end());
