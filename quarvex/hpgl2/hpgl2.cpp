@@ -947,6 +947,16 @@ size_t Interpreter::run(const uint8_t* data, size_t size) {
             m_penDown = down;
             continue;
         }
+        if ((a == 'W' && b == 'D') || (a == 'B' && b == 'L')) {
+            // Text for a front panel or for a buffered label: read to the terminator, not drawn.
+            size_t pos = reader.position();
+            while (pos < size && data[pos] != kEsc && data[pos] != m_terminator)
+                ++pos;
+            if (pos < size && data[pos] == m_terminator)
+                ++pos;
+            reader.setPosition(pos);
+            continue;
+        }
         if (a == 'L' && b == 'B') {
             std::string text;
             size_t pos = reader.position();
@@ -1570,7 +1580,7 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
     // Accepted without effect here: plot size and page advance belong to PCL, the rest changes
     // nothing this engine draws.
     static const char* const kIgnored[] = {"PS", "PG", "RP", "PP", "CF", "DV", "ES", "LM",
-                                           "QL", "TD", "VS", "FS", "IV", "WD", "OI", "OP", "OS", "OE",
+                                           "QL", "TD", "VS", "FS", "IV", "OI", "OP", "OS", "OE",
                                            "OW", "OH", "OF", "OD", "OA", "OC", "OG", "NR", "AF", "AH",
                                            "PB", "SB", "EC", "FR"};
     for (const char* m : kIgnored)

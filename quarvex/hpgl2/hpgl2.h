@@ -23,6 +23,11 @@
 // corner of the picture frame and y up; everything reaches the Device in page space (points,
 // top-left origin, y down). Every drawing is clipped to the picture frame (and to the input
 // window of IW).
+//
+// Instructions drawn: IN DF SP PU PD PA PR PE PW WU LA LT UL SC IP IR RO IW CI AA AR AT RT BZ BR
+// EA ER RA RR EW WG PM EP FP FT RF AC TR SV MC NP PC CR CT LB DT SD AD SS SA SI SR DI DR LO CP
+// SM. Accepted without effect: BP CO MG WD BL PS PG RP PP CF DV ES LM QL TD VS FS IV NR AF AH PB
+// SB EC FR and the O* output instructions. Anything else is skipped with one warning a mnemonic.
 
 #include "render/device.h"
 
