@@ -525,7 +525,7 @@ TEST(Hpgl2Interpreter, PclPatternsComeFromTheHost) {
 
 TEST(Hpgl2Interpreter, MessagesAndCommentsWithQuotedText) {
     Gl t;
-    t.run("IN;MG\"PD;PA9999,9999\";CO\"LB oops\";WDPD PA\x03BLPD RA\x03PD;PA1016,0;PU;");
+    t.run("IN;MG\"PD;PA9999,9999\";CO\"LB oops\";WDPD PA\x03" "BLPD RA\x03" "PD;PA1016,0;PU;");
     ASSERT_EQ(t.dev.strokes.size(), 1u);
     EXPECT_EQ(t.stroke(0), "M36,432 L108,432");
     EXPECT_TRUE(t.diag.lines().empty());
