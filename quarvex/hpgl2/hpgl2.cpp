@@ -261,12 +261,6 @@ void Interpreter::updateTransforms() {
 Point Interpreter::userToPlu(Point u) const { return clampPlu(m_userToPlu.apply(u)); }
 Point Interpreter::userDeltaToPlu(Point u) const { return clampPlu(m_userToPlu.applyVector(u)); }
 
-Point Interpreter::pluToUser(Point p) const {
-    if (auto inv = m_userToPlu.inverted())
-        return inv->apply(p);
-    return p;
-}
-
 Point Interpreter::pluToPage(Point p) const { return m_pluToPage.apply(p); }
 
 double Interpreter::pluScaleToPage() const {
@@ -662,7 +656,7 @@ std::vector<Point> Interpreter::arcPoints(Point centre, double radius, double st
 }
 
 // An arc from the pen around centre (plotter units), sweep in degrees counterclockwise.
-void Interpreter::arcTo(Point centre, double sweepDeg, double chordDeg, bool) {
+void Interpreter::arcTo(Point centre, double sweepDeg, double chordDeg) {
     const double radius = std::hypot(m_pen.x - centre.x, m_pen.y - centre.y);
     if (!std::isfinite(sweepDeg))
         return;
@@ -1059,7 +1053,7 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
             m_penDown = down;
             return;
         }
-        arcTo(c, p[2], chordAngle(p, 3), false);
+        arcTo(c, p[2], chordAngle(p, 3));
         return;
     }
     if (is("AT") || is("RT")) {

@@ -171,16 +171,14 @@ private:
     void updateTransforms();
     Point userToPlu(Point u) const;
     Point userDeltaToPlu(Point u) const;
-    Point pluToUser(Point p) const;
     Point pluToPage(Point p) const;
     double pluScaleToPage() const;
     double diagonalPlu() const;
-    double mmToPlu(double mm) const { return mm * 1016.0 / 25.4; }
 
     // Pen moves
     void moveTo(Point plu);
     void plotPairs(const std::vector<double>& p, bool relative);
-    void arcTo(Point centre, double sweepDeg, double chordDeg, bool startNewAtCurrent);
+    void arcTo(Point centre, double sweepDeg, double chordDeg);
     void threePointArc(Point mid, Point end, double chordDeg);
     std::vector<Point> arcPoints(Point centre, double radius, double startRad, double sweepRad,
                                  double chordDeg) const;
