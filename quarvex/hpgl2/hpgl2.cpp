@@ -174,6 +174,7 @@ void Interpreter::defaults(bool full) {
     m_relWidthPct = m_relHeightPct = 0;
     m_direction = {1, 0};
     m_directionRelative = false;
+    m_extraSpace = {0, 0};
     m_labelOrigin = 1;
     m_terminator = 3;
     m_terminatorPrinted = false;
@@ -755,10 +756,14 @@ Point Interpreter::labelDirection() const {
 
 // The distance of one line feed in plotter units.
 double Interpreter::lineFeedPlu() const {
-    if (m_relativeSize || m_charWidthCm > 0)
-        return 2 * charHeightPlu();
-    const Font& f = m_alternateSelected ? m_alternate : m_standard;
-    return (f.height > 0 ? f.height : 12) / 72.0 * 1016.0 * 4.0 / 3.0;
+    double line;
+    if (m_relativeSize || m_charWidthCm > 0) {
+        line = 2 * charHeightPlu();
+    } else {
+        const Font& f = m_alternateSelected ? m_alternate : m_standard;
+        line = (f.height > 0 ? f.height : 12) / 72.0 * 1016.0 * 4.0 / 3.0;
+    }
+    return line * (1 + m_extraSpace.y); // ES: extra lines
 }
 
 void Interpreter::label(const std::string& text) {
@@ -840,7 +845,9 @@ void Interpreter::labelLine(const std::u32string& line, Point start) {
     std::vector<double> advances;
     double total = 0;
     for (char32_t u : line) {
-        const double adv = fixedCells ? cell : m_fonts->advance(font, u) * emH;
+        // ES adds a share of a character cell (of an average letter for proportional faces).
+        const double extra = m_extraSpace.x * (fixedCells ? cell : 0.6 * emH);
+        const double adv = (fixedCells ? cell : m_fonts->advance(font, u) * emH) + extra;
         advances.push_back(adv);
         total += adv;
     }
@@ -1510,6 +1517,11 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
         }
         return;
     }
+    if (is("ES")) {
+        // Extra space between characters and between lines, in cells and lines.
+        m_extraSpace = {std::clamp(at(0, 0), -10.0, 10.0), std::clamp(at(1, 0), -10.0, 10.0)};
+        return;
+    }
     if (is("SS")) {
         m_alternateSelected = false;
         return;
@@ -1573,7 +1585,7 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
     }
     // Accepted without effect here: plot size and page advance belong to PCL, the rest changes
     // nothing this engine draws.
-    static const char* const kIgnored[] = {"PS", "PG", "RP", "PP", "CF", "DV", "ES", "LM",
+    static const char* const kIgnored[] = {"PS", "PG", "RP", "PP", "CF", "DV", "LM",
                                            "QL", "TD", "VS", "FS", "IV", "OI", "OP", "OS", "OE",
                                            "OW", "OH", "OF", "OD", "OA", "OC", "OG", "NR", "AF", "AH",
                                            "PB", "SB", "EC", "FR"};

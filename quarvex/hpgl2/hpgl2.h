@@ -26,7 +26,7 @@
 //
 // Instructions drawn: IN DF SP PU PD PA PR PE PW WU LA LT UL SC IP IR RO IW CI AA AR AT RT BZ BR
 // EA ER RA RR EW WG PM EP FP FT RF AC TR SV MC NP PC CR CT LB DT SD AD SS SA SI SR DI DR LO CP
-// SM. Accepted without effect: BP CO MG WD BL PS PG RP PP CF DV ES LM QL TD VS FS IV NR AF AH PB
+// ES SM. Accepted without effect: BP CO MG WD BL PS PG RP PP CF DV LM QL TD VS FS IV NR AF AH PB
 // SB EC FR and the O* output instructions. Anything else is skipped with one warning a mnemonic.
 
 #include "render/device.h"
@@ -270,6 +270,7 @@ private:
     bool m_relativeSize = false;
     Point m_direction{1, 0};          // DI/DR run, rise
     bool m_directionRelative = false;
+    Point m_extraSpace;               // ES: extra cells between characters, extra lines
     int m_labelOrigin = 1;
     uint8_t m_terminator = 3;
     bool m_terminatorPrinted = false;

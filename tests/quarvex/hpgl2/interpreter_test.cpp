@@ -642,3 +642,12 @@ TEST(Hpgl2Interpreter, ShiftOutAndInSwitchFontsInALabel) {
     // 0.1 + 0.2 + 0.1 inch.
     EXPECT_NEAR(t.gl.penPosition().x, 36 + 0.4 * 72, 1e-6);
 }
+
+TEST(Hpgl2Interpreter, ExtraSpaceWidensLabels) {
+    Gl t(&fonts());
+    // Cells of 1.5 cm; half a cell more after each of two characters.
+    t.run("IN;SI1,1;ES0.5;PA0,0;LBAB\x03");
+    const double cm = 72 / 2.54;
+    EXPECT_NEAR(t.gl.penPosition().x, 36 + 2 * 1.5 * 1.5 * cm, 1e-6);
+    EXPECT_EQ(t.dev.masks, 2);
+}
