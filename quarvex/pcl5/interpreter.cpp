@@ -1353,6 +1353,10 @@ void Interpreter::handleParam(Parser& parser, const Command& cmd) {
     }
     if (p == '*' && g == 'p') {
         const double unit = kUnitsPerInch / m_unitsPerInch;
+        // Raster rows move the cursor down as they are printed: a relative move inside a raster
+        // block counts from the row after the last one sent, not from where the block began.
+        if (m_raster.active && m_direction == 0)
+            m_y = m_raster.y;
         if (f == 'X')
             m_x = clampPos(relative ? m_x + v * unit : v * unit);
         else if (f == 'Y')

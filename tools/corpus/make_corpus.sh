@@ -181,7 +181,15 @@ gs_pair pcl5 ljet4 300 gnu tiffg4 $R5
 gs_pair pcl5 ljet4pjl 300 penguin tiffg4 $R5
 gs_pair pcl5 ljet4pjl 600 tables tiffg4 $R5
 gs_pair pcl5 laserjet 300 text tiffg4 $R5
-gs_pair pcl5 laserjet 300 rainbow tiffg4 $R5
+gs_pair pcl5 ljet4 300 rainbow tiffg4 $R5
+# The first LaserJet's driver lays its raster out for that printer's unprintable margins, so its
+# pages sit about 60 by 75 dots away from a LaserJet 4's. Text survives the shift unchanged (the
+# comparison above finds it at the best shift), but the driver's halftone screen is anchored to
+# its own sheet origin, so shifted halftones cannot agree pixel for pixel with the reference's
+# screen: the halftoned page is checked on pages and ink, and the same page goes through ljet4
+# above for the pixel comparison.
+PAGES_HINT=$(has_source rainbow && "${GS[@]}" -sDEVICE=bbox -f "$SRC/rainbow.ps" 2>&1 | grep -c '^%%BoundingBox' || echo 0)
+gs_pair pcl5 laserjet 300 rainbow - ink
 gs_pair pcl5 ljet4 300 tiger tiffg4 $R5
 gs_pair pcl5 ljet4 300 colorcir tiffg4 $R5
 # The colour driver only knows its own landscape sheet: no pixel reference, page count and ink.

@@ -289,6 +289,18 @@ TEST(Pcl5Raster, UnencodedRowsLandOneToOneAt300Dpi) {
     EXPECT_EQ(masks[0], "mask 16x2 ink=16 [0.24 0 0 0.24 90 108] #000000 rop=252 srcT patT");
 }
 
+TEST(Pcl5Raster, RelativeMoveInsideRasterCountsFromTheRowsSent) {
+    // Two rows at (1 inch, 1 inch), a relative move of 10 dots down, one more row: the move
+    // starts below the rows already printed, so the third row lands 12 dots under the first.
+    Result r = runPcl(ESC + "*t300R" + ESC + "*p300x300Y" + ESC + "*r16s1A" + ESC + "*b2W" +
+                      std::string("\xff\xff", 2) + ESC + "*b2W" + std::string("\xff\xff", 2) + ESC +
+                      "*p+10Y" + ESC + "*b2W" + std::string("\xff\xff", 2) + ESC + "*rB");
+    auto masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 2u);
+    EXPECT_EQ(masks[0], "mask 16x2 ink=32 [0.24 0 0 0.24 90 108] #000000 rop=252 srcT patT");
+    EXPECT_EQ(masks[1], "mask 16x1 ink=16 [0.24 0 0 0.24 90 110.88] #000000 rop=252 srcT patT");
+}
+
 TEST(Pcl5Raster, DefaultResolutionIs75DpiAndLeftMarginModeZero) {
     Result r = runPcl(ESC + "*p300x300Y" + ESC + "*r8s0A" + ESC + "*b1W\xf0" + ESC + "*rB");
     auto masks = r.starting("mask");
