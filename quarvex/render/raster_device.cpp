@@ -21,6 +21,8 @@
 #include <cstring>
 #include <new>
 
+#include <sys/mman.h>
+
 namespace qx {
 
 namespace raster {
@@ -189,6 +191,7 @@ struct Texture {
 
 struct RasterDevice::Impl {
     Impl(const RasterOptions& o, PageSink& s) : options(o), sink(s) {}
+    ~Impl() { unmapPage(); }
 
     RasterOptions options;
     PageSink& sink;
@@ -202,6 +205,13 @@ struct RasterDevice::Impl {
     int C = 3; // channels of the page buffer: 1 grey, 3 RGB
     std::vector<uint8_t> buf;
     size_t stride = 0;
+    // Black-and-white pages are drawn in an anonymous mapping instead of buf, and a row is made
+    // white only when something first draws on it: rows a page never touches stay unbacked
+    // zero pages of the kernel's, so a page costs memory for its inked rows only, and the
+    // mapping is handed back at every new page.
+    uint8_t* lazyMap = nullptr;
+    size_t lazyBytes = 0;
+    std::vector<uint8_t> touched;
     RasterPage out;
 
     ClipState clip;
@@ -223,7 +233,39 @@ struct RasterDevice::Impl {
     bool lutReady = false;
     uint8_t lut[3][256];
 
-    uint8_t* row(int y) { return buf.data() + size_t(y) * stride; }
+    uint8_t* row(int y) {
+        if (!lazyMap)
+            return buf.data() + size_t(y) * stride;
+        uint8_t* r = lazyMap + size_t(y) * stride;
+        if (!touched[size_t(y)]) {
+            std::memset(r, 255, stride);
+            touched[size_t(y)] = 1;
+        }
+        return r;
+    }
+    bool rowTouched(int y) const { return !lazyMap || touched[size_t(y)]; }
+
+    // A fresh all-white lazy page of the given size; false when it cannot be had.
+    bool mapPage(size_t bytes, int rows) {
+        if (lazyMap && lazyBytes == bytes) {
+            madvise(lazyMap, lazyBytes, MADV_DONTNEED); // back to zero pages, nothing resident
+        } else {
+            unmapPage();
+            void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+            if (p == MAP_FAILED)
+                return false;
+            lazyMap = static_cast<uint8_t*>(p);
+            lazyBytes = bytes;
+        }
+        touched.assign(size_t(rows), 0);
+        return true;
+    }
+    void unmapPage() {
+        if (lazyMap)
+            munmap(lazyMap, lazyBytes);
+        lazyMap = nullptr;
+        lazyBytes = 0;
+    }
 
     void toDevice(Rgb c, uint8_t* out3) const {
         if (C == 1) {
@@ -1099,16 +1141,27 @@ void RasterDevice::beginPage(const PageSpec& page) {
     d->pageRect = {0, 0, d->geo.widthPx, d->geo.heightPx};
     d->C = d->geo.depth == 24 ? 3 : 1;
     d->stride = size_t(d->geo.widthPx) * d->C;
-    try {
-        d->buf.resize(d->stride * size_t(d->geo.heightPx));
-    } catch (const std::bad_alloc&) {
-        // No page can be made at this size: stop, as if the output could not be written.
+    const size_t bytes = d->stride * size_t(d->geo.heightPx);
+    if (d->geo.depth == 1) {
         d->buf.clear();
         d->buf.shrink_to_fit();
-        d->failed = true;
-        return;
+        if (!d->mapPage(bytes, d->geo.heightPx)) {
+            // No page can be made at this size: stop, as if the output could not be written.
+            d->failed = true;
+            return;
+        }
+    } else {
+        d->unmapPage();
+        try {
+            d->buf.resize(bytes);
+        } catch (const std::bad_alloc&) {
+            d->buf.clear();
+            d->buf.shrink_to_fit();
+            d->failed = true;
+            return;
+        }
+        std::memset(d->buf.data(), 255, d->buf.size());
     }
-    std::memset(d->buf.data(), 255, d->buf.size());
     d->clip = ClipState{};
     d->inPage = true;
 }
@@ -1129,8 +1182,13 @@ void RasterDevice::endPage() {
         out.format = RasterPage::Format::Bilevel;
         out.stride = size_t(out.width + 7) / 8;
         out.data.resize(out.stride * size_t(out.height));
-        for (int y = 0; y < out.height; ++y)
-            raster::ditherRow(d->row(y), out.width, y, out.data.data() + size_t(y) * out.stride);
+        for (int y = 0; y < out.height; ++y) {
+            uint8_t* dst = out.data.data() + size_t(y) * out.stride;
+            if (d->rowTouched(y))
+                raster::ditherRow(d->row(y), out.width, y, dst);
+            else
+                std::memset(dst, 0, out.stride); // a row nothing drew on is white
+        }
         ok = d->sink.writePage(out);
     } else {
         // The page buffer already is the output: lend it to the sink and take it back.

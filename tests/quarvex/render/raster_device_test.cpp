@@ -234,6 +234,31 @@ TEST(RasterDevice, PagesAreIndependent) {
     EXPECT_FALSE(dev.sinkFailed());
 }
 
+TEST(RasterDevice, BlackAndWhitePagesStartWhiteAgainAtTheSameSize) {
+    // Black-and-white pages reuse one page store: a page after a black one is white wherever
+    // nothing was drawn, rows drawn on and rows left alone alike.
+    CaptureSink sink;
+    RasterDevice dev(opts(1), sink);
+    dev.beginPage(square());
+    dev.fillPath(rect(0, 0, 72, 72), FillRule::NonZero, Paint::solid(Rgb::black()), RenderState{});
+    dev.endPage();
+    dev.beginPage(square());
+    dev.fillPath(rect(10, 20, 5, 1), FillRule::NonZero, Paint::solid(Rgb::black()), RenderState{});
+    dev.endPage();
+    ASSERT_EQ(sink.pages.size(), 2u);
+    int inkFirst = 0, inkSecond = 0;
+    for (int y = 0; y < 72; ++y)
+        for (int x = 0; x < 72; ++x) {
+            inkFirst += black(sink.pages[0], x, y);
+            inkSecond += black(sink.pages[1], x, y);
+        }
+    EXPECT_EQ(inkFirst, 72 * 72);
+    EXPECT_EQ(inkSecond, 5);
+    EXPECT_TRUE(black(sink.pages[1], 10, 20));
+    EXPECT_FALSE(black(sink.pages[1], 9, 20));
+    EXPECT_FALSE(black(sink.pages[1], 10, 21));
+}
+
 TEST(RasterDevice, DrawingOutsideAPageIsIgnored) {
     CaptureSink sink;
     RasterDevice dev(opts(24), sink);
