@@ -1124,6 +1124,23 @@ struct RasterDevice::Impl {
             {{0, 0}, {double(w), 0}, {0, double(h)}, {double(w), double(h)}}};
         return intersect(deviceBounds(corners, m, 1), clip.bound);
     }
+
+    // Where a w x h grid of image or mask pixels, mapped to the page by toPage, lands: device
+    // pixel to grid transform and the device pixels it may touch; none when nothing can show.
+    struct GridPlacement {
+        Matrix inv;
+        IRect box;
+    };
+    std::optional<GridPlacement> placeGrid(const Matrix& toPage, int w, int h) const {
+        const Matrix m = ptd * toPage;
+        const auto inv = m.inverted();
+        if (!inv)
+            return std::nullopt;
+        const IRect box = gridBox(m, w, h);
+        if (box.empty())
+            return std::nullopt;
+        return GridPlacement{*inv, box};
+    }
 };
 
 RasterDevice::RasterDevice(const RasterOptions& options, PageSink& sink)
@@ -1328,14 +1345,11 @@ void RasterDevice::drawImage(const Image& image, const Matrix& imageToPage, cons
         return;
     if (!d->beginCall(texture, rs))
         return;
-    const Matrix m = d->ptd * imageToPage;
-    const auto invOpt = m.inverted();
-    if (!invOpt)
+    const auto place = d->placeGrid(imageToPage, iw, ih);
+    if (!place)
         return;
-    const Matrix inv = *invOpt;
-    const IRect box = d->gridBox(m, iw, ih);
-    if (box.empty())
-        return;
+    const Matrix inv = place->inv;
+    const IRect box = place->box;
 
     const int C = d->C;
     const bool axisAligned = inv.b == 0 && inv.c == 0;
@@ -1415,14 +1429,11 @@ void RasterDevice::fillMask(const Mask& mask, const Matrix& maskToPage, const Pa
         return;
     if (!d->beginCall(paint, rs))
         return;
-    const Matrix m = d->ptd * maskToPage;
-    const auto invOpt = m.inverted();
-    if (!invOpt)
+    const auto place = d->placeGrid(maskToPage, mw, mh);
+    if (!place)
         return;
-    const Matrix inv = *invOpt;
-    const IRect box = d->gridBox(m, mw, mh);
-    if (box.empty())
-        return;
+    const Matrix inv = place->inv;
+    const IRect box = place->box;
 
     const bool axisAligned = inv.b == 0 && inv.c == 0;
     if (axisAligned && nearly(inv.a, 1) && nearly(inv.d, 1)) {
