@@ -4,7 +4,7 @@
 #include "app/mainwindow.h"
 #include "settings/settingdialog.h"
 #include "settings/settingsfile.h"
-#include "modaldriver.h"
+#include "windowdriver.h"
 
 #include <QAction>
 #include <QComboBox>
@@ -82,32 +82,7 @@ class TestMainWindow : public QObject {
 
     QTemporaryDir m_tmp;
 
-    template <class T>
-    static T* child(MainWindow& w, const char* name)
-    {
-        return w.findChild<T*>(QString::fromLatin1(name));
-    }
 
-    // A window as start-up builds it: fixed, shown, then initialised.
-    static void bringUp(MainWindow& w)
-    {
-        w.setFixedSize(730, 450);
-        w.show();
-        w.InitAllChoice();
-    }
-
-    // Adds files through the Add button and the real file dialog; returns what the dialog
-    // looked like.
-    static SeenDialog addFiles(MainWindow& w, const QStringList& paths)
-    {
-        SeenDialog seen;
-        ModalDriver driver([&](QWidget* m) {
-            seen = describe(m);
-            pickFiles(m, paths);
-        });
-        child<QPushButton>(w, "pushButton_Add")->click();
-        return seen;
-    }
 
     static QStringList column0(MainWindow& w)
     {

@@ -3,7 +3,7 @@
 // TIFF files that libtiff reads back with the options chosen in the settings file.
 #include "app/mainwindow.h"
 #include "settings/settingsfile.h"
-#include "../app/modaldriver.h"
+#include "../app/windowdriver.h"
 
 #include <QDir>
 #include <QFile>
@@ -91,11 +91,6 @@ class TestEndToEnd : public QObject {
 
     QTemporaryDir m_tmp;
 
-    template <class T>
-    static T* child(MainWindow& w, const char* name)
-    {
-        return w.findChild<T*>(QString::fromLatin1(name));
-    }
 
     static void writeSettings(const QList<QPair<QString, QString>>& keys)
     {
@@ -109,14 +104,8 @@ class TestEndToEnd : public QObject {
     void convert(const QStringList& inputs, const QString& outFolder)
     {
         MainWindow w;
-        w.setFixedSize(730, 450);
-        w.show();
-        w.InitAllChoice();
-        {
-            ModalDriver driver([&](QWidget* m) { pickFiles(m, inputs); });
-            child<QPushButton>(w, "pushButton_Add")->click();
-            QCOMPARE(driver.hits(), 1);
-        }
+        bringUp(w);
+        addFiles(w, inputs);
         QCOMPARE(child<QTableWidget>(w, "tableWidget")->rowCount(), inputs.size());
         child<QLineEdit>(w, "lineEdit_OutPutPath")->setText(outFolder);
 

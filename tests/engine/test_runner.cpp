@@ -4,7 +4,7 @@
 #include "app/mainwindow.h"
 #include "engine/fontpath.h"
 #include "settings/settingsfile.h"
-#include "../app/modaldriver.h"
+#include "../app/windowdriver.h"
 
 #include <QDir>
 #include <QFile>
@@ -169,25 +169,7 @@ class TestRunner : public QObject {
     QTemporaryDir m_tmp;
     QString m_out;
 
-    template <class T>
-    static T* child(MainWindow& w, const char* name)
-    {
-        return w.findChild<T*>(QString::fromLatin1(name));
-    }
 
-    static void bringUp(MainWindow& w)
-    {
-        w.setFixedSize(730, 450);
-        w.show();
-        w.InitAllChoice();
-    }
-
-    static void addFiles(MainWindow& w, const QStringList& paths)
-    {
-        ModalDriver driver([&](QWidget* m) { pickFiles(m, paths); });
-        child<QPushButton>(w, "pushButton_Add")->click();
-        QCOMPARE(driver.hits(), 1);
-    }
 
     static QPushButton* convertButton(MainWindow& w) { return child<QPushButton>(w, "pushButton_Convert"); }
     static QProgressBar* bar(MainWindow& w) { return child<QProgressBar>(w, "progressBarA"); }
