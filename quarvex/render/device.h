@@ -112,7 +112,7 @@ struct Rgb {
 };
 
 // A repeating tile of colour, laid on the page by tileToPage (tile pixel space to page space).
-// Pixels flagged in `transparent` take part as white for the pattern transparency rule.
+// Its pure white pixels are the ones the pattern transparency rule leaves out.
 struct PatternTile {
     int width = 0;
     int height = 0;
