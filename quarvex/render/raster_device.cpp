@@ -1,13 +1,15 @@
 // The rasterising device. How a page is drawn:
-//  - the page buffer holds 8-bit grey (output depths 1 and 8) or RGB (depth 24), white at the
-//    start; colours are turned into grey (BT.601 luma) as they arrive on a grey page;
+//  - the page buffer holds RGB (depth 24), 8-bit grey (depth 8) or one bit a pixel (depth 1),
+//    white at the start; colours are turned into grey (BT.601 luma) as they arrive on a grey or
+//    black-and-white page;
 //  - paths are turned into coverage by cairo with antialiasing off, band by band into a small
 //    A8 buffer over the call's bounding box (never a page-sized mask); one-pixel lines and
 //    dashes are done here; images and masks are sampled nearest-neighbour at pixel centres;
 //  - each covered stretch of a row, cut by the clip (a cached 1-bit mask, or a rectangle), is
-//    composited with the raster operation over D, S and T and the transparency rules;
-//  - at the end of the page the buffer is handed over as it is (grey, RGB) or dithered to
-//    1 bit with an ordered 16x16 matrix.
+//    composited with the raster operation over D, S and T and the transparency rules; on a
+//    black-and-white page S and T are first halftoned with an ordered 16x16 matrix anchored at
+//    the page's corner, and the operation works on the bits;
+//  - at the end of the page the buffer is handed over as it is.
 #include "render/raster_device.h"
 
 #include "render/page_geometry.h"
@@ -20,8 +22,6 @@
 #include <cmath>
 #include <cstring>
 #include <new>
-
-#include <sys/mman.h>
 
 namespace qx {
 
@@ -50,39 +50,6 @@ const uint8_t (&ditherThresholds())[16][16] {
         return t;
     }();
     return table.v;
-}
-
-void ditherRow(const uint8_t* grey, int width, int y, uint8_t* bits) {
-    const uint8_t* thr = ditherThresholds()[y & 15];
-    const int nbytes = (width + 7) / 8;
-    for (int bx = 0, x = 0; bx < nbytes; ++bx, x += 8) {
-        if (x + 8 <= width) {
-            uint64_t v;
-            std::memcpy(&v, grey + x, 8);
-            if (v == 0) {
-                bits[bx] = 0xFF;
-                continue;
-            }
-            if (v == ~uint64_t(0)) {
-                bits[bx] = 0;
-                continue;
-            }
-        }
-        if (x + 8 <= width) {
-            // Without branches: mixed greys are as unpredictable as the picture.
-            const uint8_t* t = thr + (x & 15);
-            unsigned b = 0;
-            for (int i = 0; i < 8; ++i)
-                b = (b << 1) | unsigned(grey[x + i] < t[i]);
-            bits[bx] = static_cast<uint8_t>(b);
-            continue;
-        }
-        uint8_t b = 0;
-        for (int i = 0; x + i < width; ++i)
-            if (grey[x + i] < thr[(x + i) & 15])
-                b |= static_cast<uint8_t>(0x80 >> i);
-        bits[bx] = b;
-    }
 }
 
 } // namespace raster
@@ -191,7 +158,6 @@ struct Texture {
 
 struct RasterDevice::Impl {
     Impl(const RasterOptions& o, PageSink& s) : options(o), sink(s) {}
-    ~Impl() { unmapPage(); }
 
     RasterOptions options;
     PageSink& sink;
@@ -202,16 +168,13 @@ struct RasterDevice::Impl {
     PageGeometry geo;
     Matrix ptd;
     IRect pageRect;
-    int C = 3; // channels of the page buffer: 1 grey, 3 RGB
-    std::vector<uint8_t> buf;
+    int C = 3; // channels of colour values while drawing: 1 grey, 3 RGB
+    // Black-and-white pages are kept at one bit a pixel (1 = black, as they are written) and
+    // halftoned as they are drawn, the way a printer's raster is: sources, patterns and
+    // colours are dithered at their device position and raster operations work on the bits.
+    bool bilevel = false;
+    std::vector<uint8_t> buf; // the page: grey, RGB or bits
     size_t stride = 0;
-    // Black-and-white pages are drawn in an anonymous mapping instead of buf, and a row is made
-    // white only when something first draws on it: rows a page never touches stay unbacked
-    // zero pages of the kernel's, so a page costs memory for its inked rows only, and the
-    // mapping is handed back at every new page.
-    uint8_t* lazyMap = nullptr;
-    size_t lazyBytes = 0;
-    std::vector<uint8_t> touched;
     RasterPage out;
 
     ClipState clip;
@@ -232,40 +195,13 @@ struct RasterDevice::Impl {
     uint8_t constOut[3] = {0, 0, 0};
     bool lutReady = false;
     uint8_t lut[3][256];
+    // On a bilevel page with a solid colour: the colour dithered (1 = white, as the raster
+    // operations see it) and, where the result does not depend on the page, the result
+    // (1 = black, as it is stored); two bytes cover the 16-pixel width of the matrix.
+    uint8_t solidBits[16][2] = {};
+    uint8_t constBits[16][2] = {};
 
-    uint8_t* row(int y) {
-        if (!lazyMap)
-            return buf.data() + size_t(y) * stride;
-        uint8_t* r = lazyMap + size_t(y) * stride;
-        if (!touched[size_t(y)]) {
-            std::memset(r, 255, stride);
-            touched[size_t(y)] = 1;
-        }
-        return r;
-    }
-    bool rowTouched(int y) const { return !lazyMap || touched[size_t(y)]; }
-
-    // A fresh all-white lazy page of the given size; false when it cannot be had.
-    bool mapPage(size_t bytes, int rows) {
-        if (lazyMap && lazyBytes == bytes) {
-            madvise(lazyMap, lazyBytes, MADV_DONTNEED); // back to zero pages, nothing resident
-        } else {
-            unmapPage();
-            void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-            if (p == MAP_FAILED)
-                return false;
-            lazyMap = static_cast<uint8_t*>(p);
-            lazyBytes = bytes;
-        }
-        touched.assign(size_t(rows), 0);
-        return true;
-    }
-    void unmapPage() {
-        if (lazyMap)
-            munmap(lazyMap, lazyBytes);
-        lazyMap = nullptr;
-        lazyBytes = 0;
-    }
+    uint8_t* row(int y) { return buf.data() + size_t(y) * stride; }
 
     void toDevice(Rgb c, uint8_t* out3) const {
         if (C == 1) {
@@ -558,6 +494,20 @@ struct RasterDevice::Impl {
         for (int c = 0; c < 3; ++c)
             constOut[c] = raster::rop3(rop, 0, 0, tex.color[c]);
         lutReady = false;
+        if (bilevel) {
+            const auto& thr = raster::ditherThresholds();
+            for (int r = 0; r < 16; ++r) {
+                for (int half = 0; half < 2; ++half) {
+                    uint8_t t = 0;
+                    for (int i = 0; i < 8; ++i)
+                        if (tex.color[0] >= thr[r][half * 8 + i])
+                            t |= uint8_t(0x80 >> i);
+                    solidBits[r][half] = t;
+                    // S is black (all zero) for fills and masks.
+                    constBits[r][half] = uint8_t(~raster::rop3Bits<uint8_t>(rop, 0, 0, t));
+                }
+            }
+        }
         return true;
     }
 
@@ -612,6 +562,10 @@ struct RasterDevice::Impl {
     // Draws n pixels of row y from x0: S is s (n pixels, white flags sw), or black when s is
     // null; T is the call's texture; D is the page.
     void composite(int y, int x0, int n, const uint8_t* s, const uint8_t* sw) {
+        if (bilevel) {
+            compositeBits(y, x0, n, s, sw);
+            return;
+        }
         uint8_t* D = row(y) + size_t(x0) * C;
         const size_t nb = size_t(n) * C;
         if (!s && tex.solid) {
@@ -692,6 +646,87 @@ struct RasterDevice::Impl {
                 p[1] = uint8_t((p[1] & keep) | (q[1] & ~keep));
                 p[2] = uint8_t((p[2] & keep) | (q[2] & ~keep));
             }
+        }
+    }
+
+    // composite() on a bilevel page, a byte (eight pixels) at a time. S and T are dithered at
+    // their device position, the raster operation works on the bits (1 = white, as on bytes),
+    // and the transparency rules use the flags of the undithered pixels.
+    void compositeBits(int y, int x0, int n, const uint8_t* s, const uint8_t* sw) {
+        uint8_t* D = row(y);
+        const int r = y & 15;
+        const int x1 = x0 + n;
+        const int k0 = x0 >> 3, k1 = (x1 - 1) >> 3;
+        auto edge = [&](int k) {
+            const int lo = std::max(k * 8, x0) - k * 8, hi = std::min(k * 8 + 8, x1) - k * 8;
+            return uint8_t((0xFFu >> lo) & (0xFFu << (8 - hi)));
+        };
+        if (!s && tex.solid && !constUsesDest) {
+            // A fill in one colour: the dithered result, whatever lies beneath.
+            const uint8_t* cb = constBits[r];
+            for (int k = k0; k <= k1; ++k) {
+                const uint8_t em = (k == k0 || k == k1) ? edge(k) : 0xFF;
+                D[k] = uint8_t((D[k] & ~em) | (cb[k & 1] & em));
+            }
+            return;
+        }
+        const uint8_t* thr = raster::ditherThresholds()[r];
+        const uint8_t* tg = nullptr;
+        const uint8_t* tw = nullptr;
+        if (!tex.solid) {
+            ensureScratch(size_t(n), size_t(n));
+            fetchTexture(y, x0, n);
+            tg = tbuf.data();
+            tw = twhite.data();
+        }
+        const bool useSrc = srcTransparent && sw;
+        const bool usePat = patTransparent && tw;
+        // Bits of the pixels [lo, hi) of byte k: values at or above their threshold (white), or
+        // flags that are set. Whole bytes go without branches.
+        auto halftone = [&](const uint8_t* v, int bx, int lo, int hi) {
+            unsigned b = 0;
+            if (lo == bx && hi == bx + 8) {
+                const uint8_t* p = v + (bx - x0);
+                const uint8_t* t = thr + (bx & 15);
+                for (int i = 0; i < 8; ++i)
+                    b = (b << 1) | unsigned(p[i] >= t[i]);
+                return uint8_t(b);
+            }
+            for (int x = lo; x < hi; ++x)
+                if (v[x - x0] >= thr[x & 15])
+                    b |= 0x80u >> (x - bx);
+            return uint8_t(b);
+        };
+        auto flags = [&](const uint8_t* f, int bx, int lo, int hi) {
+            unsigned b = 0;
+            if (lo == bx && hi == bx + 8) {
+                const uint8_t* p = f + (bx - x0);
+                for (int i = 0; i < 8; ++i)
+                    b = (b << 1) | unsigned(p[i] != 0);
+                return uint8_t(b);
+            }
+            for (int x = lo; x < hi; ++x)
+                if (f[x - x0])
+                    b |= 0x80u >> (x - bx);
+            return uint8_t(b);
+        };
+        for (int k = k0; k <= k1; ++k) {
+            const int bx = k * 8;
+            const int lo = std::max(bx, x0), hi = std::min(bx + 8, x1);
+            const uint8_t sBits = s ? halftone(s, bx, lo, hi) : 0; // no source: black ink
+            const uint8_t sWhite = useSrc || usePat ? (sw ? flags(sw, bx, lo, hi) : 0) : 0;
+            const uint8_t tBits = tg ? halftone(tg, bx, lo, hi) : solidBits[r][k & 1];
+            const uint8_t tWhite = usePat ? flags(tw, bx, lo, hi) : 0;
+            const uint8_t dBits = uint8_t(~D[k]);
+            const uint8_t res = raster::rop3Bits<uint8_t>(rop, dBits, sBits, tBits);
+            uint8_t skip = 0;
+            if (useSrc)
+                skip |= sWhite;
+            if (usePat)
+                skip |= uint8_t(~sWhite & tWhite);
+            const uint8_t outBits = uint8_t((dBits & skip) | (res & ~skip));
+            const uint8_t em = (k == k0 || k == k1) ? edge(k) : 0xFF;
+            D[k] = uint8_t((D[k] & ~em) | (~outBits & em));
         }
     }
 
@@ -1024,6 +1059,41 @@ struct RasterDevice::Impl {
         }
     }
 
+    // The same on a bilevel page: each mask row, shifted onto the page's bytes, selects where
+    // the dithered result goes, eight pixels at a time.
+    void stampUnitMaskBits(const Mask& mask, const IRect& box, int64_t ox, int64_t oy,
+                           int64_t cLo, int64_t cHi) {
+        cLo = std::max<int64_t>(cLo, clip.bound.x0 + ox);
+        cHi = std::min<int64_t>(cHi, clip.bound.x1 + ox);
+        const int y0 = std::max(box.y0, clip.bound.y0), y1 = std::min(box.y1, clip.bound.y1);
+        if (cLo >= cHi)
+            return;
+        const int xLo = int(cLo - ox), xHi = int(cHi - ox); // device columns
+        const int k0 = xLo >> 3, k1 = (xHi - 1) >> 3;
+        const int64_t byteLo = cLo >> 3, byteHi = (cHi + 7) >> 3; // mask bytes that may be read
+        for (int y = y0; y < y1; ++y) {
+            const int64_t j = y + oy;
+            if (j < 0 || j >= mask.height)
+                continue;
+            const uint8_t* bits = mask.bits.data() + size_t(j) * mask.stride;
+            auto rd = [&](int64_t b) -> unsigned {
+                return b >= byteLo && b < byteHi ? bits[b] : 0u;
+            };
+            uint8_t* D = row(y);
+            const uint8_t* cb = constBits[y & 15];
+            for (int k = k0; k <= k1; ++k) {
+                const int64_t c = int64_t(k) * 8 + ox; // mask column under device pixel 8k
+                const int64_t b = c >> 3;              // rounds down, negative c included
+                const int sh = int(c - b * 8);
+                const unsigned v = (((rd(b) << 8) | rd(b + 1)) >> (8 - sh)) & 0xFFu;
+                const int lo = std::max(k * 8, xLo) - k * 8, hi = std::min(k * 8 + 8, xHi) - k * 8;
+                const uint8_t m = uint8_t(v & (0xFFu >> lo) & (0xFFu << (8 - hi)));
+                if (m)
+                    D[k] = uint8_t((D[k] & ~m) | (cb[k & 1] & m));
+            }
+        }
+    }
+
     // The common case of monochrome raster and glyph bitmaps on a grey page: mask pixels map
     // one to one onto device pixels (device x = column - ox, y = row - oy), the clip is a
     // rectangle and the result is one grey value. Eight pixels at a time, with a table that
@@ -1157,27 +1227,18 @@ void RasterDevice::beginPage(const PageSpec& page) {
     d->ptd = d->geo.pageToDevice();
     d->pageRect = {0, 0, d->geo.widthPx, d->geo.heightPx};
     d->C = d->geo.depth == 24 ? 3 : 1;
-    d->stride = size_t(d->geo.widthPx) * d->C;
+    d->bilevel = d->geo.depth == 1;
+    d->stride = d->bilevel ? size_t(d->geo.widthPx + 7) / 8 : size_t(d->geo.widthPx) * d->C;
     const size_t bytes = d->stride * size_t(d->geo.heightPx);
-    if (d->geo.depth == 1) {
+    try {
+        // All white: zero bits on a bilevel page, 255 on grey and RGB pages.
+        d->buf.assign(bytes, d->bilevel ? 0 : 255);
+    } catch (const std::bad_alloc&) {
+        // No page can be made at this size: stop, as if the output could not be written.
         d->buf.clear();
         d->buf.shrink_to_fit();
-        if (!d->mapPage(bytes, d->geo.heightPx)) {
-            // No page can be made at this size: stop, as if the output could not be written.
-            d->failed = true;
-            return;
-        }
-    } else {
-        d->unmapPage();
-        try {
-            d->buf.resize(bytes);
-        } catch (const std::bad_alloc&) {
-            d->buf.clear();
-            d->buf.shrink_to_fit();
-            d->failed = true;
-            return;
-        }
-        std::memset(d->buf.data(), 255, d->buf.size());
+        d->failed = true;
+        return;
     }
     d->clip = ClipState{};
     d->inPage = true;
@@ -1189,33 +1250,20 @@ void RasterDevice::endPage() {
     d->inPage = false;
     if (d->failed)
         return;
+    // The page buffer already is the output: lend it to the sink and take it back.
     RasterPage& out = d->out;
     out.width = d->geo.widthPx;
     out.height = d->geo.heightPx;
     out.xdpi = d->geo.xdpi;
     out.ydpi = d->geo.ydpi;
-    bool ok = false;
-    if (d->geo.depth == 1) {
-        out.format = RasterPage::Format::Bilevel;
-        out.stride = size_t(out.width + 7) / 8;
-        out.data.resize(out.stride * size_t(out.height));
-        for (int y = 0; y < out.height; ++y) {
-            uint8_t* dst = out.data.data() + size_t(y) * out.stride;
-            if (d->rowTouched(y))
-                raster::ditherRow(d->row(y), out.width, y, dst);
-            else
-                std::memset(dst, 0, out.stride); // a row nothing drew on is white
-        }
-        ok = d->sink.writePage(out);
-    } else {
-        // The page buffer already is the output: lend it to the sink and take it back.
-        out.format = d->geo.depth == 8 ? RasterPage::Format::Gray8 : RasterPage::Format::Rgb24;
-        out.stride = d->stride;
-        out.data = std::move(d->buf);
-        ok = d->sink.writePage(out);
-        d->buf = std::move(out.data);
-        out.data = {};
-    }
+    out.format = d->bilevel            ? RasterPage::Format::Bilevel
+                 : d->geo.depth == 8 ? RasterPage::Format::Gray8
+                                     : RasterPage::Format::Rgb24;
+    out.stride = d->stride;
+    out.data = std::move(d->buf);
+    const bool ok = d->sink.writePage(out);
+    d->buf = std::move(out.data);
+    out.data = {};
     d->clip = ClipState{};
     if (ok)
         ++d->written;
@@ -1443,7 +1491,9 @@ void RasterDevice::fillMask(const Mask& mask, const Matrix& maskToPage, const Pa
         const int64_t cLo = std::max<int64_t>(0, box.x0 + ox);
         const int64_t cHi = std::min<int64_t>(mw, box.x1 + ox);
         if (d->clip.rect && d->tex.solid && !d->constUsesDest) {
-            if (d->C == 1)
+            if (d->bilevel)
+                d->stampUnitMaskBits(mask, box, ox, oy, cLo, cHi);
+            else if (d->C == 1)
                 d->stampUnitMask(mask, box, ox, oy, cLo, cHi);
             else
                 d->stampUnitMaskRgb(mask, box, ox, oy, cLo, cHi);
@@ -1496,7 +1546,16 @@ void RasterDevice::fillMask(const Mask& mask, const Matrix& maskToPage, const Pa
                 const uint8_t* bits = mask.bits.data() + size_t(j) * mask.stride;
                 const int64_t* cols = d->colIdx.data() - box.x0;
                 uint8_t* D = d->row(y);
-                if (C == 1) {
+                if (d->bilevel) {
+                    const uint8_t* cb = d->constBits[y & 15];
+                    for (int x = xa; x < xb; ++x) {
+                        const int64_t c = cols[x];
+                        if (bits[c >> 3] & (0x80 >> (c & 7))) {
+                            const uint8_t m = uint8_t(0x80 >> (x & 7));
+                            D[x >> 3] = uint8_t((D[x >> 3] & ~m) | (cb[(x >> 3) & 1] & m));
+                        }
+                    }
+                } else if (C == 1) {
                     for (int x = xa; x < xb; ++x) {
                         const int64_t c = cols[x];
                         const uint8_t keep = uint8_t(((bits[c >> 3] << (c & 7)) & 0x80) ? 0 : 0xFF);

@@ -76,8 +76,4 @@ inline uint8_t luminance(uint8_t r, uint8_t g, uint8_t b) {
 // g < threshold. 0 is below every threshold and 255 below none, so black and white stay pure.
 const uint8_t (&ditherThresholds())[16][16];
 
-// Grey rows (0 = black) to 1-bit rows (1 = black, most significant bit first), dithered with the
-// matrix anchored at pixel (0, 0) of the page. `y` is the page row of `grey`.
-void ditherRow(const uint8_t* grey, int width, int y, uint8_t* bits);
-
 } // namespace qx::raster

@@ -1,8 +1,10 @@
 #include "render/raster_device.h"
+#include "render/raster_ops.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -1088,6 +1090,126 @@ TEST(RasterDevice, BilevelPageHasMinIsWhiteBitsAndPaddedRows) {
     EXPECT_EQ(p.stride, 2u);
     EXPECT_EQ(p.row(5)[0], 0x00);
     EXPECT_EQ(p.row(5)[1], 0x08); // pixel 12 is bit 3 of the second byte
+}
+
+// Draws the same calls on a grey page and a black-and-white one. Where no raster operation reads
+// the page, every black-and-white pixel must be the grey pixel halftoned at its position.
+void expectBilevelIsDitheredGrey(const std::function<void(Device&)>& draw, int side) {
+    CaptureSink greySink, bitSink;
+    RasterDevice greyDev(opts(8), greySink), bitDev(opts(1), bitSink);
+    for (Device* d : {static_cast<Device*>(&greyDev), static_cast<Device*>(&bitDev)}) {
+        d->beginPage(square(side));
+        draw(*d);
+        d->endPage();
+    }
+    const RasterPage& g = greySink.pages.at(0);
+    const RasterPage& b = bitSink.pages.at(0);
+    ASSERT_EQ(b.stride, size_t(side + 7) / 8);
+    const auto& thr = raster::ditherThresholds();
+    int mismatches = 0, inked = 0;
+    for (int y = 0; y < side; ++y)
+        for (int x = 0; x < side; ++x) {
+            const bool want = grey(g, x, y) < thr[y & 15][x & 15];
+            inked += want;
+            if (black(b, x, y) != want && ++mismatches <= 5)
+                ADD_FAILURE() << "pixel " << x << "," << y << " grey " << grey(g, x, y);
+        }
+    EXPECT_EQ(mismatches, 0);
+    EXPECT_GT(inked, 0);
+}
+
+TEST(RasterDevice, BilevelMasksAtEveryBitOffsetMatchTheGreyPage) {
+    // Glyph-like masks one to one with the device, at every offset within a byte, in black and
+    // in grey, inside a rectangular clip that cuts them at odd columns.
+    const Mask m = makeMask(29, 11, [](int x, int y) { return (x * 7 + y * 3) % 5 < 2 || x == 28; });
+    expectBilevelIsDitheredGrey(
+        [&](Device& d) {
+            RenderState rs;
+            rs.clip = clipOf({rect(5, 3, 141, 150)});
+            for (int i = 0; i < 16; ++i) {
+                const Rgb ink = i % 3 == 0 ? Rgb::black() : Rgb{uint8_t(40 * (i % 5)), 90, 200};
+                d.fillMask(m, Matrix::translate(i * 9 - 3, i * 10 - 2), Paint::solid(ink), rs);
+            }
+            // Scaled up three times: the path that does not map mask pixels one to one.
+            d.fillMask(m, Matrix::translate(60, 20) * Matrix::scale(3, 3), Paint::solid({100, 100, 100}), rs);
+        },
+        160);
+}
+
+TEST(RasterDevice, BilevelImagesPatternsAndTransparencyMatchTheGreyPage) {
+    const Image ramp = grayImage(37, 23, [](int x, int y) { return x * 7 + y * 3 > 250 ? 255 : x * 7 + y * 3; });
+    const auto checker = tile(6, 6, [] {
+        std::vector<Rgb> px(36, Rgb::white());
+        for (int i = 0; i < 36; ++i)
+            if ((i / 6 + i % 6) % 3 == 0)
+                px[size_t(i)] = Rgb{70, 70, 70};
+        return px;
+    }());
+    expectBilevelIsDitheredGrey(
+        [&](Device& d) {
+            d.fillPath(rect(0, 0, 120, 120), FillRule::NonZero, Paint::solid({200, 200, 200}), opaque());
+            // Opaque and source-transparent images, one to one and scaled, at odd offsets.
+            d.drawImage(ramp, Matrix::translate(3, 5), Paint::solid(Rgb::black()), opaque());
+            d.drawImage(ramp, Matrix::translate(41, 7) * Matrix::scale(2, 1.5), Paint::solid(Rgb::black()),
+                        RenderState{});
+            // A rotated image goes through the general sampling path.
+            d.drawImage(ramp, Matrix::translate(60, 70) * Matrix::rotate(0.4), Paint::solid(Rgb::black()),
+                        RenderState{});
+            // Pattern fills, transparent and opaque, through a clip that is not a rectangle.
+            Path disc;
+            disc.moveTo({100, 60});
+            disc.curveTo({100, 90}, {50, 110}, {30, 90});
+            disc.lineTo({80, 20});
+            disc.close();
+            RenderState clipped;
+            clipped.clip = clipOf({disc});
+            d.fillPath(rect(10, 10, 130, 130), FillRule::NonZero, Paint::tiled(checker), clipped);
+            d.fillPath(rect(0, 100, 57, 41), FillRule::NonZero, Paint::tiled(checker), opaque());
+            // A one-pixel dashed line.
+            StrokeStyle thin;
+            thin.width = 0;
+            thin.dashes = {5, 3};
+            Path line;
+            line.moveTo({2, 150});
+            line.lineTo({150, 121});
+            d.strokePath(line, thin, Paint::solid({30, 30, 30}), RenderState{});
+        },
+        152);
+}
+
+TEST(RasterDevice, BilevelRasterOperationsWorkOnTheHalftonedBits) {
+    // The exclusive-or masking trick drivers use (S xor D, then S xor D again) gives the page
+    // back exactly, greys included, because the source is halftoned the same way both times.
+    const Image ramp = grayImage(40, 40, [](int x, int y) { return (x * 13 + y * 5) % 256; });
+    CaptureSink sink;
+    RasterDevice dev(opts(1), sink);
+    dev.beginPage(square(48));
+    dev.fillPath(rect(8, 8, 20, 30), FillRule::NonZero, Paint::solid({90, 90, 90}), RenderState{});
+    dev.endPage();
+    dev.beginPage(square(48));
+    dev.fillPath(rect(8, 8, 20, 30), FillRule::NonZero, Paint::solid({90, 90, 90}), RenderState{});
+    const uint8_t dsx = 0x66; // D xor S
+    dev.drawImage(ramp, Matrix::translate(3, 2), Paint::solid(Rgb::black()), opaque(dsx));
+    dev.endPage();
+    dev.beginPage(square(48));
+    dev.fillPath(rect(8, 8, 20, 30), FillRule::NonZero, Paint::solid({90, 90, 90}), RenderState{});
+    dev.drawImage(ramp, Matrix::translate(3, 2), Paint::solid(Rgb::black()), opaque(dsx));
+    dev.drawImage(ramp, Matrix::translate(3, 2), Paint::solid(Rgb::black()), opaque(dsx));
+    dev.endPage();
+    ASSERT_EQ(sink.pages.size(), 3u);
+    EXPECT_NE(sink.pages[1].data, sink.pages[0].data);
+    EXPECT_EQ(sink.pages[2].data, sink.pages[0].data);
+    // Inverting the destination (Dn) flips every bit under the fill and nothing else.
+    CaptureSink inv;
+    RasterDevice dev2(opts(1), inv);
+    dev2.beginPage(square(48));
+    dev2.fillPath(rect(8, 8, 20, 30), FillRule::NonZero, Paint::solid({90, 90, 90}), RenderState{});
+    dev2.fillPath(rect(0, 0, 48, 24), FillRule::NonZero, Paint::solid(Rgb::black()), opaque(0x55));
+    dev2.endPage();
+    for (int y = 0; y < 48; ++y)
+        for (int x = 0; x < 48; ++x)
+            ASSERT_EQ(black(inv.pages.at(0), x, y), y < 24 ? !black(sink.pages[0], x, y) : black(sink.pages[0], x, y))
+                << x << "," << y;
 }
 
 TEST(RasterDevice, GreyOutputIsLuminance) {

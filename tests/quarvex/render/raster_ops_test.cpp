@@ -68,20 +68,3 @@ TEST(RasterOps, DitherThresholdsCoverTheRangeOnce) {
     // Neighbours differ a lot (dispersed dots), so flat greys do not clump.
     EXPECT_GT(std::abs(int(thr[0][0]) - int(thr[0][1])), 64);
 }
-
-TEST(RasterOps, DitherRowKeepsBlackAndWhitePure) {
-    std::vector<uint8_t> grey(21, 0), bits(3);
-    for (int y = 0; y < 16; ++y) {
-        raster::ditherRow(grey.data(), 21, y, bits.data());
-        EXPECT_EQ(bits[0], 0xFF);
-        EXPECT_EQ(bits[1], 0xFF);
-        EXPECT_EQ(bits[2] & 0xF8, 0xF8);
-    }
-    std::fill(grey.begin(), grey.end(), 255);
-    for (int y = 0; y < 16; ++y) {
-        raster::ditherRow(grey.data(), 21, y, bits.data());
-        EXPECT_EQ(bits[0], 0);
-        EXPECT_EQ(bits[1], 0);
-        EXPECT_EQ(bits[2], 0);
-    }
-}
