@@ -1347,8 +1347,11 @@ void Interpreter::handleParam(Parser& parser, const Command& cmd) {
         return;
     }
     if (p == '&' && g == 'u' && f == 'D') {
-        if (v >= 96 && v <= 7200)
-            m_unitsPerInch = v;
+        // Printers list 96 to 7200 units an inch, but drivers for low resolutions send their
+        // own (75 for a 75-dpi job) and place everything in those units: take any whole
+        // positive count up to 7200.
+        if (v >= 1 && v <= 7200)
+            m_unitsPerInch = std::floor(v);
         return;
     }
     if (p == '*' && g == 'p') {

@@ -181,6 +181,8 @@ gs_pair pcl5 ljet4 300 gnu tiffg4 $R5
 gs_pair pcl5 ljet4pjl 300 penguin tiffg4 $R5
 gs_pair pcl5 ljet4pjl 600 tables tiffg4 $R5
 gs_pair pcl5 laserjet 300 text tiffg4 $R5
+# At 75 dpi the driver sets its unit of measure to 75 and places everything in those units.
+gs_pair pcl5 ljet4 75 chess tiffg4 $R5
 gs_pair pcl5 ljet4 300 rainbow tiffg4 $R5
 # The first LaserJet's driver lays its raster out for that printer's unprintable margins, so its
 # pages sit about 60 by 75 dots away from a LaserJet 4's. Text survives the shift unchanged (the

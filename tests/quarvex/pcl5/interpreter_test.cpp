@@ -126,6 +126,20 @@ TEST(Pcl5Rectangles, UnitsOfMeasureAndDecipoints) {
     EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M90,36 L162,36 L162,72 L90,72 Z");
 }
 
+TEST(Pcl5Rectangles, LowResolutionUnitsOfMeasure) {
+    // A 75-dpi driver works in its own units: 75 units right and 150 down are 1 and 2 inches.
+    Result r = runPcl(ESC + "&u75D" + ESC + "*p75x150Y" + ESC + "*c75a30b0P");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 1u);
+    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M90,180 L162,180 L162,208.8 L90,208.8 Z");
+    EXPECT_EQ(r.calls.front(), "beginPage 612x792 dpi=75x75");
+    // Nonsense counts leave the units as they were.
+    r = runPcl(ESC + "&u0D" + ESC + "&u9000D" + ESC + "*p300x600Y" + ESC + "*c300a150b0P");
+    fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 1u);
+    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M90,180 L162,180 L162,216 L90,216 Z");
+}
+
 TEST(Pcl5Rectangles, EraseShadeAndHatch) {
     Result r = runPcl(ESC + "*c100a100b1P" + ESC + "*c25g2P" + ESC + "*c3g3P" + ESC + "*c100g2P");
     auto fills = r.starting("fill");
