@@ -155,7 +155,7 @@ gs_pair() {
         return 0
     fi
     if [ "$refdev" = "-" ]; then
-        printf '%s\t%s\t%s\t-\t%s\t%s\t%s\t-\n' "$in" "$dev" "$dpi" "$PAGES_HINT" "$kind" "$measure" >> "$MANIFEST"
+        printf '%s\t%s\t%s\t-\t%s\t%s\t%s\t%s\n' "$in" "$dev" "$dpi" "$PAGES_HINT" "$kind" "$measure" "${SIZE_HINT:--}" >> "$MANIFEST"
         return 0
     fi
     local ref="ref/$base.tif"
@@ -194,9 +194,13 @@ PAGES_HINT=$(has_source rainbow && "${GS[@]}" -sDEVICE=bbox -f "$SRC/rainbow.ps"
 gs_pair pcl5 laserjet 300 rainbow - ink
 gs_pair pcl5 ljet4 300 tiger tiffg4 $R5
 gs_pair pcl5 ljet4 300 colorcir tiffg4 $R5
-# The colour driver only knows its own landscape sheet: no pixel reference, page count and ink.
+# The Color LaserJet 5 driver draws on A4 turned sideways (that printer feeds its long edge
+# first), Ghostscript turning the document to fit, with its own halftone; it then selects A4 in
+# portrait orientation and sends rows as long as the sideways sheet, which PCL clips at the
+# portrait page's edge. No other Ghostscript device draws those pixels, so the file is checked
+# on page count, page size (the A4 portrait sheet the job selects) and ink.
 PAGES_HINT=$(has_source chess && "${GS[@]}" -sDEVICE=bbox -f "$SRC/chess.ps" 2>&1 | grep -c '^%%BoundingBox' || echo 0)
-gs_pair pcl5 cljet5 300 chess - ink
+SIZE_HINT=595x842 gs_pair pcl5 cljet5 300 chess - ink
 
 gs_pair pclxl pxlmono 300 text tiffgray $RXL
 gs_pair pclxl pxlmono 600 text tiffgray $RXL
