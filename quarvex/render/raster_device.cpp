@@ -112,6 +112,11 @@ constexpr size_t kBandBytes = size_t(1) << 20;
 // pixels a side); a multiple of 8, so that slices of a clip mask start on whole bytes.
 constexpr int kMaxSliceWidth = 16384;
 
+// A pixel centre within this much (in image or mask pixels) of a grid line counts as past it. An
+// image sent in strips puts the same centre on the line through two abutting grids whose
+// transforms round differently; nudged alike, it lands in exactly one strip.
+constexpr double kGridSnap = 1e-6;
+
 int64_t floorMod(int64_t a, int64_t m) {
     const int64_t r = a % m;
     return r < 0 ? r + m : r;
@@ -1150,7 +1155,7 @@ struct RasterDevice::Impl {
     // (device to grid), within [lo, hi).
     static bool rowSpan(const Matrix& inv, int y, int w, int h, int lo, int hi, int& xa, int& xb) {
         const double cy = y + 0.5;
-        const double u0 = inv.c * cy + inv.e, v0 = inv.d * cy + inv.f;
+        const double u0 = inv.c * cy + inv.e + kGridSnap, v0 = inv.d * cy + inv.f + kGridSnap;
         double tlo = lo + 0.5, thi = hi - 0.5; // centres considered
         auto limit = [&](double a, double base, double size) {
             // 0 <= base + a * t < size
@@ -1184,7 +1189,7 @@ struct RasterDevice::Impl {
     }
 
     static int gridIndex(double v, int size) {
-        const int64_t i = floorToInt64(v);
+        const int64_t i = floorToInt64(v + kGridSnap);
         return int(std::clamp<int64_t>(i, 0, size - 1));
     }
 

@@ -843,9 +843,11 @@ TEST(RasterDevice, ImageScaledByWholeFactors) {
 }
 
 TEST(RasterDevice, ImageStripsHaveNoSeams) {
-    // The same image drawn whole and as strips of 3 rows, at several scales, must match.
+    // The same image drawn whole and as strips of a few rows, at several scales, must match:
+    // a device pixel centre on the line between two strips belongs to exactly one of them.
     const Image whole = grayImage(40, 30, [](int x, int y) { return (x * 13 + y * 7) % 250; });
-    for (double imageDpi : {300.0, 150.0, 200.0, 75.0, 450.0, 97.0}) {
+    for (int stripRows : {3, 5})
+    for (double imageDpi : {300.0, 150.0, 200.0, 75.0, 450.0, 97.0, 600.0, 1200.0}) {
         std::vector<RasterPage> results;
         for (bool strips : {false, true}) {
             CaptureSink sink;
@@ -854,8 +856,8 @@ TEST(RasterDevice, ImageStripsHaveNoSeams) {
             if (!strips) {
                 dev.drawImage(whole, placed(3.3, 2.1, imageDpi), Paint::solid(Rgb::black()), opaque(204));
             } else {
-                for (int y0 = 0; y0 < 30; y0 += 3) {
-                    const Image part = grayImage(40, 3, [&](int x, int y) {
+                for (int y0 = 0; y0 < 30; y0 += stripRows) {
+                    const Image part = grayImage(40, stripRows, [&](int x, int y) {
                         return whole.data[size_t(y0 + y) * whole.stride + x];
                     });
                     const Matrix m = Matrix::translate(3.3, 2.1 + y0 * 72.0 / imageDpi) *
@@ -866,7 +868,7 @@ TEST(RasterDevice, ImageStripsHaveNoSeams) {
             dev.endPage();
             results.push_back(sink.pages.at(0));
         }
-        EXPECT_EQ(results[0].data, results[1].data) << imageDpi;
+        EXPECT_EQ(results[0].data, results[1].data) << imageDpi << " dpi, strips of " << stripRows;
         // The image covers the expected number of device rows: no gap, no overlap.
         int rowsTouched = 0;
         for (int y = 0; y < 300; ++y) {
