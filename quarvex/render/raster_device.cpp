@@ -751,6 +751,13 @@ struct RasterDevice::Impl {
             if (k >= n)
                 break;
             int e = k;
+            while (e + 8 <= n) { // coverage is all or nothing: whole words of ink at once
+                uint64_t v;
+                std::memcpy(&v, cov + e, 8);
+                if (v != ~uint64_t(0))
+                    break;
+                e += 8;
+            }
             while (e < n && cov[e])
                 ++e;
             clippedRuns(y, x0 + k, x0 + e,
