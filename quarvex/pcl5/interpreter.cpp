@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 
 namespace qx::pcl5 {
@@ -54,13 +55,24 @@ void Interpreter::reset() {
     int orientation = 0;
     if (!pjl.orientation.empty() && (pjl.orientation[0] == 'L' || pjl.orientation[0] == 'l'))
         orientation = 1;
-    m_unitsPerInch = 300;
     m_regLeft = 0;
     m_regTop = 0;
+    m_cursorStack.clear();
+    m_userPatterns.clear();
+    m_raster = RasterState{};
+    m_displayFunctions = false;
+    fontControl(1); // a reset deletes the temporary downloaded fonts
+    resetMacros();
+    defaultEnvironment();
+    applyPageSetup(paper, orientation);
+}
+
+void Interpreter::defaultEnvironment() {
+    const PjlDefaults& pjl = m_ctx.pjl;
+    m_unitsPerInch = 300;
     m_perfSkip = true;
     m_wrap = false;
     m_lineTermination = 0;
-    m_cursorStack.clear();
     m_underline = false;
     m_rectWidth = m_rectHeight = 0;
     m_patternId = 0;
@@ -70,7 +82,6 @@ void Interpreter::reset() {
     m_sourceTransparent = true;
     m_patternTransparent = true;
     m_patternRefX = m_patternRefY = 0;
-    m_userPatterns.clear();
     m_simpleColour = 0;
     m_pixelEncoding = 0;
     m_bitsPerIndex = 1;
@@ -82,9 +93,6 @@ void Interpreter::reset() {
     m_compression = 0;
     m_presentation = 0;
     m_destWidth = m_destHeight = 0;
-    m_raster = RasterState{};
-    m_displayFunctions = false;
-    fontControl(1); // a reset deletes the temporary downloaded fonts
     m_frameWidth = m_frameHeight = 0;
     m_plotWidth = m_plotHeight = 0;
     m_frameAnchorX = 0;
@@ -113,8 +121,6 @@ void Interpreter::reset() {
     m_primary.request = rq;
     m_secondary = m_primary;
     m_secondaryActive = false;
-
-    applyPageSetup(paper, orientation);
 }
 
 void Interpreter::applyPageSetup(const PaperSize& paper, int orientation) {
@@ -239,11 +245,15 @@ void Interpreter::ensurePage() {
 }
 
 void Interpreter::ejectPage() {
+    if (m_inOverlay)
+        return; // an overlay draws on the page being printed; it cannot print one itself
     if (m_raster.active)
         flushStrip();
     if (m_underline)
         drawUnderline();
     if (m_pageOpen) {
+        if (m_overlayId >= 0)
+            runOverlay();
         m_dev.endPage();
         m_pageOpen = false;
     }
@@ -1120,6 +1130,8 @@ void Interpreter::rasterData(std::span<const uint8_t> data, bool lastPlane) {
 void Interpreter::handleEscape2(uint8_t c) {
     switch (c) {
     case 'E': // reset
+        if (m_macroDepth > 0)
+            break; // not from inside a macro
         ejectPage();
         reset();
         m_inHpgl = false;
@@ -1206,12 +1218,7 @@ void Interpreter::handleParam(Parser& parser, const Command& cmd) {
     const int iv = cmd.intValue();
     const bool relative = cmd.sign != 0;
 
-    // Commands that carry data.
-    if (f == 'W' && !(p == '&' && g == 'k')) {
-        handleDataCommand(parser, cmd);
-        return;
-    }
-    if (p == '&' && g == 'p' && f == 'X') {
+    if (carriesData(cmd)) {
         handleDataCommand(parser, cmd);
         return;
     }
@@ -1320,6 +1327,14 @@ void Interpreter::handleParam(Parser& parser, const Command& cmd) {
     }
     if (p == '&' && g == 's' && f == 'C') {
         m_wrap = iv == 0;
+        return;
+    }
+    if (p == '&' && g == 'f' && f == 'Y') {
+        m_macroId = iv;
+        return;
+    }
+    if (p == '&' && g == 'f' && f == 'X') {
+        macroControl(iv);
         return;
     }
     if (p == '&' && g == 'f' && f == 'S') {
@@ -1544,6 +1559,11 @@ void Interpreter::handleParam(Parser& parser, const Command& cmd) {
     }
 }
 
+bool Interpreter::carriesData(const Command& cmd) {
+    const uint8_t p = cmd.parameter, g = cmd.group, f = cmd.final;
+    return (f == 'W' && !(p == '&' && g == 'k')) || (p == '&' && g == 'p' && f == 'X');
+}
+
 void Interpreter::handleDataCommand(Parser& parser, const Command& cmd) {
     const uint8_t p = cmd.parameter, g = cmd.group, f = cmd.final;
     const int count = std::max(0, cmd.intValue());
@@ -1669,10 +1689,32 @@ void Interpreter::leaveHpgl(int mode) {
 }
 
 size_t Interpreter::run(const uint8_t* data, size_t size) {
+    // Macros may run 2 MB of commands, plus 16 times the job's size: overlays on every page of a
+    // long job, but no endless repetition from a short one.
+    m_macroWorkBudget = (size_t(2) << 20) + 16 * size;
+    bool atUel = false;
+    const size_t used = interpret(data, size, &atUel);
+    if (m_raster.active)
+        endRaster();
+    if (m_underline)
+        drawUnderline();
+    if (m_pageOpen) {
+        if (m_overlayId >= 0)
+            runOverlay();
+        m_dev.endPage();
+        m_pageOpen = false;
+    }
+    return used;
+}
+
+size_t Interpreter::interpret(const uint8_t* data, size_t size, bool* atUel) {
     Parser parser(data, size);
     size_t stop = size;
+    // A macro definition being stored: where its body starts (kNotDefining: none).
+    constexpr size_t kNotDefining = SIZE_MAX;
+    size_t defineFrom = kNotDefining;
     for (;;) {
-        if (m_inHpgl) {
+        if (m_inHpgl && defineFrom == kNotDefining) {
             const size_t at = parser.position();
             parser.setPosition(at + m_gl->run(data + at, size - at));
             if (parser.atEnd())
@@ -1681,11 +1723,29 @@ size_t Interpreter::run(const uint8_t* data, size_t size) {
         const Command cmd = parser.next();
         if (cmd.kind == Command::Kind::End)
             break;
+        if (cmd.kind == Command::Kind::Param && cmd.parameter == '%' && cmd.group == 0 && cmd.final == 'X' &&
+            cmd.value == -12345) {
+            stop = cmd.offset;
+            *atUel = true;
+            break;
+        }
+        if (defineFrom != kNotDefining) {
+            // Inside a definition nothing runs: commands are only stepped over, with their data,
+            // up to the end of the definition.
+            if (cmd.is('&', 'f', 'X') && cmd.intValue() == 1) {
+                const size_t end = std::max(defineFrom, cmd.offset);
+                defineMacro(std::vector<uint8_t>(data + defineFrom, data + end));
+                defineFrom = kNotDefining;
+            } else if (cmd.kind == Command::Kind::Param && carriesData(cmd)) {
+                parser.takeData(static_cast<size_t>(std::max(0, cmd.intValue())));
+            }
+            continue;
+        }
         if (m_inHpgl) {
-            // Inside HP-GL/2 only the way back to PCL, a reset and the end of the job count.
+            // Inside HP-GL/2 only the way back to PCL and a reset count.
             const bool leave = (cmd.kind == Command::Kind::Escape2 && cmd.final == 'E') ||
                                (cmd.kind == Command::Kind::Param && cmd.parameter == '%' && cmd.group == 0 &&
-                                (cmd.final == 'A' || cmd.final == 'X'));
+                                cmd.final == 'A');
             if (!leave)
                 continue;
         }
@@ -1698,30 +1758,24 @@ size_t Interpreter::run(const uint8_t* data, size_t size) {
             continue;
         }
         if (cmd.parameter == '%' && cmd.group == 0) {
-            if (cmd.final == 'X' && cmd.value == -12345) {
-                stop = cmd.offset;
-                break;
-            }
             if (cmd.final == 'B')
                 enterHpgl(cmd.intValue());
             else if (cmd.final == 'A')
                 leaveHpgl(cmd.intValue());
             continue;
         }
+        if (cmd.is('&', 'f', 'X') && cmd.intValue() == 0) {
+            defineFrom = parser.position();
+            continue;
+        }
         handleParam(parser, cmd);
     }
+    if (defineFrom != kNotDefining)
+        warnOnce("PCL 5: a macro definition has no end; it is dropped");
     if (parser.truncated())
         warnOnce("PCL 5: the data ends inside a command (truncated input)");
     if (parser.malformed() > 0)
         warnOnce("PCL 5: malformed escape sequences skipped");
-    if (m_raster.active)
-        endRaster();
-    if (m_underline)
-        drawUnderline();
-    if (m_pageOpen) {
-        m_dev.endPage();
-        m_pageOpen = false;
-    }
     return stop;
 }
 

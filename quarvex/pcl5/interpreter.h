@@ -17,6 +17,7 @@
 #include <array>
 #include <map>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace qx::pcl5 {
@@ -30,6 +31,10 @@ public:
     size_t run(const uint8_t* data, size_t size);
 
 private:
+    // The commands of data, without finishing the page: the job itself, or a macro's body.
+    // Returns the bytes used; *atUel is set when it stopped at a Universal Exit Language.
+    size_t interpret(const uint8_t* data, size_t size, bool* atUel);
+
     struct FontState {
         FontRequest request;
         int index = -1;       // selected resident font, -1 = to be selected
@@ -62,6 +67,8 @@ private:
     void handleEscape2(uint8_t c);
     void handleParam(Parser& parser, const Command& cmd);
     void handleDataCommand(Parser& parser, const Command& cmd);
+    // Whether a parameterised command is followed by as many bytes of data as its value says.
+    static bool carriesData(const Command& cmd);
     void handleFontCommand(const Command& cmd, bool secondary);
     void enterHpgl(int mode);
     void leaveHpgl(int mode);
@@ -136,6 +143,24 @@ private:
     void defaultPalette();
 
     void warnOnce(const std::string& message);
+
+    // Macros: stored command sequences, run on request or over every page.
+    struct Macro {
+        std::vector<uint8_t> body;
+        bool permanent = false;
+    };
+    // What a called macro or an overlay may change and gets put back afterwards.
+    struct Environment;
+    template <class F> void environmentFields(Environment& e, F&& f);
+    Environment saveEnvironment();
+    void restoreEnvironment(Environment& e);
+    void defaultEnvironment();
+    void defineMacro(std::vector<uint8_t> body);
+    void macroControl(int operation);
+    void runMacro(int id, bool keepChanges);
+    void runOverlay();
+    // Called at a printer reset: temporary macros go, the overlay stops.
+    void resetMacros();
 
     // Downloaded fonts
     void selectSoftFont(FontState& f, int id);
@@ -228,6 +253,15 @@ private:
     double m_frameWidth = 0, m_frameHeight = 0; // picture frame, units; 0 = the default
     double m_plotWidth = 0, m_plotHeight = 0;   // plot size, points; 0 = the frame's
     double m_frameAnchorX = 0, m_frameAnchorY = -1; // -1 = at the top margin
+
+    std::map<int, Macro> m_macros;
+    size_t m_macroBytes = 0;     // bytes held by stored macros
+    size_t m_macroWork = 0;      // bytes of macro bodies interpreted in this job
+    size_t m_macroWorkBudget = 0; // and how many it may interpret
+    int m_macroId = 0;
+    int m_overlayId = -1;        // the macro run over every page, -1 = none
+    int m_macroDepth = 0;        // macros running inside each other
+    bool m_inOverlay = false;
 
     std::vector<std::string> m_warned;
     bool m_displayFunctions = false;

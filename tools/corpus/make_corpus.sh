@@ -290,6 +290,33 @@ pcl5_pnm_pair picture_ppmtolj_300 "$PIC" 1 ppmtolj -resolution 300
 pcl5_pnm_pair picture_ppmtolj_150_at_300 "$PIC" 2 ppmtolj -resolution 150
 
 # ---------------------------------------------------------------------------------------------
+# A driver's page stored as a PCL macro and called twice: the macro holds binary raster data
+# (which must not be read as commands while it is stored), nothing prints while it is defined,
+# and each call must print the page exactly as the driver's own file does.
+# ---------------------------------------------------------------------------------------------
+macro_job() {
+    local from=$1 name=$2
+    [ -s "$OUT/pcl5/$from.pcl" ] && [ -s "$OUT/ref/$from.tif" ] || return 0
+    local size
+    size=$(stat -c %s "$OUT/pcl5/$from.pcl")
+    {
+        printf '\033E\033&f1y0X'
+        # The driver's page without its opening reset and its closing form feed and reset.
+        tail -c +3 "$OUT/pcl5/$from.pcl" | head -c $((size - 5))
+        printf '\033&f1X\033&f1y3X\f\033&f1y3X\f\033E'
+    } > "$OUT/pcl5/$name.pcl"
+    "$PY" -c 'import sys
+from PIL import Image
+page = Image.open(sys.argv[1])
+page.load()
+page.save(sys.argv[2], compression="group4", dpi=page.info.get("dpi", (300, 300)), save_all=True,
+          append_images=[page.copy()])' "$OUT/ref/$from.tif" "$OUT/ref/$name.tif"
+    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t-\n' "pcl5/$name.pcl" ljet4-macro 300 "ref/$name.tif" 2 pcl5 "$R5" >> "$MANIFEST"
+    log "pcl5/$name.pcl"
+}
+macro_job chess_ljet4_300 chess_ljet4_macro_300
+
+# ---------------------------------------------------------------------------------------------
 # Plain-text PCL 5 jobs in resident fonts: the GPL wrapped in PJL and PCL escape sequences.
 # No pixel reference: the page count is known (a form feed every LINES lines), and every page
 # carries ink.

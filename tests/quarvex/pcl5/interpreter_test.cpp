@@ -639,3 +639,113 @@ TEST(Pcl5Pages, DeclaredResolutionFromUnitsAndRaster) {
     r = runPcl("x", pjl);
     EXPECT_EQ(r.calls.front(), "beginPage 612x792 dpi=1200x1200");
 }
+
+// ---- macros -----------------------------------------------------------------------------------
+
+namespace {
+
+// A 1 x 0.5 inch rule at (x, y) in PCL units, as a macro body or on its own.
+std::string rule(int x, int y) {
+    return ESC + "*p" + std::to_string(x) + "x" + std::to_string(y) + "Y" + ESC + "*c300a150b0P";
+}
+
+std::string defineMacro(int id, const std::string& body) {
+    return ESC + "&f" + std::to_string(id) + "y0X" + body + ESC + "&f1X";
+}
+
+} // namespace
+
+TEST(Pcl5Macros, DefinitionStoresAndExecutionRuns) {
+    Result stored = runPcl(defineMacro(7, rule(0, 0)));
+    EXPECT_TRUE(stored.starting("fill").empty()) << "a definition draws nothing";
+    EXPECT_EQ(stored.pages, 0);
+
+    Result twice = runPcl(defineMacro(7, rule(0, 0)) + ESC + "&f7y2X" + ESC + "&f3X");
+    auto fills = twice.starting("fill");
+    ASSERT_EQ(fills.size(), 2u);
+    EXPECT_EQ(fills[0], fills[1]);
+    EXPECT_EQ(twice.pages, 1);
+    EXPECT_FALSE(twice.warnings);
+}
+
+TEST(Pcl5Macros, ExecuteKeepsChangesAndCallPutsThemBack) {
+    // The macro moves the cursor and changes the raster operation.
+    const std::string body = ESC + "*p600x600Y" + ESC + "*l102O";
+    const std::string after = ESC + "*c300a150b0P"; // a rule at the cursor
+    Result executed = runPcl(defineMacro(1, body) + ESC + "&f1y2X" + after);
+    Result called = runPcl(defineMacro(1, body) + ESC + "&f1y3X" + after);
+    Result plain = runPcl(after);
+    auto e = executed.starting("fill"), c = called.starting("fill"), p = plain.starting("fill");
+    ASSERT_EQ(e.size(), 1u);
+    ASSERT_EQ(c.size(), 1u);
+    ASSERT_EQ(p.size(), 1u);
+    EXPECT_EQ(e[0], "fill nz #000000 rop=102 srcT patT M162,180 L234,180 L234,216 L162,216 Z");
+    EXPECT_EQ(c[0], p[0]) << "a called macro leaves the environment as it found it";
+}
+
+TEST(Pcl5Macros, OverlayDrawsOnEveryPageFromTheDefaultEnvironment) {
+    // The overlay draws a rule at (0, 0); the pages change the cursor and the pattern first,
+    // which the overlay must not see, and must find again after it.
+    const std::string job = defineMacro(3, rule(0, 0)) + ESC + "&f3y4X" + ESC + "*l102O" + ESC + "*p900x900Y" +
+                            "A\f" + "B" + ESC + "*c300a150b0P" + "\f" + ESC + "&f5X" + "C\f";
+    Result r = runPcl(job);
+    EXPECT_EQ(r.pages, 3);
+    auto fills = r.starting("fill");
+    const std::string overlay = "fill nz #000000 rop=252 srcT patT M18,36 L90,36 L90,72 L18,72 Z";
+    ASSERT_EQ(fills.size(), 3u); // the overlay on pages 1 and 2, the grey rule on page 2
+    EXPECT_EQ(fills[0], overlay);
+    EXPECT_NE(fills[1].find("rop=102"), std::string::npos) << fills[1];
+    EXPECT_EQ(fills[2], overlay);
+    // The overlay ran at the end of each page, after the page's own drawing.
+    std::vector<std::string> order;
+    for (const auto& c : r.calls)
+        if (c.rfind("fill", 0) == 0 || c.rfind("endPage", 0) == 0 || c.rfind("mask", 0) == 0)
+            order.push_back(c.substr(0, c.find(' ')));
+    const std::vector<std::string> want{"mask", "fill", "endPage", "mask", "fill", "fill", "endPage", "mask", "endPage"};
+    EXPECT_EQ(order, want);
+}
+
+TEST(Pcl5Macros, DeletionAndReset) {
+    const std::string two = defineMacro(1, rule(0, 0)) + defineMacro(2, rule(300, 0));
+    // Delete one ID: running it does nothing, the other still runs.
+    Result r = runPcl(two + ESC + "&f1y8X" + ESC + "&f1y2X" + ESC + "&f2y2X");
+    EXPECT_EQ(r.starting("fill").size(), 1u);
+    // A reset deletes temporary macros and keeps permanent ones.
+    r = runPcl(two + ESC + "&f2y10X" + ESC + "E" + ESC + "&f1y2X" + ESC + "&f2y2X");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 1u);
+    EXPECT_NE(fills[0].find("M90,36"), std::string::npos) << fills[0];
+    // Delete all.
+    r = runPcl(two + ESC + "&f2y10X" + ESC + "&f6X" + ESC + "&f1y2X" + ESC + "&f2y2X");
+    EXPECT_TRUE(r.starting("fill").empty());
+}
+
+TEST(Pcl5Macros, DataInsideADefinitionIsNotTakenForCommands) {
+    // Raster data whose bytes spell the end of a definition belongs to the raster command.
+    const std::string fake = ESC + "&f1X";
+    const std::string body = ESC + "*r1A" + ESC + "*b" + std::to_string(fake.size()) + "W" + fake + ESC + "*rB";
+    Result r = runPcl(defineMacro(4, body) + ESC + "&f4y2X");
+    EXPECT_EQ(r.starting("mask").size(), 1u);
+    EXPECT_TRUE(r.starting("fill").empty());
+}
+
+TEST(Pcl5Macros, HostileMacrosEnd) {
+    // A macro that calls itself runs two deep and stops, with a warning.
+    Result self = runPcl(defineMacro(9, rule(0, 0) + ESC + "&f9y3X") + ESC + "&f9y3X");
+    EXPECT_EQ(self.starting("fill").size(), 2u);
+    EXPECT_TRUE(self.warnings);
+    // A definition without an end is dropped.
+    Result open = runPcl(ESC + "&f5y0X" + rule(0, 0));
+    EXPECT_TRUE(open.starting("fill").empty());
+    EXPECT_TRUE(open.warnings);
+    // Macros that run each other over and over stop at the work budget: 40 runs of a macro
+    // that runs a 4000-byte macro 2000 times would be 320 MB of commands.
+    std::string inner;
+    for (int i = 0; i < 2000; ++i)
+        inner += ESC + "&f2y2X";
+    std::string runs;
+    for (int i = 0; i < 40; ++i)
+        runs += ESC + "&f1y2X";
+    Result fan = runPcl(defineMacro(2, ESC + "*p0x0Y" + std::string(4000, ' ')) + defineMacro(1, inner) + runs);
+    EXPECT_TRUE(fan.warnings);
+}
