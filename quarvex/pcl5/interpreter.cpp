@@ -1590,27 +1590,44 @@ void Interpreter::handleDataCommand(Parser& parser, const Command& cmd) {
             warnOnce("PCL 5: short pattern definition ignored");
             return;
         }
+        // Format 0 (and 20, with a resolution) is one bit a pixel in the foreground colour;
+        // format 1 is colour, 1 or 8 bits a pixel (byte 2) indexing the current palette.
         const int format = data[0];
         const int height = (data[4] << 8) | data[5];
         const int width = (data[6] << 8) | data[7];
         const size_t header = format == 20 ? 12 : 8;
-        if (format != 0 && format != 20) {
-            warnOnce("PCL 5: colour user patterns not supported");
+        const int bitsPerPixel = format == 1 ? data[2] : 1;
+        if (format != 0 && format != 1 && format != 20) {
+            warnOnce("PCL 5: user pattern format " + std::to_string(format) + " ignored");
+            return;
+        }
+        if (bitsPerPixel != 1 && bitsPerPixel != 8) {
+            warnOnce("PCL 5: colour user pattern of " + std::to_string(bitsPerPixel) + " bits a pixel ignored");
             return;
         }
         if (width <= 0 || height <= 0 || width > 4096 || height > 4096)
             return;
-        const size_t stride = static_cast<size_t>((width + 7) / 8);
+        const size_t stride = static_cast<size_t>((width * bitsPerPixel + 7) / 8);
         auto tile = std::make_shared<PatternTile>();
         tile->width = width;
         tile->height = height;
         tile->pixels.assign(static_cast<size_t>(width) * static_cast<size_t>(height), Rgb::white());
         for (int y = 0; y < height; ++y)
             for (int x = 0; x < width; ++x) {
-                const size_t byte = header + static_cast<size_t>(y) * stride + static_cast<size_t>(x / 8);
-                if (byte < data.size() && (data[byte] >> (7 - x % 8)) & 1)
-                    tile->pixels[static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)] =
-                        m_foregroundRgb;
+                Rgb& px = tile->pixels[static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)];
+                const size_t row = header + static_cast<size_t>(y) * stride;
+                if (bitsPerPixel == 8) {
+                    const size_t byte = row + static_cast<size_t>(x);
+                    const size_t index = byte < data.size() ? data[byte] : 0;
+                    px = index < m_palette.size() ? m_palette[index] : Rgb::black();
+                    continue;
+                }
+                const size_t byte = row + static_cast<size_t>(x / 8);
+                const int bit = byte < data.size() ? (data[byte] >> (7 - x % 8)) & 1 : 0;
+                if (format == 1)
+                    px = static_cast<size_t>(bit) < m_palette.size() ? m_palette[static_cast<size_t>(bit)] : Rgb::black();
+                else if (bit)
+                    px = m_foregroundRgb;
             }
         m_userPatterns[m_patternId] = tile;
         return;

@@ -2,11 +2,14 @@
 
 #include "common/diagnostics.h"
 #include "fonts/font_library.h"
+#include "render/raster_device.h"
 #include "render/recording_device.h"
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 using namespace qx;
@@ -748,4 +751,66 @@ TEST(Pcl5Macros, HostileMacrosEnd) {
         runs += ESC + "&f1y2X";
     Result fan = runPcl(defineMacro(2, ESC + "*p0x0Y" + std::string(4000, ' ')) + defineMacro(1, inner) + runs);
     EXPECT_TRUE(fan.warnings);
+}
+
+// ---- colour user patterns ------------------------------------------------------------------
+
+namespace {
+
+struct PageCapture : PageSink {
+    std::vector<RasterPage> pages;
+    bool writePage(const RasterPage& page) override {
+        pages.push_back(page);
+        return true;
+    }
+};
+
+// Renders a job to 24-bit pages at 300 dpi and counts the pixels of each colour on page 1.
+std::map<std::tuple<int, int, int>, int> colourCounts(const std::string& job) {
+    PageCapture sink;
+    RasterOptions opt;
+    opt.depth = 24;
+    opt.dpiX = opt.dpiY = 300;
+    RasterDevice dev(opt, sink);
+    Diagnostics diag("test", false);
+    JobContext ctx{dev, diag, &fonts(), {}};
+    pcl5::run(reinterpret_cast<const uint8_t*>(job.data()), job.size(), ctx);
+    std::map<std::tuple<int, int, int>, int> counts;
+    if (sink.pages.empty())
+        return counts;
+    const RasterPage& p = sink.pages[0];
+    for (int y = 0; y < p.height; ++y)
+        for (int x = 0; x < p.width; ++x) {
+            const uint8_t* px = p.row(y) + size_t(x) * 3;
+            ++counts[{px[0], px[1], px[2]}];
+        }
+    return counts;
+}
+
+std::string patternHeader(int format, int bits, int height, int width) {
+    return std::string{char(format), 0, char(bits), 0, char(height >> 8), char(height & 255), char(width >> 8),
+                       char(width & 255)};
+}
+
+} // namespace
+
+TEST(Pcl5Patterns, ColourUserPatternsIndexTheCurrentPalette) {
+    // The simple RGB palette: 1 red, 2 green, 4 blue, 7 white. A 2 x 2 tile of red, green / blue,
+    // white at 8 bits a pixel fills a 100 x 100 dot rectangle: a quarter of it each, the white
+    // quarter left alone (pattern transparency).
+    const std::string tile8 = patternHeader(1, 8, 2, 2) + std::string{1, 2, 4, 7};
+    const std::string job8 = ESC + "*r3U" + ESC + "*c5G" + ESC + "*c" + std::to_string(tile8.size()) + "W" + tile8 +
+                             ESC + "*p300x300Y" + ESC + "*c100a100b4P";
+    auto c = colourCounts(job8);
+    EXPECT_EQ((c[{255, 0, 0}]), 2500);
+    EXPECT_EQ((c[{0, 255, 0}]), 2500);
+    EXPECT_EQ((c[{0, 0, 255}]), 2500);
+    EXPECT_EQ((c[{0, 0, 0}]), 0);
+    // At 1 bit a pixel the bits index the palette too: 0 black, 1 red, on alternate rows.
+    const std::string tile1 = patternHeader(1, 1, 2, 8) + std::string{char(0xFF), 0};
+    const std::string job1 = ESC + "*r3U" + ESC + "*c6G" + ESC + "*c" + std::to_string(tile1.size()) + "W" + tile1 +
+                             ESC + "*p300x300Y" + ESC + "*c100a100b4P";
+    c = colourCounts(job1);
+    EXPECT_EQ((c[{255, 0, 0}]), 5000);
+    EXPECT_EQ((c[{0, 0, 0}]), 5000);
 }
