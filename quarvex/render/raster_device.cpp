@@ -1195,6 +1195,84 @@ struct RasterDevice::Impl {
         return xa < xb;
     }
 
+    // The grid cells whose centres lie in [a, b) (in grid units, either order), within
+    // [0, size); the nearest cell when the span is too thin to hold a centre; none outside.
+    static std::pair<int, int> cellSpan(double a, double b, int size) {
+        if (a > b)
+            std::swap(a, b);
+        int lo = clampToInt(std::ceil(a - 0.5 + kGridSnap)), hi = clampToInt(std::ceil(b - 0.5 + kGridSnap));
+        if (lo >= hi) {
+            const double mid = (a + b) / 2 + kGridSnap;
+            if (!(mid >= 0 && mid < size))
+                return {0, 0};
+            lo = int(std::floor(mid));
+            hi = lo + 1;
+        }
+        return {std::clamp(lo, 0, size), std::clamp(hi, 0, size)};
+    }
+
+    // A mask drawn smaller than its own pixels (raster sent at a finer resolution than the
+    // page's): each device pixel takes the share of inked mask pixels under it, and the shares
+    // are turned back into ink by error diffusion (Floyd-Steinberg, rows top to bottom), which
+    // keeps the tone of a driver's halftone screen whatever its pattern. Sampling one mask pixel
+    // instead keeps or drops whole screens; an ordered dither beats against periodic screens.
+    void fillReducedMask(const Mask& mask, const Matrix& inv, const IRect& box) {
+        const int w = box.width();
+        std::vector<std::pair<int, int>> cols(static_cast<size_t>(w));
+        int cMin = mask.width, cMax = 0;
+        for (int x = box.x0; x < box.x1; ++x) {
+            auto c = cellSpan(inv.a * x + inv.e, inv.a * (x + 1) + inv.e, mask.width);
+            cols[size_t(x - box.x0)] = c;
+            if (c.first < c.second) {
+                cMin = std::min(cMin, c.first);
+                cMax = std::max(cMax, c.second);
+            }
+        }
+        if (cMin >= cMax)
+            return;
+        std::vector<uint32_t> prefix(static_cast<size_t>(cMax - cMin) + 1), inked(static_cast<size_t>(w));
+        // Diffused error for this row and the next, with a spare cell at each end.
+        std::vector<int> errHere(static_cast<size_t>(w) + 2), errNext(static_cast<size_t>(w) + 2);
+        cov.resize(size_t(w));
+        for (int y = box.y0; y < box.y1; ++y) {
+            const auto rows = cellSpan(inv.d * y + inv.f, inv.d * (y + 1) + inv.f, mask.height);
+            if (rows.first >= rows.second)
+                continue;
+            std::fill(inked.begin(), inked.end(), 0u);
+            for (int j = rows.first; j < rows.second; ++j) {
+                const uint8_t* bits = mask.bits.data() + size_t(j) * mask.stride;
+                for (int c = cMin; c < cMax; ++c)
+                    prefix[size_t(c - cMin) + 1] = prefix[size_t(c - cMin)] + ((bits[c >> 3] >> (7 - (c & 7))) & 1u);
+                for (int k = 0; k < w; ++k) {
+                    const auto [lo, hi] = cols[size_t(k)];
+                    if (lo < hi)
+                        inked[size_t(k)] += prefix[size_t(hi - cMin)] - prefix[size_t(lo - cMin)];
+                }
+            }
+            const uint32_t nRows = uint32_t(rows.second - rows.first);
+            std::fill(errNext.begin(), errNext.end(), 0);
+            for (int k = 0; k < w; ++k) {
+                const auto [lo, hi] = cols[size_t(k)];
+                const uint32_t cells = nRows * uint32_t(std::max(0, hi - lo));
+                if (cells == 0) {
+                    cov[size_t(k)] = 0;
+                    continue;
+                }
+                // Darkness 0..255: the share of the cells that are inked, plus the error so far.
+                const int dark = int((255 * inked[size_t(k)] + cells / 2) / cells) + errHere[size_t(k) + 1] / 16;
+                const bool on = dark >= 128;
+                cov[size_t(k)] = on ? 0xFF : 0;
+                const int e = dark - (on ? 255 : 0);
+                errHere[size_t(k) + 2] += 7 * e;
+                errNext[size_t(k)] += 3 * e;
+                errNext[size_t(k) + 1] += 5 * e;
+                errNext[size_t(k) + 2] += e;
+            }
+            std::swap(errHere, errNext);
+            compositeCoverage(y, box.x0, cov.data(), w);
+        }
+    }
+
     static int gridIndex(double v, int size) {
         const int64_t i = floorToInt64(v + kGridSnap);
         return int(std::clamp<int64_t>(i, 0, size - 1));
@@ -1541,6 +1619,10 @@ void RasterDevice::fillMask(const Mask& mask, const Matrix& maskToPage, const Pa
         return;
     }
 
+    if (axisAligned && (std::fabs(inv.a) > 1 + 1e-9 || std::fabs(inv.d) > 1 + 1e-9)) {
+        d->fillReducedMask(mask, inv, box);
+        return;
+    }
     if (axisAligned) {
         d->colIdx.resize(size_t(box.width()));
         for (int x = box.x0; x < box.x1; ++x)

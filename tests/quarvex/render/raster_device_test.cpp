@@ -1214,6 +1214,61 @@ TEST(RasterDevice, BilevelRasterOperationsWorkOnTheHalftonedBits) {
                 << x << "," << y;
 }
 
+TEST(RasterDevice, MasksDrawnSmallerKeepTheirTone) {
+    // A driver's halftone at 600 dpi on a 300 dpi page: every device pixel covers 2 x 2 mask
+    // pixels. Sampling one of them would keep or drop whole screens (a diagonal line screen
+    // turns solid or vanishes); the share of ink under each device pixel, halftoned, keeps
+    // the tone of every screen within a few per cent.
+    const std::vector<std::function<bool(int, int)>> screens{
+        [](int x, int y) { return ((x + y) & 1) == 0; },           // 50 % checkerboard
+        [](int x, int y) { return ((x + y) % 8) < 4; },            // 50 % diagonal lines
+        [](int x, int y) { return (x % 4) == 0 || (y % 4) == 0; }, // 44 % grid
+        [](int x, int y) { return ((x * 7 + y * 13) % 10) < 2; },  // 20 % scatter
+        [](int x, int y) { return ((x ^ y) & 3) != 0; },           // 75 %
+    };
+    for (size_t i = 0; i < screens.size(); ++i) {
+        const Mask m = makeMask(256, 256, screens[i]);
+        int inked = 0;
+        for (int y = 0; y < 256; ++y)
+            for (int x = 0; x < 256; ++x)
+                inked += screens[i](x, y);
+        for (int depth : {1, 8}) {
+            CaptureSink sink;
+            RasterDevice dev(opts(depth, 300), sink);
+            dev.beginPage(square(72));
+            dev.fillMask(m, placed(12, 12, 600), Paint::solid(Rgb::black()), RenderState{});
+            dev.endPage();
+            const RasterPage& p = sink.pages.at(0);
+            int dark = 0;
+            for (int y = 0; y < p.height; ++y)
+                for (int x = 0; x < p.width; ++x)
+                    dark += depth == 1 ? black(p, x, y) : grey(p, x, y) == 0;
+            EXPECT_NEAR(double(dark) / (128 * 128), double(inked) / (256 * 256), 0.03)
+                << "screen " << i << " at depth " << depth;
+            if (depth == 8) {
+                for (int y = 0; y < p.height; ++y)
+                    for (int x = 0; x < p.width; ++x)
+                        ASSERT_TRUE(grey(p, x, y) == 0 || grey(p, x, y) == 255) << "no grey edges";
+            }
+        }
+    }
+    // Solid ink stays solid and its edges stay where the mask's are.
+    const Mask solid = makeMask(64, 64, [](int, int) { return true; });
+    CaptureSink sink;
+    RasterDevice dev(opts(8, 300), sink);
+    dev.beginPage(square(72));
+    dev.fillMask(solid, placed(12, 12, 600), Paint::solid(Rgb::black()), RenderState{});
+    dev.endPage();
+    int dark = 0;
+    for (int y = 0; y < 300; ++y)
+        for (int x = 0; x < 300; ++x)
+            dark += grey(sink.pages.at(0), x, y) == 0;
+    EXPECT_EQ(dark, 32 * 32);
+    EXPECT_EQ(grey(sink.pages.at(0), 50, 50), 0);
+    EXPECT_EQ(grey(sink.pages.at(0), 81, 81), 0);
+    EXPECT_EQ(grey(sink.pages.at(0), 82, 82), 255);
+}
+
 TEST(RasterDevice, GreyOutputIsLuminance) {
     CaptureSink sink;
     RasterDevice dev(opts(8), sink);
