@@ -243,7 +243,9 @@ size_t Interpreter::run(const uint8_t* data, size_t size) {
         }
     }
     // A page left open (truncated or damaged stream) is ejected when something was drawn on
-    // it, so that what could be rendered is not lost.
+    // it, so that what could be rendered is not lost: image rows read so far included.
+    if (m_inPage)
+        flushImageRows();
     if (m_inPage) {
         if (m_pageMarked)
             endPage();
@@ -281,6 +283,9 @@ void Interpreter::execute(const Operator& op, int depth) {
     // Operators recorded into a user-defined stream are not executed now.
     if (m_inStream && op.tag != op::ReadStream && op.tag != op::EndStream)
         failOp("operator inside a stream definition");
+    // Rows gathered from ReadImage are drawn before anything else happens.
+    if (m_image.pendingCount > 0 && op.tag != op::ReadImage)
+        flushImageRows();
     switch (op.tag) {
     // ---- Session ----
     case op::BeginSession: beginSession(op); break;
@@ -821,6 +826,7 @@ void Interpreter::resetGraphics() {
 }
 
 void Interpreter::endPage() {
+    flushImageRows(); // an image the stream never ended still shows what it read
     if (m_image.active && !m_image.pattern)
         m_image.active = false;
     m_dev.endPage();
@@ -1350,6 +1356,40 @@ void Interpreter::deliverRows(const std::vector<uint8_t>& rows, size_t rowBytes,
     ImageState& im = m_image;
     if (count <= 0 || startLine >= im.height)
         return;
+    if (im.pattern) {
+        drawRows(rows, rowBytes, startLine, count);
+        return;
+    }
+    if (im.pendingCount > 0 && (startLine != im.pendingStart + im.pendingCount || rowBytes != im.pendingRowBytes))
+        flushImageRows();
+    if (im.pendingCount == 0) {
+        im.pendingStart = startLine;
+        im.pendingRowBytes = rowBytes;
+        im.pending.clear();
+    }
+    im.pending.insert(im.pending.end(), rows.begin(), rows.begin() + std::ptrdiff_t(size_t(count) * rowBytes));
+    im.pendingCount += count;
+    // A strip is drawn as up to 3 bytes a pixel: keep it within the strip budget.
+    const int maxRows = int(std::max<size_t>(1, kMaxStripBytes / std::max<size_t>(size_t(im.width) * 3, 1)));
+    if (im.pendingCount >= maxRows)
+        flushImageRows();
+}
+
+void Interpreter::flushImageRows() {
+    ImageState& im = m_image;
+    if (im.pendingCount <= 0)
+        return;
+    std::vector<uint8_t> rows;
+    rows.swap(im.pending);
+    const int start = im.pendingStart, count = im.pendingCount;
+    im.pendingCount = 0;
+    drawRows(rows, im.pendingRowBytes, start, count);
+}
+
+void Interpreter::drawRows(const std::vector<uint8_t>& rows, size_t rowBytes, int startLine, int count) {
+    ImageState& im = m_image;
+    if (count <= 0 || startLine >= im.height)
+        return;
     count = std::min(count, im.height - startLine);
     const int bits = im.depth == e1Bit ? 1 : im.depth == e4Bit ? 4 : 8;
     const bool rgbDirect = im.mapping == eDirectPixel && im.color.space == eRGB;
@@ -1445,6 +1485,7 @@ void Interpreter::deliverRows(const std::vector<uint8_t>& rows, size_t rowBytes,
 }
 
 void Interpreter::endImage() {
+    flushImageRows();
     if (m_image.pattern) {
         Pattern p;
         p.tile = m_image.tile;

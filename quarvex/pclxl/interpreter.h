@@ -74,6 +74,12 @@ private:
         std::shared_ptr<PatternTile> tile;
         ColorState color;
         int rowsSeen = 0;
+        // Rows read but not drawn yet: drivers send an image a row or a few at a time, and
+        // the device draws better (and faster) from longer strips.
+        std::vector<uint8_t> pending;
+        size_t pendingRowBytes = 0;
+        int pendingStart = 0;
+        int pendingCount = 0;
     };
 
     void execute(const Operator& op, int depth);
@@ -105,7 +111,10 @@ private:
     void beginImage(const Operator& op, bool pattern);
     void readImage(const Operator& op);
     void endImage();
+    // Takes decoded rows of the current image: gathers them into strips, or fills the pattern.
     void deliverRows(const std::vector<uint8_t>& rows, size_t rowBytes, int startLine, int count);
+    void flushImageRows();
+    void drawRows(const std::vector<uint8_t>& rows, size_t rowBytes, int startLine, int count);
     void selectPattern(int id, const Operator& op, Paint& into);
 
     // Scan lines.

@@ -1195,20 +1195,24 @@ struct RasterDevice::Impl {
         return xa < xb;
     }
 
-    // The grid cells whose centres lie in [a, b) (in grid units, either order), within
-    // [0, size); the nearest cell when the span is too thin to hold a centre; none outside.
+    // The grid cells whose centres lie in [a, b), the span of one device pixel in grid units
+    // (either order). A device pixel whose own centre falls outside the grid takes none, so
+    // that a picture covers the same device pixels whatever its scale; one too thin to hold a
+    // cell centre takes the cell under its centre.
     static std::pair<int, int> cellSpan(double a, double b, int size) {
         if (a > b)
             std::swap(a, b);
+        const double mid = (a + b) / 2 + kGridSnap;
+        if (!(mid >= 0 && mid < size))
+            return {0, 0};
         int lo = clampToInt(std::ceil(a - 0.5 + kGridSnap)), hi = clampToInt(std::ceil(b - 0.5 + kGridSnap));
+        lo = std::clamp(lo, 0, size);
+        hi = std::clamp(hi, 0, size);
         if (lo >= hi) {
-            const double mid = (a + b) / 2 + kGridSnap;
-            if (!(mid >= 0 && mid < size))
-                return {0, 0};
             lo = int(std::floor(mid));
             hi = lo + 1;
         }
-        return {std::clamp(lo, 0, size), std::clamp(hi, 0, size)};
+        return {lo, hi};
     }
 
     // A mask drawn smaller than its own pixels (raster sent at a finer resolution than the
@@ -1270,6 +1274,83 @@ struct RasterDevice::Impl {
             }
             std::swap(errHere, errNext);
             compositeCoverage(y, box.x0, cov.data(), w);
+        }
+    }
+
+    // An image drawn smaller than its own pixels: each device pixel takes the average of the
+    // image pixels under it rather than one of them, which would keep or drop whole halftone
+    // screens of a driver's one-bit picture and alias fine detail. On a black-and-white page
+    // the averages are turned into black and white by error diffusion, as for masks, so that
+    // the screens' tone survives; grey and colour pages keep the averages.
+    void drawReducedImage(const Image& image, const Matrix& inv, const IRect& box) {
+        const int w = box.width();
+        const int bpp = image.format == Image::Format::Gray8 ? 1 : 3;
+        std::vector<std::pair<int, int>> cols(static_cast<size_t>(w));
+        for (int x = box.x0; x < box.x1; ++x)
+            cols[size_t(x - box.x0)] = cellSpan(inv.a * x + inv.e, inv.a * (x + 1) + inv.e, image.width);
+        std::vector<uint32_t> sum(static_cast<size_t>(w) * 3);
+        std::vector<int> errHere(static_cast<size_t>(w) + 2), errNext(static_cast<size_t>(w) + 2);
+        ensureScratch(size_t(w) * C, size_t(w));
+        for (int y = box.y0; y < box.y1; ++y) {
+            const auto rows = cellSpan(inv.d * y + inv.f, inv.d * (y + 1) + inv.f, image.height);
+            if (rows.first >= rows.second)
+                continue;
+            std::fill(sum.begin(), sum.end(), 0u);
+            for (int j = rows.first; j < rows.second; ++j) {
+                const uint8_t* src = image.data.data() + size_t(j) * image.stride;
+                for (int k = 0; k < w; ++k) {
+                    const auto [lo, hi] = cols[size_t(k)];
+                    uint32_t* acc = &sum[size_t(k) * 3];
+                    for (int i = lo; i < hi; ++i)
+                        for (int c = 0; c < bpp; ++c)
+                            acc[c] += src[size_t(i) * bpp + c];
+                }
+            }
+            const uint32_t nRows = uint32_t(rows.second - rows.first);
+            uint8_t* s = sbuf.data();
+            uint8_t* sw = swhite.data();
+            std::fill(errNext.begin(), errNext.end(), 0);
+            for (int k = 0; k < w; ++k) {
+                const auto [lo, hi] = cols[size_t(k)];
+                const uint32_t cells = nRows * uint32_t(std::max(0, hi - lo));
+                if (cells == 0)
+                    continue;
+                uint8_t px[3];
+                for (int c = 0; c < bpp; ++c)
+                    px[c] = uint8_t((sum[size_t(k) * 3 + c] + cells / 2) / cells);
+                if (bpp == 1)
+                    px[1] = px[2] = px[0];
+                sw[k] = px[0] == 255 && px[1] == 255 && px[2] == 255;
+                if (C == 3) {
+                    std::memcpy(s + size_t(k) * 3, px, 3);
+                    continue;
+                }
+                uint8_t g = bpp == 1 ? px[0] : raster::luminance(px[0], px[1], px[2]);
+                if (bilevel) {
+                    const int dark = 255 - g + errHere[size_t(k) + 1] / 16;
+                    const bool on = dark >= 128;
+                    g = on ? 0 : 255;
+                    const int e = dark - (on ? 255 : 0);
+                    errHere[size_t(k) + 2] += 7 * e;
+                    errNext[size_t(k)] += 3 * e;
+                    errNext[size_t(k) + 1] += 5 * e;
+                    errNext[size_t(k) + 2] += e;
+                }
+                s[k] = g;
+            }
+            std::swap(errHere, errNext);
+            // Draw the stretches of the row that the image covers.
+            for (int k = 0; k < w;) {
+                while (k < w && cols[size_t(k)].first >= cols[size_t(k)].second)
+                    ++k;
+                const int start = k;
+                while (k < w && cols[size_t(k)].first < cols[size_t(k)].second)
+                    ++k;
+                if (start < k)
+                    clippedRuns(y, box.x0 + start, box.x0 + k, [&](int a, int b) {
+                        composite(y, a, b - a, s + size_t(a - box.x0) * C, sw + (a - box.x0));
+                    });
+            }
         }
     }
 
@@ -1491,6 +1572,10 @@ void RasterDevice::drawImage(const Image& image, const Matrix& imageToPage, cons
 
     const int C = d->C;
     const bool axisAligned = inv.b == 0 && inv.c == 0;
+    if (axisAligned && (std::fabs(inv.a) > 1 + 1e-9 || std::fabs(inv.d) > 1 + 1e-9)) {
+        d->drawReducedImage(image, inv, box);
+        return;
+    }
     if (axisAligned) {
         d->colIdx.resize(size_t(box.width()));
         for (int x = box.x0; x < box.x1; ++x)
