@@ -244,11 +244,7 @@ void Interpreter::ensurePage() {
     m_pageOpen = true;
 }
 
-void Interpreter::ejectPage() {
-    if (m_inOverlay)
-        return; // an overlay draws on the page being printed; it cannot print one itself
-    if (m_raster.active)
-        flushStrip();
+void Interpreter::closePage() {
     if (m_underline)
         drawUnderline();
     if (m_pageOpen) {
@@ -257,6 +253,14 @@ void Interpreter::ejectPage() {
         m_dev.endPage();
         m_pageOpen = false;
     }
+}
+
+void Interpreter::ejectPage() {
+    if (m_inOverlay)
+        return; // an overlay draws on the page being printed; it cannot print one itself
+    if (m_raster.active)
+        flushStrip();
+    closePage();
     m_x = m_leftMargin;
     m_y = firstBaseline();
     if (m_raster.active)
@@ -1713,14 +1717,7 @@ size_t Interpreter::run(const uint8_t* data, size_t size) {
     const size_t used = interpret(data, size, &atUel);
     if (m_raster.active)
         endRaster();
-    if (m_underline)
-        drawUnderline();
-    if (m_pageOpen) {
-        if (m_overlayId >= 0)
-            runOverlay();
-        m_dev.endPage();
-        m_pageOpen = false;
-    }
+    closePage();
     return used;
 }
 

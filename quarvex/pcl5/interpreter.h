@@ -105,6 +105,8 @@ private:
     // Page lifetime
     void ensurePage();
     void ejectPage();
+    // Ends the page being drawn (underline, overlay, then the device), if one is open.
+    void closePage();
 
     // Cursor and text
     void carriageReturn();

@@ -148,6 +148,30 @@ struct ClipState {
     }
 };
 
+// Floyd-Steinberg error diffusion over rows taken top to bottom: turns darkness (0 white ..
+// 255 black) into ink or none, carrying each pixel's error to its unvisited neighbours.
+class ErrorDiffuser {
+public:
+    explicit ErrorDiffuser(int width) : m_here(size_t(width) + 2), m_next(size_t(width) + 2) {}
+    bool ink(int k, int dark) {
+        dark += m_here[size_t(k) + 1] / 16;
+        const bool on = dark >= 128;
+        const int e = dark - (on ? 255 : 0);
+        m_here[size_t(k) + 2] += 7 * e;
+        m_next[size_t(k)] += 3 * e;
+        m_next[size_t(k) + 1] += 5 * e;
+        m_next[size_t(k) + 2] += e;
+        return on;
+    }
+    void nextRow() {
+        std::swap(m_here, m_next);
+        std::fill(m_next.begin(), m_next.end(), 0);
+    }
+
+private:
+    std::vector<int> m_here, m_next; // errors (times 16) for this row and the next, a spare cell each end
+};
+
 struct Texture {
     bool solid = true;
     uint8_t color[3] = {0, 0, 0};
@@ -1235,8 +1259,7 @@ struct RasterDevice::Impl {
         if (cMin >= cMax)
             return;
         std::vector<uint32_t> prefix(static_cast<size_t>(cMax - cMin) + 1), inked(static_cast<size_t>(w));
-        // Diffused error for this row and the next, with a spare cell at each end.
-        std::vector<int> errHere(static_cast<size_t>(w) + 2), errNext(static_cast<size_t>(w) + 2);
+        ErrorDiffuser diffuser(w);
         cov.resize(size_t(w));
         for (int y = box.y0; y < box.y1; ++y) {
             const auto rows = cellSpan(inv.d * y + inv.f, inv.d * (y + 1) + inv.f, mask.height);
@@ -1254,25 +1277,13 @@ struct RasterDevice::Impl {
                 }
             }
             const uint32_t nRows = uint32_t(rows.second - rows.first);
-            std::fill(errNext.begin(), errNext.end(), 0);
             for (int k = 0; k < w; ++k) {
                 const auto [lo, hi] = cols[size_t(k)];
                 const uint32_t cells = nRows * uint32_t(std::max(0, hi - lo));
-                if (cells == 0) {
-                    cov[size_t(k)] = 0;
-                    continue;
-                }
-                // Darkness 0..255: the share of the cells that are inked, plus the error so far.
-                const int dark = int((255 * inked[size_t(k)] + cells / 2) / cells) + errHere[size_t(k) + 1] / 16;
-                const bool on = dark >= 128;
-                cov[size_t(k)] = on ? 0xFF : 0;
-                const int e = dark - (on ? 255 : 0);
-                errHere[size_t(k) + 2] += 7 * e;
-                errNext[size_t(k)] += 3 * e;
-                errNext[size_t(k) + 1] += 5 * e;
-                errNext[size_t(k) + 2] += e;
+                // Darkness: the share of the cells that are inked.
+                cov[size_t(k)] = cells > 0 && diffuser.ink(k, int((255 * inked[size_t(k)] + cells / 2) / cells)) ? 0xFF : 0;
             }
-            std::swap(errHere, errNext);
+            diffuser.nextRow();
             compositeCoverage(y, box.x0, cov.data(), w);
         }
     }
@@ -1289,7 +1300,7 @@ struct RasterDevice::Impl {
         for (int x = box.x0; x < box.x1; ++x)
             cols[size_t(x - box.x0)] = cellSpan(inv.a * x + inv.e, inv.a * (x + 1) + inv.e, image.width);
         std::vector<uint32_t> sum(static_cast<size_t>(w) * 3);
-        std::vector<int> errHere(static_cast<size_t>(w) + 2), errNext(static_cast<size_t>(w) + 2);
+        ErrorDiffuser diffuser(w);
         ensureScratch(size_t(w) * C, size_t(w));
         for (int y = box.y0; y < box.y1; ++y) {
             const auto rows = cellSpan(inv.d * y + inv.f, inv.d * (y + 1) + inv.f, image.height);
@@ -1309,7 +1320,6 @@ struct RasterDevice::Impl {
             const uint32_t nRows = uint32_t(rows.second - rows.first);
             uint8_t* s = sbuf.data();
             uint8_t* sw = swhite.data();
-            std::fill(errNext.begin(), errNext.end(), 0);
             for (int k = 0; k < w; ++k) {
                 const auto [lo, hi] = cols[size_t(k)];
                 const uint32_t cells = nRows * uint32_t(std::max(0, hi - lo));
@@ -1326,19 +1336,11 @@ struct RasterDevice::Impl {
                     continue;
                 }
                 uint8_t g = bpp == 1 ? px[0] : raster::luminance(px[0], px[1], px[2]);
-                if (bilevel) {
-                    const int dark = 255 - g + errHere[size_t(k) + 1] / 16;
-                    const bool on = dark >= 128;
-                    g = on ? 0 : 255;
-                    const int e = dark - (on ? 255 : 0);
-                    errHere[size_t(k) + 2] += 7 * e;
-                    errNext[size_t(k)] += 3 * e;
-                    errNext[size_t(k) + 1] += 5 * e;
-                    errNext[size_t(k) + 2] += e;
-                }
+                if (bilevel)
+                    g = diffuser.ink(k, 255 - g) ? 0 : 255;
                 s[k] = g;
             }
-            std::swap(errHere, errNext);
+            diffuser.nextRow();
             // Draw the stretches of the row that the image covers.
             for (int k = 0; k < w;) {
                 while (k < w && cols[size_t(k)].first >= cols[size_t(k)].second)
