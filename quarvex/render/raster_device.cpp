@@ -1290,12 +1290,18 @@ struct RasterDevice::Impl {
 
     // An image drawn smaller than its own pixels: each device pixel takes the average of the
     // image pixels under it rather than one of them, which would keep or drop whole halftone
-    // screens of a driver's one-bit picture and alias fine detail. On a black-and-white page
-    // the averages are turned into black and white by error diffusion, as for masks, so that
-    // the screens' tone survives; grey and colour pages keep the averages.
+    // screens of a driver's one-bit picture and alias fine detail. A black-and-white picture
+    // on a black-and-white page is turned back into black and white by error diffusion, as
+    // masks are, so that its screens' tone survives; other pictures keep the averages, which
+    // a black-and-white page halftones like any grey.
     void drawReducedImage(const Image& image, const Matrix& inv, const IRect& box) {
         const int w = box.width();
         const int bpp = image.format == Image::Format::Gray8 ? 1 : 3;
+        bool diffuse = bilevel;
+        for (int j = 0; diffuse && j < image.height; ++j) {
+            const uint8_t* row = image.data.data() + size_t(j) * image.stride;
+            diffuse = std::all_of(row, row + size_t(image.width) * bpp, [](uint8_t v) { return v == 0 || v == 255; });
+        }
         std::vector<std::pair<int, int>> cols(static_cast<size_t>(w));
         for (int x = box.x0; x < box.x1; ++x)
             cols[size_t(x - box.x0)] = cellSpan(inv.a * x + inv.e, inv.a * (x + 1) + inv.e, image.width);
@@ -1336,7 +1342,7 @@ struct RasterDevice::Impl {
                     continue;
                 }
                 uint8_t g = bpp == 1 ? px[0] : raster::luminance(px[0], px[1], px[2]);
-                if (bilevel)
+                if (diffuse)
                     g = diffuser.ink(k, 255 - g) ? 0 : 255;
                 s[k] = g;
             }

@@ -1286,6 +1286,45 @@ TEST(RasterDevice, MasksDrawnSmallerKeepTheirTone) {
     EXPECT_EQ(grey(sink.pages.at(0), 82, 82), 255);
 }
 
+TEST(RasterDevice, ImagesDrawnSmallerAverageTheirPixels) {
+    // A one-bit picture (a driver's 50 % checkerboard screen at 600 dpi) on a 300 dpi
+    // black-and-white page keeps its tone; sampling every other pixel would print it solid or
+    // leave it out.
+    const Image screen = grayImage(128, 128, [](int x, int y) { return ((x + y) & 1) ? 255 : 0; });
+    CaptureSink sink;
+    RasterDevice dev(opts(1, 300), sink);
+    dev.beginPage(square(72));
+    dev.drawImage(screen, placed(12, 12, 600), Paint::solid(Rgb::black()), opaque(204));
+    dev.endPage();
+    int dark = 0;
+    for (int y = 50; y < 114; ++y)
+        for (int x = 50; x < 114; ++x)
+            dark += black(sink.pages.at(0), x, y);
+    EXPECT_NEAR(dark, 64 * 64 / 2, 64 * 64 / 50);
+
+    // A grey picture is averaged and then halftoned like any grey: exactly the ordered dither
+    // of a fill in the same grey.
+    const Image flat = grayImage(128, 128, [](int, int) { return 100; });
+    CaptureSink a, b;
+    RasterDevice da(opts(1, 300), a), db(opts(1, 300), b);
+    da.beginPage(square(72));
+    da.drawImage(flat, placed(12, 12, 600), Paint::solid(Rgb::black()), opaque(204));
+    da.endPage();
+    db.beginPage(square(72));
+    db.fillPath(rect(12, 12, 128 * 72.0 / 600, 128 * 72.0 / 600), FillRule::NonZero, Paint::solid({100, 100, 100}),
+                opaque());
+    db.endPage();
+    EXPECT_EQ(a.pages.at(0).data, b.pages.at(0).data);
+
+    // On a grey page the averages stay grey.
+    CaptureSink g;
+    RasterDevice dg(opts(8, 300), g);
+    dg.beginPage(square(72));
+    dg.drawImage(screen, placed(12, 12, 600), Paint::solid(Rgb::black()), opaque(204));
+    dg.endPage();
+    EXPECT_EQ(grey(g.pages.at(0), 60, 60), 128);
+}
+
 TEST(RasterDevice, GreyOutputIsLuminance) {
     CaptureSink sink;
     RasterDevice dev(opts(8), sink);
