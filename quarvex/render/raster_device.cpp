@@ -148,6 +148,12 @@ struct ClipState {
     }
 };
 
+// The bits of one-bit row byte k (most significant first) that lie in pixels [x0, x1).
+uint8_t byteSpanMask(int k, int x0, int x1) {
+    const int lo = std::max(k * 8, x0) - k * 8, hi = std::min(k * 8 + 8, x1) - k * 8;
+    return uint8_t((0xFFu >> lo) & (0xFFu << (8 - hi)));
+}
+
 // Floyd-Steinberg error diffusion over rows taken top to bottom: turns darkness (0 white ..
 // 255 black) into ink or none, carrying each pixel's error to its unvisited neighbours.
 class ErrorDiffuser {
@@ -686,10 +692,7 @@ struct RasterDevice::Impl {
         const int r = y & 15;
         const int x1 = x0 + n;
         const int k0 = x0 >> 3, k1 = (x1 - 1) >> 3;
-        auto edge = [&](int k) {
-            const int lo = std::max(k * 8, x0) - k * 8, hi = std::min(k * 8 + 8, x1) - k * 8;
-            return uint8_t((0xFFu >> lo) & (0xFFu << (8 - hi)));
-        };
+        auto edge = [&](int k) { return byteSpanMask(k, x0, x1); };
         if (!s && tex.solid && !constUsesDest) {
             // A fill in one colour: the dithered result, whatever lies beneath.
             const uint8_t* cb = constBits[r];
@@ -1039,6 +1042,24 @@ struct RasterDevice::Impl {
 
     // ---- images and masks -------------------------------------------------------------------
 
+    // Walks a mask laid one to one on the device (device x = mask column - ox, y = row - oy)
+    // within box and the rectangular clip: f(y, bits, cLo, cHi) gets the mask row under device
+    // row y and the mask columns [cLo, cHi) to draw.
+    template <class F>
+    void forUnitMaskRows(const Mask& mask, const IRect& box, int64_t ox, int64_t oy, int64_t cLo, int64_t cHi,
+                         F&& f) {
+        cLo = std::max<int64_t>(cLo, clip.bound.x0 + ox);
+        cHi = std::min<int64_t>(cHi, clip.bound.x1 + ox);
+        if (cLo >= cHi)
+            return;
+        const int y0 = std::max(box.y0, clip.bound.y0), y1 = std::min(box.y1, clip.bound.y1);
+        for (int y = y0; y < y1; ++y) {
+            const int64_t j = y + oy;
+            if (j >= 0 && j < mask.height)
+                f(y, mask.bits.data() + size_t(j) * mask.stride, cLo, cHi);
+        }
+    }
+
     // The same on an RGB page: whole bytes of ink write eight pixels at once.
     void stampUnitMaskRgb(const Mask& mask, const IRect& box, int64_t ox, int64_t oy, int64_t cLo,
                           int64_t cHi) {
@@ -1057,22 +1078,13 @@ struct RasterDevice::Impl {
         uint8_t eight[24];
         for (int i = 0; i < 8; ++i)
             std::memcpy(eight + i * 3, constOut, 3);
-        cLo = std::max<int64_t>(cLo, clip.bound.x0 + ox);
-        cHi = std::min<int64_t>(cHi, clip.bound.x1 + ox);
-        const int y0 = std::max(box.y0, clip.bound.y0), y1 = std::min(box.y1, clip.bound.y1);
-        if (cLo >= cHi)
-            return;
-        for (int y = y0; y < y1; ++y) {
-            const int64_t j = y + oy;
-            if (j < 0 || j >= mask.height)
-                continue;
-            const uint8_t* bits = mask.bits.data() + size_t(j) * mask.stride;
+        forUnitMaskRows(mask, box, ox, oy, cLo, cHi, [&](int y, const uint8_t* bits, int64_t lo, int64_t hi) {
             uint8_t* D = row(y) - ox * 3; // D + 3 * c is the pixel under mask column c
-            int64_t c = cLo;
-            for (; c < cHi && (c & 7); ++c)
+            int64_t c = lo;
+            for (; c < hi && (c & 7); ++c)
                 if (bits[c >> 3] & (0x80 >> (c & 7)))
                     std::memcpy(D + c * 3, constOut, 3);
-            for (; c + 8 <= cHi; c += 8) {
+            for (; c + 8 <= hi; c += 8) {
                 const uint8_t b = bits[c >> 3];
                 if (b == 0)
                     continue;
@@ -1089,45 +1101,32 @@ struct RasterDevice::Impl {
                     dv[k] = (dv[k] & ~m[k]) | (cv[k] & m[k]);
                 std::memcpy(D + c * 3, dv, 24);
             }
-            for (; c < cHi; ++c)
+            for (; c < hi; ++c)
                 if (bits[c >> 3] & (0x80 >> (c & 7)))
                     std::memcpy(D + c * 3, constOut, 3);
-        }
+        });
     }
 
     // The same on a bilevel page: each mask row, shifted onto the page's bytes, selects where
     // the dithered result goes, eight pixels at a time.
     void stampUnitMaskBits(const Mask& mask, const IRect& box, int64_t ox, int64_t oy,
                            int64_t cLo, int64_t cHi) {
-        cLo = std::max<int64_t>(cLo, clip.bound.x0 + ox);
-        cHi = std::min<int64_t>(cHi, clip.bound.x1 + ox);
-        const int y0 = std::max(box.y0, clip.bound.y0), y1 = std::min(box.y1, clip.bound.y1);
-        if (cLo >= cHi)
-            return;
-        const int xLo = int(cLo - ox), xHi = int(cHi - ox); // device columns
-        const int k0 = xLo >> 3, k1 = (xHi - 1) >> 3;
-        const int64_t byteLo = cLo >> 3, byteHi = (cHi + 7) >> 3; // mask bytes that may be read
-        for (int y = y0; y < y1; ++y) {
-            const int64_t j = y + oy;
-            if (j < 0 || j >= mask.height)
-                continue;
-            const uint8_t* bits = mask.bits.data() + size_t(j) * mask.stride;
-            auto rd = [&](int64_t b) -> unsigned {
-                return b >= byteLo && b < byteHi ? bits[b] : 0u;
-            };
+        forUnitMaskRows(mask, box, ox, oy, cLo, cHi, [&](int y, const uint8_t* bits, int64_t lo, int64_t hi) {
+            const int xLo = int(lo - ox), xHi = int(hi - ox); // device columns
+            const int64_t byteLo = lo >> 3, byteHi = (hi + 7) >> 3; // mask bytes that may be read
+            auto rd = [&](int64_t b) -> unsigned { return b >= byteLo && b < byteHi ? bits[b] : 0u; };
             uint8_t* D = row(y);
             const uint8_t* cb = constBits[y & 15];
-            for (int k = k0; k <= k1; ++k) {
+            for (int k = xLo >> 3; k <= (xHi - 1) >> 3; ++k) {
                 const int64_t c = int64_t(k) * 8 + ox; // mask column under device pixel 8k
                 const int64_t b = c >> 3;              // rounds down, negative c included
                 const int sh = int(c - b * 8);
                 const unsigned v = (((rd(b) << 8) | rd(b + 1)) >> (8 - sh)) & 0xFFu;
-                const int lo = std::max(k * 8, xLo) - k * 8, hi = std::min(k * 8 + 8, xHi) - k * 8;
-                const uint8_t m = uint8_t(v & (0xFFu >> lo) & (0xFFu << (8 - hi)));
+                const uint8_t m = uint8_t(v & byteSpanMask(k, xLo, xHi));
                 if (m)
                     D[k] = uint8_t((D[k] & ~m) | (cb[k & 1] & m));
             }
-        }
+        });
     }
 
     // The common case of monochrome raster and glyph bitmaps on a grey page: mask pixels map
@@ -1146,23 +1145,13 @@ struct RasterDevice::Impl {
         }();
         const uint8_t v = constOut[0];
         const uint64_t fill = 0x0101010101010101ULL * v;
-        // Columns inside the clip rectangle and the mask.
-        cLo = std::max<int64_t>(cLo, clip.bound.x0 + ox);
-        cHi = std::min<int64_t>(cHi, clip.bound.x1 + ox);
-        const int y0 = std::max(box.y0, clip.bound.y0), y1 = std::min(box.y1, clip.bound.y1);
-        if (cLo >= cHi)
-            return;
-        for (int y = y0; y < y1; ++y) {
-            const int64_t j = y + oy;
-            if (j < 0 || j >= mask.height)
-                continue;
-            const uint8_t* bits = mask.bits.data() + size_t(j) * mask.stride;
+        forUnitMaskRows(mask, box, ox, oy, cLo, cHi, [&](int y, const uint8_t* bits, int64_t lo, int64_t hi) {
             uint8_t* D = row(y) - ox; // D[c] is the pixel under mask column c
-            int64_t c = cLo;
-            for (; c < cHi && (c & 7); ++c)
+            int64_t c = lo;
+            for (; c < hi && (c & 7); ++c)
                 if (bits[c >> 3] & (0x80 >> (c & 7)))
                     D[c] = v;
-            for (; c + 8 <= cHi; c += 8) {
+            for (; c + 8 <= hi; c += 8) {
                 const uint8_t b = bits[c >> 3];
                 if (b == 0)
                     continue;
@@ -1176,10 +1165,10 @@ struct RasterDevice::Impl {
                 dv = (dv & ~m) | (fill & m);
                 std::memcpy(D + c, &dv, 8);
             }
-            for (; c < cHi; ++c)
+            for (; c < hi; ++c)
                 if (bits[c >> 3] & (0x80 >> (c & 7)))
                     D[c] = v;
-        }
+        });
     }
 
     // The stretch [xa, xb) of row y whose pixel centres fall inside a w x h grid mapped by inv
