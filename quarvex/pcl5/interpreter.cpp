@@ -1713,15 +1713,14 @@ size_t Interpreter::run(const uint8_t* data, size_t size) {
     // Macros may run 2 MB of commands, plus 16 times the job's size: overlays on every page of a
     // long job, but no endless repetition from a short one.
     m_macroWorkBudget = (size_t(2) << 20) + 16 * size;
-    bool atUel = false;
-    const size_t used = interpret(data, size, &atUel);
+    const size_t used = interpret(data, size);
     if (m_raster.active)
         endRaster();
     closePage();
     return used;
 }
 
-size_t Interpreter::interpret(const uint8_t* data, size_t size, bool* atUel) {
+size_t Interpreter::interpret(const uint8_t* data, size_t size) {
     Parser parser(data, size);
     size_t stop = size;
     // A macro definition being stored: where its body starts (kNotDefining: none).
@@ -1740,7 +1739,6 @@ size_t Interpreter::interpret(const uint8_t* data, size_t size, bool* atUel) {
         if (cmd.kind == Command::Kind::Param && cmd.parameter == '%' && cmd.group == 0 && cmd.final == 'X' &&
             cmd.value == -12345) {
             stop = cmd.offset;
-            *atUel = true;
             break;
         }
         if (defineFrom != kNotDefining) {

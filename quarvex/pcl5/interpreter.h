@@ -32,8 +32,8 @@ public:
 
 private:
     // The commands of data, without finishing the page: the job itself, or a macro's body.
-    // Returns the bytes used; *atUel is set when it stopped at a Universal Exit Language.
-    size_t interpret(const uint8_t* data, size_t size, bool* atUel);
+    // Returns the bytes used (it stops in front of a Universal Exit Language).
+    size_t interpret(const uint8_t* data, size_t size);
 
     struct FontState {
         FontRequest request;
@@ -257,7 +257,6 @@ private:
     double m_frameAnchorX = 0, m_frameAnchorY = -1; // -1 = at the top margin
 
     std::map<int, Macro> m_macros;
-    size_t m_macroBytes = 0;     // bytes held by stored macros
     size_t m_macroWork = 0;      // bytes of macro bodies interpreted in this job
     size_t m_macroWorkBudget = 0; // and how many it may interpret
     int m_macroId = 0;

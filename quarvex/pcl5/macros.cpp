@@ -118,13 +118,14 @@ void Interpreter::restoreEnvironment(Environment& e) {
 
 void Interpreter::defineMacro(std::vector<uint8_t> body) {
     const int id = m_macroId;
-    auto old = m_macros.find(id);
-    const size_t freed = old != m_macros.end() ? old->second.body.size() : 0;
-    if (m_macroBytes - freed + body.size() > kMacroStoreBudget) {
+    size_t kept = body.size(); // what the store holds once this definition replaces any other
+    for (const auto& [other, macro] : m_macros)
+        if (other != id)
+            kept += macro.body.size();
+    if (kept > kMacroStoreBudget) {
         warnOnce("PCL 5: macros exceed the memory budget; further definitions skipped");
         return;
     }
-    m_macroBytes = m_macroBytes - freed + body.size();
     Macro& m = m_macros[id];
     m.body = std::move(body);
     m.permanent = false; // a new definition starts temporary
@@ -141,7 +142,6 @@ void Interpreter::macroControl(int operation) {
     case 5: m_overlayId = -1; break;
     case 6: // delete every macro
         m_macros.clear();
-        m_macroBytes = 0;
         m_overlayId = -1;
         break;
     case 7: // delete the temporary ones
@@ -149,7 +149,6 @@ void Interpreter::macroControl(int operation) {
         for (auto it = m_macros.begin(); it != m_macros.end();) {
             const bool gone = operation == 7 ? !it->second.permanent : it->first == m_macroId;
             if (gone) {
-                m_macroBytes -= it->second.body.size();
                 if (m_overlayId == it->first)
                     m_overlayId = -1;
                 it = m_macros.erase(it);
@@ -186,8 +185,7 @@ void Interpreter::runMacro(int id, bool keepChanges) {
     if (!keepChanges)
         saved = saveEnvironment();
     ++m_macroDepth;
-    bool atUel = false;
-    interpret(body.data(), body.size(), &atUel);
+    interpret(body.data(), body.size());
     --m_macroDepth;
     if (saved)
         restoreEnvironment(*saved);
