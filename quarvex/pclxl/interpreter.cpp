@@ -826,7 +826,6 @@ void Interpreter::resetGraphics() {
 }
 
 void Interpreter::endPage() {
-    flushImageRows(); // an image the stream never ended still shows what it read
     if (m_image.active && !m_image.pattern)
         m_image.active = false;
     m_dev.endPage();
