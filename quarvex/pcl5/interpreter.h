@@ -62,14 +62,24 @@ private:
         std::vector<std::vector<uint8_t>> seeds; // one seed row per plane
     };
 
-    // Commands
+    // Commands: the loop hands each one to the part of the interpreter that acts on it.
     void handleText(const uint8_t* text, size_t length);
     void handleEscape2(uint8_t c);
     void handleParam(Parser& parser, const Command& cmd);
     void handleDataCommand(Parser& parser, const Command& cmd);
     // Whether a parameterised command is followed by as many bytes of data as its value says.
     static bool carriesData(const Command& cmd);
-    void handleFontCommand(const Command& cmd, bool secondary);
+    void handleFontCommand(const Command& cmd, bool secondary); // ESC( and ESC)
+    void pageCommand(const Command& cmd);           // ESC&l: page size, orientation, margins, spacing
+    void cursorCommand(const Command& cmd);         // ESC&a, ESC*p, ESC&f#S, ESC&u#D
+    void textCommand(const Command& cmd);           // ESC&k, ESC&s#C, ESC&d
+    void softFontCommand(const Command& cmd);       // ESC*c#D, #E, #F
+    void rectangleCommand(const Command& cmd);      // ESC*c: rectangle size and fill, pattern ID
+    void patternCommand(const Command& cmd);        // ESC*v#N, #O, #T and ESC*l#O
+    void defineUserPattern(std::span<const uint8_t> data); // ESC*c#W
+    void colourCommand(const Command& cmd);         // ESC*v#A, #B, #C, #I, #S
+    void rasterCommand(Parser& parser, const Command& cmd); // ESC*t, ESC*r, ESC*b
+    void pictureFrameCommand(const Command& cmd);   // ESC*c#X, #Y, #T, #K, #L
     void enterHpgl(int mode);
     void leaveHpgl(int mode);
     hpgl2::PictureFrame pictureFrame() const;

@@ -1,0 +1,317 @@
+// PCL 5 page and cursor model: paper size and orientation, the logical page on the sheet, print
+// direction, margins and text length, cursor positioning, and when a page starts and ends.
+#include "pcl5/interpreter.h"
+#include "pcl5/units.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace qx::pcl5 {
+
+namespace {
+constexpr size_t kMaxCursorStack = 20;
+} // namespace
+
+void Interpreter::applyPageSetup(const PaperSize& paper, int orientation) {
+    m_paper = paper;
+    m_orientation = orientation & 3;
+    const bool landscape = (m_orientation & 1) != 0;
+    const double w = paper.widthPt * kUnitsPerPoint;
+    const double h = paper.heightPt * kUnitsPerPoint;
+    m_sheetWidth = landscape ? h : w;
+    m_sheetHeight = landscape ? w : h;
+    m_offsetX = logicalPageOffset(paper, landscape);
+    m_logicalWidth = std::max(0.0, m_sheetWidth - 2 * m_offsetX);
+    m_logicalHeight = m_sheetHeight;
+    m_direction = 0;
+    defaultTextArea();
+    updatePictureFrame();
+}
+
+void Interpreter::defaultTextArea() {
+    // Form lines from PJL give the VMI that fits them between half-inch margins.
+    if (m_ctx.pjl.formLines > 0 && m_ctx.pjl.formLines <= 128)
+        m_vmi = (m_logicalHeight - kUnitsPerInch) / m_ctx.pjl.formLines;
+    else
+        m_vmi = kUnitsPerInch / 6;
+    m_topMargin = kUnitsPerInch / 2;
+    m_textLength = m_vmi > 0 ? static_cast<int>((m_logicalHeight - kUnitsPerInch) / m_vmi + 1e-6) : 0;
+    m_leftMargin = 0;
+    m_rightMargin = m_logicalWidth;
+    selectFont(m_primary);
+    selectFont(m_secondary);
+    m_hmi = currentFont().hmi;
+    m_x = m_leftMargin;
+    m_y = firstBaseline();
+}
+
+double Interpreter::firstBaseline() const { return m_topMargin + 0.75 * m_vmi; }
+
+void Interpreter::setPaper(int code) {
+    auto paper = paperByCode(code);
+    if (!paper) {
+        warnOnce("PCL 5: unknown page size " + std::to_string(code) + " ignored");
+        return;
+    }
+    ejectPage();
+    applyPageSetup(*paper, m_orientation);
+}
+
+void Interpreter::setOrientation(int orientation) {
+    if (orientation < 0 || orientation > 3)
+        return;
+    ejectPage();
+    applyPageSetup(m_paper, orientation);
+}
+
+Matrix Interpreter::frameToLogical() const {
+    const double W = m_logicalWidth, H = m_logicalHeight;
+    switch (m_direction) {
+    case 1: return Matrix{0, -1, 1, 0, 0, H};   // text runs up the page
+    case 2: return Matrix{-1, 0, 0, -1, W, H};  // upside down
+    case 3: return Matrix{0, 1, -1, 0, W, 0};   // text runs down the page
+    default: return Matrix{};
+    }
+}
+
+void Interpreter::setPrintDirection(int quarterTurns) {
+    quarterTurns &= 3;
+    if (quarterTurns == m_direction)
+        return;
+    if (m_underline)
+        drawUnderline();
+    const Point logical = frameToLogical().apply({m_x, m_y});
+    m_direction = quarterTurns;
+    if (auto inv = frameToLogical().inverted()) {
+        const Point p = inv->apply(logical);
+        m_x = p.x;
+        m_y = p.y;
+    }
+    // The horizontal margins follow the new direction; the text length fits its height.
+    m_leftMargin = 0;
+    m_rightMargin = frameWidth();
+    if (m_vmi > 0)
+        m_textLength = std::max(0, static_cast<int>((frameHeight() - m_topMargin - kUnitsPerInch / 2) / m_vmi));
+    if (m_underline)
+        startUnderline();
+}
+
+Matrix Interpreter::logicalToPage() const {
+    // Logical units to page points on the oriented sheet; orientations 2 and 3 turn the logical
+    // page half a turn.
+    const double s = 1.0 / kUnitsPerPoint;
+    const double ox = (m_offsetX + m_regLeft) * s;
+    const double oy = m_regTop * s;
+    if (m_orientation >= 2) {
+        const double W = m_sheetWidth * s, H = m_sheetHeight * s;
+        return Matrix{-s, 0, 0, -s, W - ox, H - oy};
+    }
+    return Matrix{s, 0, 0, s, ox, oy};
+}
+
+// ---------------------------------------------------------------------------------------------
+// Pages
+
+void Interpreter::ensurePage() {
+    if (m_pageOpen)
+        return;
+    PageSpec spec;
+    spec.widthPt = m_sheetWidth / kUnitsPerPoint;
+    spec.heightPt = m_sheetHeight / kUnitsPerPoint;
+    if (m_ctx.pjl.resolution > 0) {
+        spec.declaredDpiX = spec.declaredDpiY = m_ctx.pjl.resolution;
+    } else {
+        // The unit of measure and the raster resolution say what the job was made for; finer
+        // units than 1200 a inch are only a coordinate grid.
+        double dpi = m_rasterResolution > 300 ? m_rasterResolution : 0;
+        if (m_unitsPerInch != 300 && m_unitsPerInch <= 1200)
+            dpi = std::max(dpi, m_unitsPerInch);
+        if (dpi > 0)
+            spec.declaredDpiX = spec.declaredDpiY = dpi;
+    }
+    m_dev.beginPage(spec);
+    m_pageOpen = true;
+}
+
+void Interpreter::closePage() {
+    if (m_underline)
+        drawUnderline();
+    if (m_pageOpen) {
+        if (m_overlayId >= 0)
+            runOverlay();
+        m_dev.endPage();
+        m_pageOpen = false;
+    }
+}
+
+void Interpreter::ejectPage() {
+    if (m_inOverlay)
+        return; // an overlay draws on the page being printed; it cannot print one itself
+    if (m_raster.active)
+        flushStrip();
+    closePage();
+    m_x = m_leftMargin;
+    m_y = firstBaseline();
+    if (m_raster.active)
+        m_raster.y = frameToLogical().apply({m_x, m_y}).y;
+    if (m_underline)
+        startUnderline();
+}
+
+void Interpreter::carriageReturn() {
+    if (m_underline)
+        drawUnderline();
+    m_x = m_leftMargin;
+    if (m_underline)
+        startUnderline();
+}
+
+void Interpreter::lineFeed() {
+    if (m_underline)
+        drawUnderline();
+    m_y += m_vmi;
+    // Perforation skip: past the text area's bottom, go on to the next page.
+    if (m_perfSkip && m_vmi > 0) {
+        const double bottom = m_topMargin + m_textLength * m_vmi;
+        if (m_y > bottom + 0.75 * m_vmi + 1e-6 && m_textLength > 0) {
+            const double x = m_x;
+            formFeed();
+            m_x = x;
+        }
+    }
+    if (m_y > kMaxPosition)
+        m_y = kMaxPosition;
+    if (m_underline)
+        startUnderline();
+}
+
+void Interpreter::formFeed() {
+    // A form feed always ends the sheet that has been started; an untouched one stays unprinted.
+    ejectPage();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Commands
+
+void Interpreter::pageCommand(const Command& cmd) {
+    const double v = cmd.value;
+    const int iv = cmd.intValue();
+    switch (cmd.final) {
+    case 'A': setPaper(iv); break;
+    case 'O': setOrientation(iv); break;
+    case 'E': // top margin in lines; the default picture frame hangs from it
+        if (iv >= 0 && m_vmi * iv < m_logicalHeight) {
+            m_topMargin = iv * m_vmi;
+            m_textLength = m_vmi > 0 ? static_cast<int>((m_logicalHeight - m_topMargin - kUnitsPerInch / 2) / m_vmi) : 0;
+            updatePictureFrame();
+        }
+        break;
+    case 'F':
+        if (iv >= 0 && m_vmi * iv <= m_logicalHeight) {
+            m_textLength = iv;
+            updatePictureFrame();
+        }
+        break;
+    case 'D':
+        if (v == 0 || v == 1 || v == 2 || v == 3 || v == 4 || v == 6 || v == 8 || v == 12 || v == 16 ||
+            v == 24 || v == 48)
+            m_vmi = v == 0 ? 0 : kUnitsPerInch / v;
+        break;
+    case 'C':
+        if (v >= 0 && v <= 336)
+            m_vmi = v * kUnitsPerInch / 48;
+        break;
+    case 'L': m_perfSkip = iv != 0; break;
+    case 'U': m_regLeft = std::clamp(v, -32767.0, 32767.0) * kDecipoint; break;
+    case 'Z':
+        // Top registration trims a printer's paper path to its drivers' expectation (they
+        // send +36 decipoints); the sheet here already starts where they expect it.
+        break;
+    case 'P': break; // page length in lines: the paper decides here
+    case 'H': // paper source: the started sheet goes out first (0 only ejects it)
+    case 'S': // simplex / duplex: likewise
+        ejectPage();
+        break;
+    case 'X': case 'G': case 'M': case 'T': break; // copies, bins, media type, job separation
+    default: break;
+    }
+}
+
+void Interpreter::cursorCommand(const Command& cmd) {
+    const uint8_t p = cmd.parameter, g = cmd.group, f = cmd.final;
+    const double v = cmd.value;
+    const int iv = cmd.intValue();
+    const bool relative = cmd.sign != 0;
+    if (p == '&' && g == 'a') {
+        switch (f) {
+        case 'R': {
+            const double dy = v * m_vmi;
+            m_y = clampPos(relative ? m_y + dy : m_topMargin + 0.75 * m_vmi + dy);
+            break;
+        }
+        case 'C': {
+            const double dx = v * m_hmi;
+            m_x = clampPos(relative ? m_x + dx : m_leftMargin + dx);
+            break;
+        }
+        case 'H': m_x = clampPos(relative ? m_x + v * kDecipoint : v * kDecipoint); break;
+        case 'V': m_y = clampPos(relative ? m_y + v * kDecipoint : m_topMargin + v * kDecipoint); break;
+        case 'L':
+            if (iv >= 0 && iv * m_hmi < m_rightMargin)
+                m_leftMargin = iv * m_hmi;
+            break;
+        case 'M':
+            if (iv >= 0 && (iv + 1) * m_hmi > m_leftMargin)
+                m_rightMargin = std::min(frameWidth(), (iv + 1) * m_hmi);
+            break;
+        case 'P':
+            if (iv == 0 || iv == 90 || iv == 180 || iv == 270)
+                setPrintDirection(iv / 90);
+            break;
+        case 'G': ejectPage(); break; // duplex page side
+        default: break;
+        }
+        return;
+    }
+    if (p == '&' && g == 'f' && f == 'S') {
+        if (iv == 0) {
+            if (m_cursorStack.size() < kMaxCursorStack)
+                m_cursorStack.emplace_back(m_x, m_y);
+        } else if (iv == 1 && !m_cursorStack.empty()) {
+            m_x = m_cursorStack.back().first;
+            m_y = m_cursorStack.back().second;
+            m_cursorStack.pop_back();
+        }
+        return;
+    }
+    if (p == '&' && g == 'u' && f == 'D') {
+        // Printers list 96 to 7200 units an inch, but drivers for low resolutions send their
+        // own (75 for a 75-dpi job) and place everything in those units: take any whole
+        // positive count up to 7200.
+        if (v >= 1 && v <= 7200)
+            m_unitsPerInch = std::floor(v);
+        return;
+    }
+    if (p == '*' && g == 'p') {
+        const double unit = kUnitsPerInch / m_unitsPerInch;
+        // Raster rows move the cursor down as they are printed: a relative move inside a raster
+        // block counts from the row after the last one sent, not from where the block began.
+        if (m_raster.active && m_direction == 0)
+            m_y = m_raster.y;
+        if (f == 'X')
+            m_x = clampPos(relative ? m_x + v * unit : v * unit);
+        else if (f == 'Y')
+            m_y = clampPos(relative ? m_y + v * unit : m_topMargin + v * unit);
+        else if (f == 'R') {
+            m_patternRefX = m_x;
+            m_patternRefY = m_y;
+        }
+        if (m_raster.active && (f == 'X' || f == 'Y')) {
+            // Moving the cursor inside a raster block restarts the rows there.
+            flushStrip();
+            m_raster.y = frameToLogical().apply({m_x, m_y}).y;
+        }
+    }
+}
+
+} // namespace qx::pcl5
