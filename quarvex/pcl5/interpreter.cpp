@@ -42,6 +42,8 @@ void Interpreter::reset() {
         orientation = 1;
     m_regLeft = 0;
     m_regTop = 0;
+    m_duplex = 0;
+    m_backSide = false;
     m_cursorStack.clear();
     m_userPatterns.clear();
     m_raster = RasterState{};
@@ -67,6 +69,7 @@ void Interpreter::defaultEnvironment() {
     m_sourceTransparent = true;
     m_patternTransparent = true;
     m_patternRefX = m_patternRefY = 0;
+    m_patternRotates = true;
     m_simpleColour = 0;
     m_pixelEncoding = 0;
     m_bitsPerIndex = 1;

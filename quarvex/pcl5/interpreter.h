@@ -57,6 +57,7 @@ private:
         int stripWidth = 0;
         int stripRows = 0;
         double stripTop = 0;
+        bool placed = false;             // the block's start has been put on the device grid
         std::vector<uint8_t> strip;      // 1-bit rows (mono) or RGB rows (colour)
         bool stripColour = false;
         std::vector<std::vector<uint8_t>> seeds; // one seed row per plane
@@ -136,6 +137,8 @@ private:
     Paint paintForPattern(int type, int id) const;
     void fillRect();
     std::shared_ptr<PatternTile> placeTile(std::shared_ptr<PatternTile> tile, double pixelUnits) const;
+    // The output resolution in dots an inch (300 while no page is open).
+    double deviceDpi() const;
 
     // Raster
     void startRaster(int mode);
@@ -199,6 +202,8 @@ private:
     double m_sheetHeight = 0;
     double m_regLeft = 0;           // registration offsets
     double m_regTop = 0;
+    int m_duplex = 0;               // ESC&l#S: 0 simplex, 1 long-edge, 2 short-edge binding
+    bool m_backSide = false;        // the page being drawn goes on the back of a duplex sheet
     double m_unitsPerInch = 300;
 
     // Text area and cursor
@@ -229,7 +234,8 @@ private:
     uint8_t m_rop = 252;
     bool m_sourceTransparent = true;
     bool m_patternTransparent = true;
-    double m_patternRefX = 0, m_patternRefY = 0;
+    double m_patternRefX = 0, m_patternRefY = 0; // pattern reference point, logical page
+    bool m_patternRotates = true;   // patterns turn with the print direction (ESC*p0R)
     std::map<int, std::shared_ptr<PatternTile>> m_userPatterns;
 
     // Colour

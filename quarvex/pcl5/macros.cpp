@@ -35,6 +35,7 @@ struct Interpreter::Environment {
     uint8_t rop = 252;
     bool sourceTransparent = true, patternTransparent = true;
     double patternRefX = 0, patternRefY = 0;
+    bool patternRotates = true;
     std::vector<Rgb> palette;
     int foreground = 1;
     Rgb foregroundRgb;
@@ -80,6 +81,7 @@ void Interpreter::environmentFields(Environment& e, F&& f) {
     f(m_patternTransparent, e.patternTransparent);
     f(m_patternRefX, e.patternRefX);
     f(m_patternRefY, e.patternRefY);
+    f(m_patternRotates, e.patternRotates);
     f(m_palette, e.palette);
     f(m_foreground, e.foreground);
     f(m_foregroundRgb, e.foregroundRgb);

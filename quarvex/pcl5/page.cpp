@@ -53,12 +53,16 @@ void Interpreter::setPaper(int code) {
         warnOnce("PCL 5: unknown page size " + std::to_string(code) + " ignored");
         return;
     }
+    // Selecting the size already in use changes nothing: the page goes on.
+    if (paper->code == m_paper.code)
+        return;
     ejectPage();
     applyPageSetup(*paper, m_orientation);
 }
 
 void Interpreter::setOrientation(int orientation) {
-    if (orientation < 0 || orientation > 3)
+    // An orientation repeating the current one is ignored (it neither ejects nor resets).
+    if (orientation < 0 || orientation > 3 || orientation == m_orientation)
         return;
     ejectPage();
     applyPageSetup(m_paper, orientation);
@@ -80,18 +84,30 @@ void Interpreter::setPrintDirection(int quarterTurns) {
         return;
     if (m_underline)
         drawUnderline();
-    const Point logical = frameToLogical().apply({m_x, m_y});
+    // Raster graphics in progress end at a change of direction.
+    if (m_raster.active)
+        endRaster();
+    // The cursor keeps its place on the page, and the text area (margins and text length) turns
+    // with the frame: at a quarter turn the left margin becomes the top margin, the top margin
+    // the right margin, the bottom of the text area the left margin, and the right margin the
+    // bottom of the text area.
+    const Matrix oldToLogical = frameToLogical();
+    const Point logical = oldToLogical.apply({m_x, m_y});
+    const double bottom = m_topMargin + (m_textLength > 0 ? m_textLength * m_vmi : frameHeight() - m_topMargin);
+    const Point a = oldToLogical.apply({m_leftMargin, m_topMargin});
+    const Point b = oldToLogical.apply({m_rightMargin, bottom});
     m_direction = quarterTurns;
     if (auto inv = frameToLogical().inverted()) {
         const Point p = inv->apply(logical);
         m_x = p.x;
         m_y = p.y;
+        const Point na = inv->apply(a), nb = inv->apply(b);
+        m_leftMargin = std::max(0.0, std::min(na.x, nb.x));
+        m_rightMargin = std::min(frameWidth(), std::max(na.x, nb.x));
+        m_topMargin = std::max(0.0, std::min(na.y, nb.y));
+        const double height = std::max(na.y, nb.y) - m_topMargin;
+        m_textLength = m_vmi > 0 ? std::max(0, static_cast<int>(height / m_vmi + 1e-6)) : 0;
     }
-    // The horizontal margins follow the new direction; the text length fits its height.
-    m_leftMargin = 0;
-    m_rightMargin = frameWidth();
-    if (m_vmi > 0)
-        m_textLength = std::max(0, static_cast<int>((frameHeight() - m_topMargin - kUnitsPerInch / 2) / m_vmi));
     if (m_underline)
         startUnderline();
 }
@@ -100,7 +116,9 @@ Matrix Interpreter::logicalToPage() const {
     // Logical units to page points on the oriented sheet; orientations 2 and 3 turn the logical
     // page half a turn.
     const double s = 1.0 / kUnitsPerPoint;
-    const double ox = (m_offsetX + m_regLeft) * s;
+    // On the back of a duplex sheet the left registration works the other way round: drivers
+    // send the opposite value there so that both sides line up.
+    const double ox = (m_offsetX + (m_backSide ? -m_regLeft : m_regLeft)) * s;
     const double oy = m_regTop * s;
     if (m_orientation >= 2) {
         const double W = m_sheetWidth * s, H = m_sheetHeight * s;
@@ -141,6 +159,9 @@ void Interpreter::closePage() {
             runOverlay();
         m_dev.endPage();
         m_pageOpen = false;
+        // The next page of a duplex job goes on the other side of the sheet.
+        if (m_duplex != 0)
+            m_backSide = !m_backSide;
     }
 }
 
@@ -152,8 +173,10 @@ void Interpreter::ejectPage() {
     closePage();
     m_x = m_leftMargin;
     m_y = firstBaseline();
-    if (m_raster.active)
+    if (m_raster.active) {
         m_raster.y = frameToLogical().apply({m_x, m_y}).y;
+        m_raster.placed = false;
+    }
     if (m_underline)
         startUnderline();
 }
@@ -201,7 +224,12 @@ void Interpreter::pageCommand(const Command& cmd) {
     case 'O': setOrientation(iv); break;
     case 'E': // top margin in lines; the default picture frame hangs from it
         if (iv >= 0 && m_vmi * iv < m_logicalHeight) {
+            // The floating cursor: on a page nothing has marked yet, a cursor still at its first
+            // position moves down (or up) with the top margin.
+            const bool floating = !m_pageOpen && m_x == m_leftMargin && m_y == firstBaseline();
             m_topMargin = iv * m_vmi;
+            if (floating)
+                m_y = firstBaseline();
             m_textLength = m_vmi > 0 ? static_cast<int>((m_logicalHeight - m_topMargin - kUnitsPerInch / 2) / m_vmi) : 0;
             updatePictureFrame();
         }
@@ -229,8 +257,14 @@ void Interpreter::pageCommand(const Command& cmd) {
         break;
     case 'P': break; // page length in lines: the paper decides here
     case 'H': // paper source: the started sheet goes out first (0 only ejects it)
-    case 'S': // simplex / duplex: likewise
         ejectPage();
+        break;
+    case 'S': // simplex / duplex: the started sheet goes out; the next page is a front side
+        ejectPage();
+        if (iv >= 0 && iv <= 2) {
+            m_duplex = iv;
+            m_backSide = false;
+        }
         break;
     case 'X': case 'G': case 'M': case 'T': break; // copies, bins, media type, job separation
     default: break;
@@ -268,7 +302,11 @@ void Interpreter::cursorCommand(const Command& cmd) {
             if (iv == 0 || iv == 90 || iv == 180 || iv == 270)
                 setPrintDirection(iv / 90);
             break;
-        case 'G': ejectPage(); break; // duplex page side
+        case 'G': // duplex page side: 0 the next side, 1 the front, 2 the back
+            ejectPage();
+            if (m_duplex != 0 && (iv == 1 || iv == 2))
+                m_backSide = iv == 2;
+            break;
         default: break;
         }
         return;
@@ -302,14 +340,19 @@ void Interpreter::cursorCommand(const Command& cmd) {
             m_x = clampPos(relative ? m_x + v * unit : v * unit);
         else if (f == 'Y')
             m_y = clampPos(relative ? m_y + v * unit : m_topMargin + v * unit);
-        else if (f == 'R') {
-            m_patternRefX = m_x;
-            m_patternRefY = m_y;
+        else if (f == 'R' && (iv == 0 || iv == 1)) {
+            // The pattern reference point goes to the cursor; 0 turns the patterns with the
+            // print direction, 1 keeps them as the logical page has them.
+            const Point ref = frameToLogical().apply({m_x, m_y});
+            m_patternRefX = ref.x;
+            m_patternRefY = ref.y;
+            m_patternRotates = iv == 0;
         }
         if (m_raster.active && (f == 'X' || f == 'Y')) {
             // Moving the cursor inside a raster block restarts the rows there.
             flushStrip();
             m_raster.y = frameToLogical().apply({m_x, m_y}).y;
+            m_raster.placed = false;
         }
     }
 }

@@ -55,11 +55,13 @@ std::optional<PaperSize> paperByName(std::string_view name) {
 }
 
 double logicalPageOffset(const PaperSize& paper, bool landscape) {
-    // Portrait: a quarter inch (75 dots at 300 dpi) on every paper, which is what LaserJet
-    // drivers compensate with their left registration of -180 decipoints; landscape: a fifth
-    // of an inch (60 dots).
-    (void)paper;
-    return landscape ? 60 * 24 : 75 * 24;
+    // HP's logical page tables: on the inch sizes the logical page starts 75 dots (300 dpi) in
+    // from the sheet's left edge in portrait and 60 in landscape; on the metric sizes 71 and 59.
+    // The logical page is centred: the same distance is left on the right.
+    constexpr double kDot = 24; // a 300 dpi dot in 1/7200 inch
+    if (paper.metric)
+        return (landscape ? 59 : 71) * kDot;
+    return (landscape ? 60 : 75) * kDot;
 }
 
 } // namespace qx::pcl5

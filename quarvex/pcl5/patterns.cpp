@@ -15,6 +15,12 @@ constexpr int kBayer8[8][8] = {
 
 } // namespace
 
+double patternPixelUnits(double dpi) {
+    if (dpi >= 300 || dpi <= 0)
+        return 24;
+    return 7200 / dpi;
+}
+
 std::shared_ptr<PatternTile> shadingTile(int percent) {
     // Printers have eight levels; a percentage selects the level whose range holds it.
     percent = std::clamp(percent, 0, 100);
@@ -47,28 +53,29 @@ std::shared_ptr<PatternTile> shadingTile(int percent) {
     return tile;
 }
 
-std::shared_ptr<PatternTile> crossHatchTile(int id) {
+std::shared_ptr<PatternTile> crossHatchTile(int id, int spacing, int width) {
     auto tile = std::make_shared<PatternTile>();
-    const int n = 16;
+    const int n = std::max(2, spacing);
+    width = std::clamp(width, 1, n - 1);
     tile->width = n;
     tile->height = n;
     tile->pixels.assign(static_cast<size_t>(n * n), Rgb::white());
     const auto ink = [&](int x, int y) {
         tile->pixels[static_cast<size_t>(((y % n + n) % n) * n + ((x % n + n) % n))] = Rgb::black();
     };
-    for (int i = 0; i < n; ++i) {
-        switch (id) {
-        case 1: ink(i, 0); ink(i, 1); break;                 // horizontal lines
-        case 2: ink(0, i); ink(1, i); break;                 // vertical lines
-        case 3: ink(i, n - 1 - i); ink(i + 1, n - 1 - i); break; // diagonal up to the right
-        case 4: ink(i, i); ink(i + 1, i); break;             // diagonal down to the right
-        case 5: ink(i, 0); ink(i, 1); ink(0, i); ink(1, i); break;
-        default:
-            ink(i, n - 1 - i); ink(i + 1, n - 1 - i);
-            ink(i, i); ink(i + 1, i);
-            break;
+    for (int i = 0; i < n; ++i)
+        for (int k = 0; k < width; ++k) {
+            const bool horizontal = id == 1 || id == 5, vertical = id == 2 || id == 5;
+            const bool up = id == 3 || id == 6, down = id == 4 || id == 6;
+            if (horizontal)
+                ink(i, k);
+            if (vertical)
+                ink(k, i);
+            if (up)
+                ink(i + k, n - 1 - i); // diagonal up to the right
+            if (down)
+                ink(i + k, i);         // diagonal down to the right
         }
-    }
     return tile;
 }
 

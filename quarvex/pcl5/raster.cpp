@@ -59,6 +59,7 @@ void Interpreter::startRaster(int mode) {
         m_raster.scaleY = std::clamp(sy, 0.01, kUnitsPerInch * 20);
     }
     m_raster.y = cursor.y;
+    m_raster.placed = false;
     m_raster.rowsDone = 0;
     m_raster.planeIndex = 0;
     m_raster.stripRows = 0;
@@ -91,6 +92,20 @@ void Interpreter::flushStrip() {
         return;
     }
     ensurePage();
+    if (!r.placed) {
+        // The block's first row starts on a device pixel, as a printer starts it on one of its
+        // dots: every strip after it then lies on whole pixels too, with no seam between
+        // strips however fractional the cursor was (a start at row 187.5 stays one picture).
+        const Matrix toDevice = m_dev.pageToDevice() * logicalToPage();
+        const Point at = toDevice.apply({r.left, r.stripTop});
+        if (auto back = toDevice.inverted()) {
+            const Point snapped = back->apply({snapToDot(at.x), snapToDot(at.y)});
+            r.left = snapped.x;
+            r.y += snapped.y - r.stripTop;
+            r.stripTop = snapped.y;
+        }
+        r.placed = true;
+    }
     const Matrix toPage = logicalToPage() * Matrix::translate(r.left, r.stripTop) * Matrix::scale(r.scaleX, r.scaleY);
     if (!r.stripColour) {
         Mask m;

@@ -6,6 +6,7 @@
 #include "pcl5/units.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace qx::pcl5 {
 
@@ -18,9 +19,32 @@ RenderState Interpreter::renderState() const {
     return rs;
 }
 
+double Interpreter::deviceDpi() const {
+    if (!m_pageOpen)
+        return 300;
+    const Matrix m = m_dev.pageToDevice();
+    const double dpi = std::hypot(m.a, m.b) * 72;
+    return dpi > 0 ? dpi : 300;
+}
+
 std::shared_ptr<PatternTile> Interpreter::placeTile(std::shared_ptr<PatternTile> tile, double pixelUnits) const {
-    tile->tileToPage = logicalToPage() * Matrix::translate(m_patternRefX, m_patternRefY) *
-                       Matrix::scale(pixelUnits, pixelUnits);
+    // The tile starts at the pattern reference point, put on a device pixel so that every pixel
+    // of the output takes exactly one pixel of the tile, and turns with the print direction
+    // unless the reference point was set to keep it fixed.
+    const Matrix toPage = logicalToPage();
+    Point ref{m_patternRefX, m_patternRefY};
+    if (m_pageOpen) {
+        const Matrix toDevice = m_dev.pageToDevice() * toPage;
+        const Point d = toDevice.apply(ref);
+        if (auto back = toDevice.inverted())
+            ref = back->apply({snapToDot(d.x), snapToDot(d.y)});
+    }
+    Matrix turn;
+    if (m_patternRotates) {
+        const Matrix f = frameToLogical();
+        turn = Matrix{f.a, f.b, f.c, f.d, 0, 0};
+    }
+    tile->tileToPage = toPage * Matrix::translate(ref.x, ref.y) * turn * Matrix::scale(pixelUnits, pixelUnits);
     return tile;
 }
 
@@ -33,8 +57,15 @@ Paint Interpreter::paintForPattern(int type, int id) const {
             return Paint::solid(Rgb::white());
         if (id >= 100)
             return Paint::solid(m_foregroundRgb);
-        return Paint::tiled(placeTile(shadingTile(id), 24));
-    case 3: return Paint::tiled(placeTile(crossHatchTile(std::clamp(id, 1, 6)), 24));
+        return Paint::tiled(placeTile(shadingTile(id), patternPixelUnits(deviceDpi())));
+    case 3: {
+        // Cross-hatch lines are two 300 dpi dots wide, 16 dots apart; below 300 dpi they are
+        // drawn on the output's own pixels at the same spacing, at least a pixel wide.
+        const double dpi = deviceDpi();
+        const int spacing = dpi >= 300 ? 16 : std::max(4, static_cast<int>(std::lround(16 * dpi / 300)));
+        const int width = dpi >= 300 ? 2 : std::max(1, static_cast<int>(std::lround(2 * dpi / 300)));
+        return Paint::tiled(placeTile(crossHatchTile(std::clamp(id, 1, 6), spacing, width), patternPixelUnits(dpi)));
+    }
     case 4: {
         auto it = m_userPatterns.find(id);
         if (it == m_userPatterns.end())
@@ -58,9 +89,19 @@ void Interpreter::fillRect() {
     if (x1 <= x0 || y1 <= y0)
         return;
     ensurePage();
+    // Printers fill whole dots: the rectangle starts on the dot nearest the cursor and its size
+    // is rounded up to whole dots (a rule of one decipoint still prints one dot). In every
+    // print direction the rectangle is upright on the device.
+    const Matrix toDevice = m_dev.pageToDevice() * textToPage();
+    const Point a = toDevice.apply({x0, y0}), b = toDevice.apply({x1, y1});
+    const double left = snapToDot(std::min(a.x, b.x)), top = snapToDot(std::min(a.y, b.y));
+    const double width = std::ceil(std::fabs(b.x - a.x) - 1e-6), height = std::ceil(std::fabs(b.y - a.y) - 1e-6);
+    const auto fromDevice = m_dev.pageToDevice().inverted();
+    if (!fromDevice || width <= 0 || height <= 0)
+        return;
     Path p;
-    p.addRect(x0, y0, x1 - x0, y1 - y0);
-    const Path onPage = p.transformed(textToPage());
+    p.addRect(left, top, width, height);
+    const Path onPage = p.transformed(*fromDevice);
     RenderState rs = renderState();
     // Erase (white) rules and solid fills are painted like text; patterns follow the ROP too.
     m_dev.fillPath(onPage, FillRule::NonZero, paintForPattern(m_patternTypeForRect, m_patternId), rs);

@@ -1,9 +1,6 @@
-#include "pcl5/pcl5.h"
+#include "pcl5_test_support.h"
 
-#include "common/diagnostics.h"
-#include "fonts/font_library.h"
 #include "render/raster_device.h"
-#include "render/recording_device.h"
 
 #include <gtest/gtest.h>
 
@@ -11,50 +8,6 @@
 #include <string>
 #include <tuple>
 #include <vector>
-
-using namespace qx;
-
-namespace {
-
-const std::string kStageFonts = std::string(QX_STAGE_DIR) + "/fonts";
-
-const FontLibrary& fonts() {
-    static FontLibrary lib({kStageFonts}, false);
-    return lib;
-}
-
-struct Result {
-    std::vector<std::string> calls;
-    std::vector<std::string> messages;
-    size_t used = 0;
-    bool warnings = false;
-    int pages = 0;
-
-    std::vector<std::string> starting(const std::string& prefix) const {
-        std::vector<std::string> out;
-        for (const auto& c : calls)
-            if (c.rfind(prefix, 0) == 0)
-                out.push_back(c);
-        return out;
-    }
-};
-
-Result runPcl(const std::string& job, PjlDefaults pjl = {}, bool withFonts = true) {
-    RecordingDevice dev;
-    Diagnostics diag("test", false);
-    JobContext ctx{dev, diag, withFonts ? &fonts() : nullptr, pjl};
-    Result r;
-    r.used = pcl5::run(reinterpret_cast<const uint8_t*>(job.data()), job.size(), ctx);
-    r.calls = dev.calls();
-    r.messages = diag.lines();
-    r.warnings = diag.hasWarnings();
-    r.pages = dev.pageCount();
-    return r;
-}
-
-const std::string ESC = "\x1b";
-
-} // namespace
 
 TEST(Pcl5Pages, EmptyJobPrintsNothing) {
     Result r = runPcl(ESC + "E" + ESC + "&l0O\r\n\f" + ESC + "E");
@@ -166,9 +119,10 @@ TEST(Pcl5Cursor, RowsColumnsAndPushPop) {
                       "*c3a3b0P");
     auto fills = r.starting("fill");
     ASSERT_EQ(fills.size(), 2u);
-    // y = top margin 36 pt + 3/4 of 12 pt + 2 lines of 12 pt = 69 pt.
-    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M97.2,69 L97.92,69 L97.92,69.72 L97.2,69.72 Z");
-    EXPECT_EQ(fills[1], "fill nz #000000 rop=252 srcT patT M90,69 L90.72,69 L90.72,69.72 L90,69.72 Z");
+    // y = top margin 36 pt + 3/4 of 12 pt + 2 lines of 12 pt = 69 pt, dot 287.5, which the
+    // rectangle starts on the dot below: 288 (69.12 pt).
+    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M97.2,69.12 L97.92,69.12 L97.92,69.84 L97.2,69.84 Z");
+    EXPECT_EQ(fills[1], "fill nz #000000 rop=252 srcT patT M90,69.12 L90.72,69.12 L90.72,69.84 L90,69.84 Z");
 }
 
 TEST(Pcl5Cursor, LineSpacingMarginsAndHalfLineFeed) {
@@ -177,9 +131,10 @@ TEST(Pcl5Cursor, LineSpacingMarginsAndHalfLineFeed) {
                       "*c3a3b0P");
     auto fills = r.starting("fill");
     ASSERT_EQ(fills.size(), 3u);
-    EXPECT_NE(fills[0].find("M18,24.75 "), std::string::npos) << fills[0];
-    EXPECT_NE(fills[1].find("M18,29.25 "), std::string::npos) << fills[1];
-    EXPECT_NE(fills[2].find("M18,47.25 "), std::string::npos) << fills[2]; // VMI 12/48 inch = 18 pt
+    // (24.75, 29.25 and 47.25 pt, each put on the nearest 300 dpi dot.)
+    EXPECT_NE(fills[0].find("M18,24.72 "), std::string::npos) << fills[0];
+    EXPECT_NE(fills[1].find("M18,29.28 "), std::string::npos) << fills[1];
+    EXPECT_NE(fills[2].find("M18,47.28 "), std::string::npos) << fills[2]; // VMI 12/48 inch = 18 pt
 }
 
 TEST(Pcl5Text, DefaultFontPlacesCourierOnTheFirstBaseline) {
@@ -335,8 +290,8 @@ TEST(Pcl5Raster, CompressionMethodsAndYOffset) {
     auto masks = r.starting("mask");
     ASSERT_EQ(masks.size(), 2u);
     // 45 pt is the first baseline: the raster starts there.
-    EXPECT_EQ(masks[0], "mask 16x2 ink=16 [0.24 0 0 0.24 18 45] #000000 rop=252 srcT patT");
-    EXPECT_EQ(masks[1], "mask 16x1 ink=4 [0.24 0 0 0.24 18 46.2] #000000 rop=252 srcT patT");
+    EXPECT_EQ(masks[0], "mask 16x2 ink=16 [0.24 0 0 0.24 18 45.12] #000000 rop=252 srcT patT");
+    EXPECT_EQ(masks[1], "mask 16x1 ink=4 [0.24 0 0 0.24 18 46.32] #000000 rop=252 srcT patT");
 }
 
 TEST(Pcl5Raster, WidthIsCappedToThePage) {
@@ -354,15 +309,15 @@ TEST(Pcl5Raster, SimpleColourRgbPlanesGoToAnImage) {
                       std::string("\x00", 1) + ESC + "*b1W\x0f" + ESC + "*rB");
     auto images = r.starting("image");
     ASSERT_EQ(images.size(), 1u);
-    EXPECT_EQ(images[0], "image 8x1 rgb [0.24 0 0 0.24 18 45] #000000 rop=252 srcT patT");
+    EXPECT_EQ(images[0], "image 8x1 rgb [0.24 0 0 0.24 18 45.12] #000000 rop=252 srcT patT");
 }
 
 TEST(Pcl5Raster, OpaqueSourcePaintsWhitePixelsToo) {
     Result r = runPcl(ESC + "*v1N" + ESC + "*t300R" + ESC + "*r8s1A" + ESC + "*b1W\xf0" + ESC + "*rB");
     auto masks = r.starting("mask");
     ASSERT_EQ(masks.size(), 2u);
-    EXPECT_NE(masks[0].find("ink=4 [0.24 0 0 0.24 18 45] #ffffff"), std::string::npos) << masks[0];
-    EXPECT_NE(masks[1].find("ink=4 [0.24 0 0 0.24 18 45] #000000"), std::string::npos) << masks[1];
+    EXPECT_NE(masks[0].find("ink=4 [0.24 0 0 0.24 18 45.12] #ffffff"), std::string::npos) << masks[0];
+    EXPECT_NE(masks[1].find("ink=4 [0.24 0 0 0.24 18 45.12] #000000"), std::string::npos) << masks[1];
 }
 
 TEST(Pcl5Robustness, UniversalExitLanguageEndsTheJob) {
@@ -556,7 +511,7 @@ TEST(Pcl5Colour, DirectByPixelRasterGoesToAnRgbImage) {
     Result r = runPcl(ESC + "*v6W" + cid + ESC + "*t300R" + ESC + "*r2s1A" + ESC + "*b6W" + row + ESC + "*rB");
     auto images = r.starting("image");
     ASSERT_EQ(images.size(), 1u);
-    EXPECT_EQ(images[0], "image 2x1 rgb [0.24 0 0 0.24 18 45] #000000 rop=252 srcT patT");
+    EXPECT_EQ(images[0], "image 2x1 rgb [0.24 0 0 0.24 18 45.12] #000000 rop=252 srcT patT");
 }
 
 TEST(Pcl5Colour, PaletteAndForegroundColourText) {
@@ -592,7 +547,7 @@ TEST(Pcl5Pages, ReversePortraitTurnsTheLogicalPageHalfARound) {
     auto fills = r.starting("fill");
     ASSERT_EQ(fills.size(), 1u);
     // From the top left of the logical page, which now lies at the sheet's bottom right.
-    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M594,756 L522,756 L522,684 L594,684 Z");
+    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M522,684 L594,684 L594,756 L522,756 Z");
 }
 
 TEST(Pcl5Raster, ScaledRasterFillsTheDestination) {
@@ -601,7 +556,7 @@ TEST(Pcl5Raster, ScaledRasterFillsTheDestination) {
                       ESC + "*rB");
     auto masks = r.starting("mask");
     ASSERT_EQ(masks.size(), 1u);
-    EXPECT_EQ(masks[0], "mask 8x2 ink=10 [9 0 0 9 18 45] #000000 rop=252 srcT patT");
+    EXPECT_EQ(masks[0], "mask 8x2 ink=10 [9 0 0 9 18 45.12] #000000 rop=252 srcT patT");
 }
 
 TEST(Pcl5Text, PrintDirectionTurnsTextAndRectangles) {
@@ -611,8 +566,9 @@ TEST(Pcl5Text, PrintDirectionTurnsTextAndRectangles) {
     Result r = runPcl(ESC + "&a90P" + ESC + "*p0x0Y" + ESC + "*c300a150b0P" + "H");
     auto fills = r.starting("fill");
     ASSERT_EQ(fills.size(), 1u);
-    // Frame (0, 36) is logical (36, 792); the rectangle reaches 72 pt up and 36 pt right.
-    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M54,792 L54,720 L90,720 L90,792 Z");
+    // The margins turn with the direction: the top margin is now the old left margin (0), so
+    // frame (0, 0) is logical (0, 792); the rectangle reaches 72 pt up and 36 pt right.
+    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M18,720 L54,720 L54,792 L18,792 Z");
     auto masks = r.starting("mask");
     ASSERT_EQ(masks.size(), 1u);
     int w, h;

@@ -1,0 +1,253 @@
+// The PCL 5 page and cursor model: logical page insets, repeated page setup, the floating
+// cursor, print direction of rectangles and patterns, duplex registration, raster placement,
+// and the built-in shading and cross-hatch patterns at every output resolution.
+#include "pcl5_test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+// A small solid rectangle at the top left corner of the logical page (below the top margin).
+const std::string kCornerMark = ESC + "*p0x0Y" + ESC + "*c3a3b0P";
+
+std::string rasterRows(int rows, const std::string& row) {
+    std::string out;
+    for (int i = 0; i < rows; ++i)
+        out += ESC + "*b" + std::to_string(row.size()) + "W" + row;
+    return out;
+}
+
+// Share of black pixels in the device rectangle [x0, x1) x [y0, y1) of a page.
+double inkShare(const RasterPage& p, int x0, int y0, int x1, int y1) {
+    long ink = 0, all = 0;
+    for (int y = y0; y < y1; ++y)
+        for (int x = x0; x < x1; ++x, ++all)
+            ink += inked(p, x, y) ? 1 : 0;
+    return all ? double(ink) / double(all) : 0;
+}
+
+} // namespace
+
+TEST(Pcl5PageModel, LogicalPageInsetsFollowHpsTables) {
+    // Inch sizes: 75 dots (18 pt) in portrait, 60 (14.4 pt) in landscape; metric sizes 71 dots
+    // (17.04 pt) and 59 (14.16 pt).
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"&l2a0O", "M18,36 "},    {"&l2a1O", "M14.4,36 "},  {"&l3a0O", "M18,36 "},
+        {"&l26a0O", "M17.04,36 "}, {"&l26a1O", "M14.16,36 "}, {"&l27a0O", "M17.04,36 "},
+        {"&l25a1O", "M14.16,36 "},
+    };
+    for (const auto& [setup, want] : cases) {
+        Result r = runPcl(ESC + "E" + ESC + setup + kCornerMark);
+        auto fills = r.starting("fill");
+        ASSERT_EQ(fills.size(), 1u) << setup;
+        EXPECT_NE(fills[0].find(want), std::string::npos) << setup << ": " << fills[0];
+    }
+    // The A4 logical page is centred on the sheet: a rule across it ends 71 dots (rounded to
+    // whole dots) before the sheet's right edge, 2480 dots wide.
+    auto pages = renderPcl(ESC + "&l26A" + ESC + "*p0x0Y" + ESC + "*c5000a3b0P", 300, 1);
+    ASSERT_EQ(pages.size(), 1u);
+    EXPECT_FALSE(inked(pages[0], 70, 151));
+    EXPECT_TRUE(inked(pages[0], 71, 151));
+    EXPECT_TRUE(inked(pages[0], 2408, 151));
+    EXPECT_FALSE(inked(pages[0], 2410, 151));
+}
+
+TEST(Pcl5PageModel, RepeatedOrientationOrPageSizeIsIgnored) {
+    // A marked page stays open through an orientation and a size that repeat the current ones.
+    Result r = runPcl("x" + ESC + "&l0O" + ESC + "&l2A" + "y");
+    EXPECT_EQ(r.pages, 1);
+    r = runPcl(ESC + "&l26A" + ESC + "&l1O" + "x" + ESC + "&l1O" + ESC + "&l26A" + "y");
+    EXPECT_EQ(r.pages, 1);
+    // ... and nothing of the page setup is defaulted: a top margin of 10 lines stays.
+    r = runPcl(ESC + "&l10E" + ESC + "&l0O" + ESC + "&l2A" + ESC + "&a0R" + ESC + "*c3a3b0P");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 1u);
+    EXPECT_NE(fills[0].find(",129.12 "), std::string::npos) << fills[0]; // 10 3/4 lines, on a dot
+    // A different orientation or size still ends the page.
+    r = runPcl("x" + ESC + "&l1O" + "y" + ESC + "&l3A" + "z");
+    EXPECT_EQ(r.pages, 3);
+}
+
+TEST(Pcl5PageModel, FloatingCursorFollowsANewTopMargin) {
+    // netpbm's and ImageMagick's LaserJet jobs: reset, top margin 0, raster at the cursor. The
+    // cursor had not moved, so it floats up to the first line under the new margin: 3/4 of a
+    // 1/6 inch line below the top of the page (37.5 dots, put on dot 38).
+    const std::string picture = ESC + "*t300R" + ESC + "*r1A" + rasterRows(2, "\xff") + ESC + "*rB";
+    Result r = runPcl(ESC + "E" + ESC + "&l0E" + picture);
+    auto masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 1u);
+    EXPECT_NE(masks[0].find("[0.24 0 0 0.24 18 9.12]"), std::string::npos) << masks[0];
+    // A cursor the job has moved stays where it was put.
+    r = runPcl(ESC + "E" + ESC + "*p0Y" + ESC + "&l0E" + picture);
+    masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 1u);
+    EXPECT_NE(masks[0].find("[0.24 0 0 0.24 18 36]"), std::string::npos) << masks[0];
+    // On a page already marked the cursor does not float either.
+    r = runPcl(ESC + "E" + ESC + "*c3a3b0P" + ESC + "&l0E" + picture);
+    masks = r.starting("mask");
+    ASSERT_EQ(masks.size(), 1u);
+    EXPECT_NE(masks[0].find(" 18 45.12]"), std::string::npos) << masks[0];
+}
+
+TEST(Pcl5PageModel, RasterAtAFractionalRowHasNoSeams) {
+    // hp2xx starts its plot half way between two dots. 600 rows of a vertical bar must come out
+    // as one unbroken bar of 600 rows, at 300 and at 600 dpi.
+    const std::string job = ESC + "E" + ESC + "&l0E" + ESC + "*t300R" + ESC + "*p300x187.5Y" + ESC + "*r1A" +
+                            rasterRows(600, "\x18") + ESC + "*rB";
+    for (double dpi : {300.0, 600.0}) {
+        auto pages = renderPcl(job, dpi);
+        ASSERT_EQ(pages.size(), 1u);
+        const int k = static_cast<int>(dpi / 300);
+        const int column = (75 + 300 + 4) * k; // the bar's first column (bit 3 of the row)
+        int first = -1, last = -1, count = 0;
+        for (int y = 0; y < pages[0].height; ++y)
+            if (inked(pages[0], column, y)) {
+                if (first < 0)
+                    first = y;
+                last = y;
+                ++count;
+            }
+        EXPECT_EQ(count, 600 * k) << dpi;
+        EXPECT_EQ(last - first + 1, count) << dpi;
+        EXPECT_EQ(first, dpi == 300 ? 188 : 375) << dpi; // row 187.5 put on a dot
+    }
+}
+
+TEST(Pcl5PageModel, RectanglesInEveryPrintDirection) {
+    // A one-inch rectangle half an inch square, one inch along and one inch down the print
+    // direction's frame. The text area turns with the direction (Letter portrait: logical page
+    // 576 x 792 pt, 18 pt in from the sheet's edge; top margin 36 pt, text area to 756 pt).
+    const std::string rect = ESC + "&a720v720H" + ESC + "*c360h360V" + ESC + "*c0P";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"0", "M90,108 L126,108 L126,144 L90,144 Z"},
+        // 90: the old left margin (0) is the new top margin; the frame runs up from the bottom.
+        {"90", "M90,684 L126,684 L126,720 L90,720 Z"},
+        // 180: the top margin is the old bottom of the text area (36 pt above the bottom).
+        {"180", "M486,648 L522,648 L522,684 L486,684 Z"},
+        // 270: the top margin is the old right margin (the logical page's right edge).
+        {"270", "M486,72 L522,72 L522,108 L486,108 Z"},
+    };
+    for (const auto& [direction, want] : cases) {
+        Result r = runPcl(ESC + "&a" + direction + "P" + rect);
+        auto fills = r.starting("fill");
+        ASSERT_EQ(fills.size(), 1u) << direction;
+        EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT " + want) << direction;
+    }
+    // Turning back to 0 brings the margins back where they were.
+    Result r = runPcl(ESC + "&a90P" + ESC + "&a0P" + rect);
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 1u);
+    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M90,108 L126,108 L126,144 L90,144 Z");
+}
+
+TEST(Pcl5PageModel, CrossHatchTurnsWithThePrintDirection) {
+    // Horizontal lines (pattern 1) drawn in direction 90 run up the page: every inked column is
+    // inked from top to bottom of the rectangle. ESC*p1R keeps the pattern as the page has it.
+    const auto lines = [](const std::string& before) {
+        auto pages = renderPcl(ESC + "&a90P" + before + ESC + "&a720v720H" + ESC + "*c600h600V" + ESC + "*c1g3P");
+        EXPECT_EQ(pages.size(), 1u);
+        return pages.empty() ? RasterPage{} : pages[0];
+    };
+    const auto fullColumns = [](const RasterPage& p, int x0, int y0, int size) {
+        int full = 0, partly = 0;
+        for (int x = x0; x < x0 + size; ++x) {
+            int n = 0;
+            for (int y = y0; y < y0 + size; ++y)
+                n += inked(p, x, y) ? 1 : 0;
+            if (n == size)
+                ++full;
+            else if (n > 0)
+                ++partly;
+        }
+        return std::pair{full, partly};
+    };
+    // Direction 90: frame (72, 72) pt is logical (72, 720); the rectangle covers logical x
+    // 72..132 pt and y 660..720 pt: device (75 + 300, 2750) to (75 + 550, 3000) at 300 dpi.
+    RasterPage turned = lines("");
+    const auto turnedColumns = fullColumns(turned, 380, 2755, 240);
+    EXPECT_GE(turnedColumns.first, 240 / 16 * 2 - 2);
+    EXPECT_EQ(turnedColumns.second, 0);
+    RasterPage fixed = lines(ESC + "*p1R");
+    const auto fixedColumns = fullColumns(fixed, 380, 2755, 240);
+    EXPECT_EQ(fixedColumns.first, 0);
+    EXPECT_GT(fixedColumns.second, 200);
+}
+
+TEST(Pcl5PageModel, ShadingKeepsItsInkAtEveryResolution) {
+    // A 50 % shade (the 36-55 % level) over a one-inch square, at every resolution the front end
+    // offers, in black and white and in grey: the share of ink stays that level's.
+    const std::string job = ESC + "*p300x300Y" + ESC + "*c300a300b50g2P";
+    for (double dpi : {75.0, 100.0, 150.0, 200.0, 300.0, 600.0}) {
+        for (int depth : {1, 8}) {
+            auto pages = renderPcl(job, dpi, depth);
+            ASSERT_EQ(pages.size(), 1u);
+            const int x0 = static_cast<int>((1.0 + 0.25) * dpi), y0 = static_cast<int>((1.0 + 0.5) * dpi);
+            const int n = static_cast<int>(dpi);
+            const double share = inkShare(pages[0], x0 + 2, y0 + 2, x0 + n - 2, y0 + n - 2);
+            EXPECT_GT(share, 0.36) << dpi << " dpi, " << depth << " bits";
+            EXPECT_LT(share, 0.55) << dpi << " dpi, " << depth << " bits";
+        }
+    }
+    // The eight levels grow darker in order at every resolution.
+    for (double dpi : {75.0, 150.0, 300.0}) {
+        double previous = -1;
+        for (int level : {2, 10, 20, 35, 55, 80, 99, 100}) {
+            auto pages = renderPcl(ESC + "*p300x300Y" + ESC + "*c300a300b" + std::to_string(level) + "g2P", dpi);
+            ASSERT_EQ(pages.size(), 1u);
+            const int x0 = static_cast<int>(1.25 * dpi), y0 = static_cast<int>(1.5 * dpi), n = static_cast<int>(dpi);
+            const double share = inkShare(pages[0], x0 + 2, y0 + 2, x0 + n - 2, y0 + n - 2);
+            EXPECT_GT(share, previous) << level << "% at " << dpi << " dpi";
+            previous = share;
+        }
+    }
+}
+
+TEST(Pcl5PageModel, CrossHatchSurvivesLowResolutions) {
+    const std::string job = ESC + "*p300x300Y" + ESC + "*c300a300b5g3P";
+    for (double dpi : {75.0, 100.0, 150.0, 200.0, 300.0, 600.0}) {
+        auto pages = renderPcl(job, dpi, 1);
+        ASSERT_EQ(pages.size(), 1u);
+        const int x0 = static_cast<int>(1.25 * dpi), y0 = static_cast<int>(1.5 * dpi), n = static_cast<int>(dpi);
+        const double share = inkShare(pages[0], x0, y0, x0 + n, y0 + n);
+        EXPECT_GT(share, 0.15) << dpi; // a square grid of lines: about a quarter of the area
+        EXPECT_LT(share, 0.5) << dpi;
+    }
+}
+
+TEST(Pcl5PageModel, DuplexBackSidesMirrorTheLeftRegistration) {
+    // Ghostscript's ljet4d: duplex, -180 decipoints on the front side, +180 on the back. Both
+    // sides land in the same place.
+    const std::string page = ESC + "*p0x0Y" + ESC + "*c3a3b0P" + "\f";
+    Result r = runPcl(ESC + "E" + ESC + "&l1S" + ESC + "&l-180u36Z" + page + ESC + "&l180u36Z" + page + ESC +
+                      "&l-180u36Z" + page);
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 3u);
+    for (const auto& f : fills)
+        EXPECT_NE(f.find("M0,36 "), std::string::npos) << f;
+    // Printed single-sided, the same registration moves the page.
+    r = runPcl(ESC + "E" + ESC + "&l180u" + page);
+    fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 1u);
+    EXPECT_NE(fills[0].find("M36,36 "), std::string::npos) << fills[0];
+    // ESC&a2G puts the next page on a back side, ESC&a1G on a front side.
+    r = runPcl(ESC + "E" + ESC + "&l1S" + ESC + "&l180u" + ESC + "&a2G" + page + ESC + "&a1G" + page);
+    fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 2u);
+    EXPECT_NE(fills[0].find("M0,36 "), std::string::npos) << fills[0];
+    EXPECT_NE(fills[1].find("M36,36 "), std::string::npos) << fills[1];
+}
+
+TEST(Pcl5PageModel, RectangleSizesRoundUpToWholeDots) {
+    // One decipoint is 0.42 of a 300 dpi dot: the rule still prints one dot wide.
+    Result r = runPcl(ESC + "*p300x300Y" + ESC + "*c1h300V" + ESC + "*c0P");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 1u);
+    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M90,108 L90.24,108 L90.24,138 L90,138 Z");
+    auto pages = renderPcl(ESC + "*p300x300Y" + ESC + "*c1h300V" + ESC + "*c0P", 300, 1);
+    ASSERT_EQ(pages.size(), 1u);
+    EXPECT_TRUE(inked(pages[0], 375, 500));
+    EXPECT_FALSE(inked(pages[0], 376, 500));
+}
