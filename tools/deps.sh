@@ -7,7 +7,7 @@ packages=(
     libtiff-dev libcairo2-dev libpixman-1-dev libfreetype-dev libfontconfig-dev zlib1g-dev libjpeg-dev
     libgtest-dev
     fonts-liberation fonts-urw-base35 fonts-dejavu-core
-    ghostscript netpbm groff python3 python3-pil
+    ghostscript netpbm groff python3 python3-pil imagemagick graphicsmagick
     xvfb xauth
 )
 missing=()

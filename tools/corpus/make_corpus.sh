@@ -12,13 +12,17 @@
 # OUTDIR/manifest.tsv has one line per input file (after a header line starting with '#'):
 #   input  producer  dpi  reference  pages  kind  measure  size
 # input and reference are relative to OUTDIR; reference is "-" when there is none.
-# kind is pcl5 or pclxl. measure is the minimum share of agreeing pixels (e.g. 0.999), with an
-# optional "/INCHES", the largest shift of the whole page allowed (PCL 5 default 0.3), or
-# "ink" for jobs with no pixel reference: then only the page count and that every page carries
-# some ink are checked. size is the expected page size in points (WxH) or "-" (take it from
+# kind is pcl5 or pclxl. measure is the minimum share of agreeing pixels (e.g. 0.999), or "ink"
+# for jobs with no pixel reference: then only the page count and that every page carries some
+# ink are checked. A PCL 5 reference has the producer's page origin at the sheet's corner; the
+# test moves it to where the job's commands put it (the logical page's left edge for the paper
+# and orientation the job selects, and its left offset registration). A producer that places
+# its page for one printer model beyond what its commands say is given that offset here, as
+# "SHARE@DX,DY" (pixels, engine to reference), with the reason beside it. size is the expected page size in points (WxH) or "-" (take it from
 # the reference).
 #
-# Deterministic: the same system gives the same files. Needs gs, groff, netpbm, python3 (PIL).
+# Deterministic: the same system gives the same files. Needs gs, groff, netpbm, python3 (PIL);
+# ImageMagick, GraphicsMagick and MuPDF's tools add their producers when installed.
 set -euo pipefail
 
 if [ $# -ne 1 ]; then
@@ -180,17 +184,25 @@ gs_pair pcl5 ljet4 600 penguin tiffg4 $R5
 gs_pair pcl5 ljet4 300 gnu tiffg4 $R5
 gs_pair pcl5 ljet4pjl 300 penguin tiffg4 $R5
 gs_pair pcl5 ljet4pjl 600 tables tiffg4 $R5
-gs_pair pcl5 laserjet 300 text tiffg4 $R5
+gs_pair pcl5 laserjet 300 text tiffg4 "$R5@15,75"
+# Duplex from the LaserJet 4 driver: its back sides carry the opposite left registration
+# (+180 decipoints against the fronts' -180), which the printer applies mirrored, so both sides
+# land like the fronts. Letter and A4.
+gs_pair pcl5 ljet4d 300 text tiffg4 $R5 -dDuplex=true
+gs_pair pcl5 ljet4d 300 tables tiffg4 $R5 -dDuplex=true
 # At 75 dpi the driver sets its unit of measure to 75 and places everything in those units.
 gs_pair pcl5 ljet4 75 chess tiffg4 $R5
 gs_pair pcl5 ljet4 300 rainbow tiffg4 $R5
-# The first LaserJet's driver lays its raster out for that printer's unprintable margins, so its
-# pages sit 60 by 75 dots away from a LaserJet 4's (the comparison finds them at that shift), and
-# it anchors its halftone screen to that origin too. The reference's screen is moved to match:
-# 60 dots right and 75 up is, on Ghostscript's 300-dpi screen, the same cell position as a phase
-# of (-1, 3). The driver sends no page size, so the printer takes Letter: both are made on Letter.
+# The first LaserJet's driver sends no registration: it lays its raster out for that printer's
+# unprintable margins, leaving out the top 75 rows and the left 15 columns of the page. On a
+# PCL 5 printer, whose logical page starts 75 dots in, its pages therefore sit 60 dots right of
+# and 75 dots above its source: "@15,75" adds the columns and rows it leaves out to the logical
+# page inset the test finds from the commands (75 dots, Letter). It anchors its halftone
+# screen to that origin too; the reference's screen is moved to match: 60 dots right and 75 up
+# is, on Ghostscript's 300-dpi screen, the same cell position as a phase of (-1, 3). The driver
+# sends no page size, so the printer takes Letter: both are made on Letter.
 REF_SETUP='<< /BeginPage { pop -1 3 -1 .setscreenphase } >> setpagedevice' \
-    gs_pair pcl5 laserjet 300 rainbow tiffg4 $R5 -sPAPERSIZE=letter -dFIXEDMEDIA
+    gs_pair pcl5 laserjet 300 rainbow tiffg4 "$R5@15,75" -sPAPERSIZE=letter -dFIXEDMEDIA
 gs_pair pcl5 ljet4 300 tiger tiffg4 $R5
 gs_pair pcl5 ljet4 300 colorcir tiffg4 $R5
 # The Color LaserJet 5 driver draws on A4 turned sideways (that printer feeds its long edge
@@ -264,11 +276,11 @@ pnm_pair picture_rgb_150_at_300 "$PIC" 150 300
 pnm_pair picture_gray_300_at_600 "$SRC/picture.pgm" 300 600
 
 # PCL 5 raster from netpbm's LaserJet converters: the same picture in black and white
-# (pbmtolj, compressed rows) and in colour (ppmtolj, PCL 5c direct-by-pixel RGB). They start the
-# raster at the cursor's position after a reset and a zero top margin, where the first text line
-# would be, which printers place differently; the reference puts the picture at the left edge
-# of the Letter logical page (1/4 inch in) at the top, and the comparison allows a shift of up
-# to 0.7 inch.
+# (pbmtolj, compressed rows) and in colour (ppmtolj, PCL 5c direct-by-pixel RGB). They reset,
+# set a zero top margin and start the raster at the cursor, which has not moved: it floats to
+# the first line under the new margin, 3/4 of a 1/6-inch line down (37.5 rows at 300 dpi, row
+# 38 on the dot grid), at the logical page's left edge. The reference is the picture at row 38
+# of column 0; the test adds the logical page inset (Letter, the default). Bit for bit.
 pamditherbw -threshold -value=0.5 "$SRC/picture.pgm" 2>/dev/null | pamtopnm > "$SRC/picture.pbm"
 # pcl5_pnm_pair NAME CONVERTER-COMMAND... (the PNM comes last, the reference scale is SCALE)
 pcl5_pnm_pair() {
@@ -279,15 +291,27 @@ pcl5_pnm_pair() {
     local w=$((dpi * 17 / 2)) h=$((dpi * 11))
     pnmtopnm < "$pnm" 2>/dev/null | ppmtopgm 2>/dev/null | pnmenlarge "$scale" > "$SRC/$name.big.pgm" 2>/dev/null ||
         { ppmtopgm < "$pnm" 2>/dev/null || pgmtopgm < "$pnm"; } > "$SRC/$name.big.pgm"
-    pgmmake 1 "$w" "$h" | pnmpaste "$SRC/$name.big.pgm" $((dpi / 4)) 0 |
+    pgmmake 1 "$w" "$h" | pnmpaste "$SRC/$name.big.pgm" 0 $((dpi * 38 / 300)) |
         pnmtotiff -flate -xresolution="$dpi" -yresolution="$dpi" > "$OUT/$ref" 2>/dev/null
     rm -f "$SRC/$name.big.pgm"
-    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t-\n' "$in" "$(basename "$1")" "$dpi" "$ref" 1 pcl5 "$R5/0.7" >> "$MANIFEST"
+    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t-\n' "$in" "$(basename "$1")" "$dpi" "$ref" 1 pcl5 "$R5" >> "$MANIFEST"
     log "$in"
 }
 pcl5_pnm_pair picture_pbmtolj_300 "$SRC/picture.pbm" 1 pbmtolj -resolution 300 -packbits -delta
 pcl5_pnm_pair picture_ppmtolj_300 "$PIC" 1 ppmtolj -resolution 300
 pcl5_pnm_pair picture_ppmtolj_150_at_300 "$PIC" 2 ppmtolj -resolution 150
+# ImageMagick's and GraphicsMagick's PCL writers: the same job layout (reset, zero top margin,
+# raster at the floating cursor), at the image's density.
+imagemagick() { convert "$1" -density 300 pcl:- 2>/dev/null; }
+graphicsmagick() { gm convert -density 300 "$1" pcl:- 2>/dev/null; }
+if command -v convert > /dev/null && convert -version 2>/dev/null | grep -q ImageMagick; then
+    pcl5_pnm_pair picture_imagemagick_bw_300 "$SRC/picture.pbm" 1 imagemagick
+    pcl5_pnm_pair picture_imagemagick_rgb_300 "$PIC" 1 imagemagick
+fi
+if command -v gm > /dev/null; then
+    pcl5_pnm_pair picture_graphicsmagick_bw_300 "$SRC/picture.pbm" 1 graphicsmagick
+    pcl5_pnm_pair picture_graphicsmagick_rgb_300 "$PIC" 1 graphicsmagick
+fi
 
 # ---------------------------------------------------------------------------------------------
 # A driver's page stored as a PCL macro and called twice: the macro holds binary raster data
