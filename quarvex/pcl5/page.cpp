@@ -276,20 +276,23 @@ void Interpreter::cursorCommand(const Command& cmd) {
     const double v = cmd.value;
     const int iv = cmd.intValue();
     const bool relative = cmd.sign != 0;
+    // A move past the logical page's edge stops at the edge.
+    const auto toX = [this](double x) { return std::clamp(x, 0.0, frameWidth()); };
+    const auto toY = [this](double y) { return std::clamp(y, 0.0, frameHeight()); };
     if (p == '&' && g == 'a') {
         switch (f) {
         case 'R': {
             const double dy = v * m_vmi;
-            m_y = clampPos(relative ? m_y + dy : m_topMargin + 0.75 * m_vmi + dy);
+            m_y = toY(relative ? m_y + dy : m_topMargin + 0.75 * m_vmi + dy);
             break;
         }
         case 'C': {
             const double dx = v * m_hmi;
-            m_x = clampPos(relative ? m_x + dx : m_leftMargin + dx);
+            m_x = toX(relative ? m_x + dx : m_leftMargin + dx);
             break;
         }
-        case 'H': m_x = clampPos(relative ? m_x + v * kDecipoint : v * kDecipoint); break;
-        case 'V': m_y = clampPos(relative ? m_y + v * kDecipoint : m_topMargin + v * kDecipoint); break;
+        case 'H': m_x = toX(relative ? m_x + v * kDecipoint : v * kDecipoint); break;
+        case 'V': m_y = toY(relative ? m_y + v * kDecipoint : m_topMargin + v * kDecipoint); break;
         case 'L':
             if (iv >= 0 && iv * m_hmi < m_rightMargin)
                 m_leftMargin = iv * m_hmi;
@@ -312,12 +315,19 @@ void Interpreter::cursorCommand(const Command& cmd) {
         return;
     }
     if (p == '&' && g == 'f' && f == 'S') {
+        // The stack keeps places on the logical page: a position pushed in one print direction
+        // pops to the same place in another.
         if (iv == 0) {
-            if (m_cursorStack.size() < kMaxCursorStack)
-                m_cursorStack.emplace_back(m_x, m_y);
+            if (m_cursorStack.size() < kMaxCursorStack) {
+                const Point at = frameToLogical().apply({m_x, m_y});
+                m_cursorStack.emplace_back(at.x, at.y);
+            }
         } else if (iv == 1 && !m_cursorStack.empty()) {
-            m_x = m_cursorStack.back().first;
-            m_y = m_cursorStack.back().second;
+            if (auto inv = frameToLogical().inverted()) {
+                const Point at = inv->apply({m_cursorStack.back().first, m_cursorStack.back().second});
+                m_x = at.x;
+                m_y = at.y;
+            }
             m_cursorStack.pop_back();
         }
         return;
@@ -337,9 +347,9 @@ void Interpreter::cursorCommand(const Command& cmd) {
         if (m_raster.active && m_direction == 0)
             m_y = m_raster.y;
         if (f == 'X')
-            m_x = clampPos(relative ? m_x + v * unit : v * unit);
+            m_x = toX(relative ? m_x + v * unit : v * unit);
         else if (f == 'Y')
-            m_y = clampPos(relative ? m_y + v * unit : m_topMargin + v * unit);
+            m_y = toY(relative ? m_y + v * unit : m_topMargin + v * unit);
         else if (f == 'R' && (iv == 0 || iv == 1)) {
             // The pattern reference point goes to the cursor; 0 turns the patterns with the
             // print direction, 1 keeps them as the logical page has them.

@@ -251,3 +251,27 @@ TEST(Pcl5PageModel, RectangleSizesRoundUpToWholeDots) {
     EXPECT_TRUE(inked(pages[0], 375, 500));
     EXPECT_FALSE(inked(pages[0], 376, 500));
 }
+
+TEST(Pcl5PageModel, PushedCursorPopsToTheSamePlaceInAnotherDirection) {
+    // Pushed at (1 inch, 2 inches) in direction 0, popped in direction 90: the same place on
+    // the page, where a small rectangle now reaches up (the frame's x) from it.
+    Result r = runPcl(ESC + "*p300x600Y" + ESC + "&f0S" + ESC + "&a90P" + ESC + "*p0x0Y" + ESC + "&f1S" + ESC +
+                      "*c3a3b0P");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 1u);
+    EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M90,179.28 L90.72,179.28 L90.72,180 L90,180 Z");
+}
+
+TEST(Pcl5PageModel, CursorMovesStopAtTheLogicalPageEdges) {
+    // Above the top of the logical page and left of its left edge: the cursor stops at them.
+    for (const std::string& move : {ESC + "*p-900Y" + ESC + "*p-50X", ESC + "&a-5000V" + ESC + "&a-100H",
+                                     ESC + "&a-20R" + ESC + "&a-3C"}) {
+        Result r = runPcl(move + ESC + "*c3a3b0P");
+        auto fills = r.starting("fill");
+        ASSERT_EQ(fills.size(), 1u) << move.substr(1);
+        EXPECT_EQ(fills[0], "fill nz #000000 rop=252 srcT patT M18,0 L18.72,0 L18.72,0.72 L18,0.72 Z") << move.substr(1);
+    }
+    // Below the bottom: the cursor stops on the bottom edge, so a rectangle there prints nothing.
+    Result r = runPcl(ESC + "*p5000Y" + ESC + "*c3a3b0P" + "x");
+    EXPECT_TRUE(r.starting("fill").empty());
+}
