@@ -314,6 +314,36 @@ if command -v gm > /dev/null; then
 fi
 
 # ---------------------------------------------------------------------------------------------
+# CUPS's LaserJet driver as a Linux user prints: the sample HP LaserJet PPD (built from CUPS's
+# sample.drv), cupsfilter rendering a PDF to CUPS raster for it, and its rastertohp filter. The
+# driver sends the PPD's imageable area (from 1/4 inch left and 1/2 inch top) and places it with
+# its cursor at the logical page's left edge, 1/2 inch down: the page lands where the PDF has
+# it, so "@75,0" takes back the logical page inset the test adds for a page whose origin is the
+# sheet's corner. The reference is Ghostscript's rendering of the same PDF, clipped to the same
+# imageable area (CUPS renders the PDF through Ghostscript too): bit for bit.
+# ---------------------------------------------------------------------------------------------
+cups_pair() { # NAME SOURCE
+    local name=$1 src=$2 dpi=300
+    has_source "$src" && command -v cupsfilter > /dev/null && command -v ppdc > /dev/null &&
+        [ -x /usr/lib/cups/filter/rastertohp ] && [ -r /usr/share/cups/drv/sample.drv ] || return 0
+    local ppddir=$SRC/ppd
+    mkdir -p "$ppddir"
+    [ -s "$ppddir/laserjet.ppd" ] || ppdc -d "$ppddir" /usr/share/cups/drv/sample.drv > /dev/null 2>&1 || return 0
+    "${GS[@]}" -sDEVICE=pdfwrite -sPAPERSIZE=letter -dFIXEDMEDIA -sOutputFile="$SRC/$name.pdf" "$SRC/$src.ps"
+    cupsfilter -p "$ppddir/laserjet.ppd" -m application/vnd.cups-raster -o Resolution=${dpi}dpi \
+        "$SRC/$name.pdf" > "$SRC/$name.ras" 2> /dev/null || return 0
+    PPD=$ppddir/laserjet.ppd /usr/lib/cups/filter/rastertohp 1 user "$name" 1 "" < "$SRC/$name.ras" \
+        > "$OUT/pcl5/$name.pcl" 2> /dev/null || { rm -f "$OUT/pcl5/$name.pcl"; return 0; }
+    local ref="ref/$name.tif"
+    "${GS[@]}" -sDEVICE=tiffg4 -r$dpi -sPAPERSIZE=letter -dFIXEDMEDIA -sOutputFile="$OUT/$ref" \
+        -c "<< /.HWMargins [18 36 18 36] >> setpagedevice" -f "$SRC/$name.pdf" 2>/dev/null
+    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t-\n' "pcl5/$name.pcl" rastertohp "$dpi" "$ref" "$(tiff_pages "$OUT/$ref")" pcl5 \
+        "$R5@75,0" >> "$MANIFEST"
+    log "pcl5/$name.pcl"
+}
+cups_pair text_rastertohp_300 text
+
+# ---------------------------------------------------------------------------------------------
 # A driver's page stored as a PCL macro and called twice: the macro holds binary raster data
 # (which must not be read as commands while it is stored), nothing prints while it is defined,
 # and each call must print the page exactly as the driver's own file does.
