@@ -223,7 +223,8 @@ void Interpreter::pageCommand(const Command& cmd) {
     case 'A': setPaper(iv); break;
     case 'O': setOrientation(iv); break;
     case 'E': // top margin in lines; the default picture frame hangs from it
-        if (iv >= 0 && m_vmi * iv < m_logicalHeight) {
+        // Ignored at a VMI of 0 or past the logical page's length.
+        if (iv >= 0 && m_vmi > 0 && m_vmi * iv < m_logicalHeight) {
             // The floating cursor: on a page nothing has marked yet, a cursor still at its first
             // position moves down (or up) with the top margin.
             const bool floating = !m_pageOpen && m_x == m_leftMargin && m_y == firstBaseline();

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -274,4 +275,25 @@ TEST(Pcl5PageModel, CursorMovesStopAtTheLogicalPageEdges) {
     // Below the bottom: the cursor stops on the bottom edge, so a rectangle there prints nothing.
     Result r = runPcl(ESC + "*p5000Y" + ESC + "*c3a3b0P" + "x");
     EXPECT_TRUE(r.starting("fill").empty());
+}
+
+TEST(Pcl5PageModel, TopMarginIsIgnoredAtZeroLineSpacing) {
+    Result r = runPcl(ESC + "&l0C" + ESC + "&l5E" + ESC + "&l6D" + ESC + "&a0R" + ESC + "*c3a3b0P");
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 1u);
+    EXPECT_NE(fills[0].find("M18,45.12 "), std::string::npos) << fills[0]; // still half an inch
+}
+
+TEST(Pcl5PageModel, PatternTransparencyOverInk) {
+    // A black square, then a 50 % shade over it: transparent, the shade's white pixels leave the
+    // black alone; opaque (ESC*v1O), they paint white.
+    const std::string black = ESC + "*p300x300Y" + ESC + "*c300a300b0P";
+    const std::string shade = ESC + "*p300x300Y" + ESC + "*c300a300b50g2P";
+    for (const auto& [mode, low, high] : {std::tuple{std::string("0"), 0.99, 1.01}, std::tuple{std::string("1"), 0.36, 0.55}}) {
+        auto pages = renderPcl(black + ESC + "*v" + mode + "O" + shade, 300, 1);
+        ASSERT_EQ(pages.size(), 1u);
+        const double share = inkShare(pages[0], 377, 452, 673, 748);
+        EXPECT_GT(share, low) << "pattern transparency mode " << mode;
+        EXPECT_LT(share, high) << "pattern transparency mode " << mode;
+    }
 }
