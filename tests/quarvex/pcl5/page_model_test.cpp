@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -114,6 +115,27 @@ TEST(Pcl5PageModel, RasterAtAFractionalRowHasNoSeams) {
         EXPECT_EQ(count, 600 * k) << dpi;
         EXPECT_EQ(last - first + 1, count) << dpi;
         EXPECT_EQ(first, dpi == 300 ? 188 : 375) << dpi; // row 187.5 put on a dot
+    }
+    // Output coarser than the raster: a bar 16 dots wide is still one unbroken bar.
+    const std::string wide = ESC + "E" + ESC + "&l0E" + ESC + "*t300R" + ESC + "*p300x187.5Y" + ESC + "*r1A" +
+                             rasterRows(600, "\xff\xff") + ESC + "*rB";
+    for (double dpi : {75.0, 100.0, 150.0, 200.0}) {
+        auto pages = renderPcl(wide, dpi, 1);
+        ASSERT_EQ(pages.size(), 1u);
+        int best = 0;
+        for (int x = 0; x < pages[0].width; ++x) {
+            int first = -1, last = -1, count = 0;
+            for (int y = 0; y < pages[0].height; ++y)
+                if (inked(pages[0], x, y)) {
+                    if (first < 0)
+                        first = y;
+                    last = y;
+                    ++count;
+                }
+            if (count > 0 && last - first + 1 == count)
+                best = std::max(best, count);
+        }
+        EXPECT_NEAR(best, 600 * dpi / 300, 1) << dpi;
     }
 }
 
