@@ -31,6 +31,24 @@ double inkShare(const RasterPage& p, int x0, int y0, int x1, int y1) {
     return all ? double(ink) / double(all) : 0;
 }
 
+// The inked pixels of one column of a page: the first and last row and how many.
+struct ColumnInk {
+    int first = -1, last = -1, count = 0;
+    bool unbroken() const { return count > 0 && last - first + 1 == count; }
+};
+
+ColumnInk columnInk(const RasterPage& p, int x) {
+    ColumnInk c;
+    for (int y = 0; y < p.height; ++y)
+        if (inked(p, x, y)) {
+            if (c.first < 0)
+                c.first = y;
+            c.last = y;
+            ++c.count;
+        }
+    return c;
+}
+
 } // namespace
 
 TEST(Pcl5PageModel, LogicalPageInsetsFollowHpsTables) {
@@ -104,17 +122,10 @@ TEST(Pcl5PageModel, RasterAtAFractionalRowHasNoSeams) {
         ASSERT_EQ(pages.size(), 1u);
         const int k = static_cast<int>(dpi / 300);
         const int column = (75 + 300 + 4) * k; // the bar's first column (bit 3 of the row)
-        int first = -1, last = -1, count = 0;
-        for (int y = 0; y < pages[0].height; ++y)
-            if (inked(pages[0], column, y)) {
-                if (first < 0)
-                    first = y;
-                last = y;
-                ++count;
-            }
-        EXPECT_EQ(count, 600 * k) << dpi;
-        EXPECT_EQ(last - first + 1, count) << dpi;
-        EXPECT_EQ(first, dpi == 300 ? 188 : 375) << dpi; // row 187.5 put on a dot
+        const ColumnInk c = columnInk(pages[0], column);
+        EXPECT_EQ(c.count, 600 * k) << dpi;
+        EXPECT_TRUE(c.unbroken()) << dpi;
+        EXPECT_EQ(c.first, dpi == 300 ? 188 : 375) << dpi; // row 187.5 put on a dot
     }
     // Output coarser than the raster: a bar 16 dots wide is still one unbroken bar.
     const std::string wide = ESC + "E" + ESC + "&l0E" + ESC + "*t300R" + ESC + "*p300x187.5Y" + ESC + "*r1A" +
@@ -123,18 +134,9 @@ TEST(Pcl5PageModel, RasterAtAFractionalRowHasNoSeams) {
         auto pages = renderPcl(wide, dpi, 1);
         ASSERT_EQ(pages.size(), 1u);
         int best = 0;
-        for (int x = 0; x < pages[0].width; ++x) {
-            int first = -1, last = -1, count = 0;
-            for (int y = 0; y < pages[0].height; ++y)
-                if (inked(pages[0], x, y)) {
-                    if (first < 0)
-                        first = y;
-                    last = y;
-                    ++count;
-                }
-            if (count > 0 && last - first + 1 == count)
-                best = std::max(best, count);
-        }
+        for (int x = 0; x < pages[0].width; ++x)
+            if (const ColumnInk c = columnInk(pages[0], x); c.unbroken())
+                best = std::max(best, c.count);
         EXPECT_NEAR(best, 600 * dpi / 300, 1) << dpi;
     }
 }
