@@ -420,5 +420,15 @@ text_job text_lineprinter 80 2 612x1008 "${ESC}&l3a0o8d96F" "${ESC}(8U${ESC}(s0p
 printf '%s\t%s\t%s\t-\t%s\t%s\t%s\t%s\n' pcl5/text_two_jobs.pcl hand-wrapped 300 2 pcl5 ink 612x792 >> "$MANIFEST"
 log "pcl5/text_two_jobs.pcl"
 
+# ---------------------------------------------------------------------------------------------
+# Further producers live in their own scripts beside this one, each called on one line below
+# with the corpus folder, the sources folder and the manifest being written; a script puts its
+# inputs under OUT/pcl5 or OUT/pclxl, its references under OUT/ref, and appends one manifest
+# line per input in the format described at the top:
+#   bash "$HERE/NAME.sh" "$OUT" "$SRC" "$MANIFEST"
+# ---------------------------------------------------------------------------------------------
+HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+export SOURCE_DATE_EPOCH LC_ALL
+
 mv "$MANIFEST" "$OUT/manifest.tsv"
 log "$(($(wc -l < "$OUT/manifest.tsv") - 1)) files in $OUT/manifest.tsv"
