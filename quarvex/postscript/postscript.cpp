@@ -52,22 +52,49 @@ void trim(const uint8_t*& begin, const uint8_t*& end) {
         --end;
 }
 
-// An EPS file's %%BoundingBox (from its header comments), which becomes its page.
-std::optional<std::array<double, 4>> epsBoundingBox(const uint8_t* data, size_t size) {
+// What the job's header comments say about its page. An EPS file's %%BoundingBox is its page
+// (the picture is moved to the page's corner); other documents name their paper in
+// %%DocumentMedia, or give a %%BoundingBox from the page's corner that is the whole sheet.
+struct HeaderPage {
+    std::optional<std::array<double, 4>> epsBox;
+    std::optional<std::array<double, 2>> size;
+};
+
+HeaderPage headerPage(const uint8_t* data, size_t size) {
+    HeaderPage out;
     const size_t head = std::min<size_t>(size, 16384);
-    const std::string text(reinterpret_cast<const char*>(data), head);
-    const size_t firstLine = text.find_first_of("\r\n");
-    if (text.substr(0, firstLine).find("EPSF") == std::string::npos)
-        return std::nullopt;
-    size_t pos = 0;
-    while ((pos = text.find("%%BoundingBox:", pos)) != std::string::npos) {
+    std::string text(reinterpret_cast<const char*>(data), head);
+    const size_t endComments = text.find("%%EndComments");
+    if (endComments != std::string::npos)
+        text.resize(endComments);
+    const bool eps = text.substr(0, text.find_first_of("\r\n")).find("EPSF") != std::string::npos;
+
+    std::optional<std::array<double, 4>> box;
+    for (size_t pos = 0; (pos = text.find("%%BoundingBox:", pos)) != std::string::npos; pos += 14) {
         std::array<double, 4> b{};
         if (std::sscanf(text.c_str() + pos + 14, "%lf %lf %lf %lf", &b[0], &b[1], &b[2], &b[3]) == 4 &&
-            b[2] > b[0] && b[3] > b[1])
-            return b;
-        pos += 14; // "(atend)" or a damaged line: look on
+            b[2] > b[0] && b[3] > b[1]) {
+            box = b; // "(atend)" or a damaged line: look on
+            break;
+        }
     }
-    return std::nullopt;
+    if (eps) {
+        out.epsBox = box;
+        return out;
+    }
+    const size_t media = text.find("%%DocumentMedia:");
+    if (media != std::string::npos) {
+        char name[64];
+        double w = 0, h = 0;
+        if (std::sscanf(text.c_str() + media + 16, "%63s %lf %lf", name, &w, &h) == 3 && w > 0 && h > 0 &&
+            w < 14400 && h < 14400) {
+            out.size = std::array<double, 2>{w, h};
+            return out;
+        }
+    }
+    if (box && (*box)[0] == 0 && (*box)[1] == 0 && (*box)[2] < 14400 && (*box)[3] < 14400)
+        out.size = std::array<double, 2>{(*box)[2], (*box)[3]};
+    return out;
 }
 
 // The page a job prints on when it sets none: PJL PAPER, else Letter.
@@ -162,8 +189,14 @@ size_t runJob(const uint8_t* data, size_t size, JobContext& ctx, JobSetup::Langu
     job.language = language;
     job.path = file.path();
     defaultPage(ctx, job);
-    if (language == JobSetup::Language::PostScript)
-        job.epsBox = epsBoundingBox(begin, size_t(stop - begin));
+    if (language == JobSetup::Language::PostScript) {
+        const HeaderPage page = headerPage(begin, size_t(stop - begin));
+        job.epsBox = page.epsBox;
+        if (page.size) {
+            job.pageWidthPt = (*page.size)[0];
+            job.pageHeightPt = (*page.size)[1];
+        }
+    }
 
     const JobOutcome outcome = gs->run(job, ctx.device);
     if (!outcome.error.empty()) {

@@ -81,7 +81,7 @@ QX begin
 /fail {
   QX /quitting get not {
     QX /out get (%%[QXERR ) writestring
-    $error /errorname get QX /put1 get exec
+    QX /out get (/) writestring $error /errorname get QX /put1 get exec
     $error /command get QX /put1 get exec
     QX /out get (]%%\n) writestring QX /out get flushfile
   } if
