@@ -104,9 +104,7 @@ std::unique_ptr<Ghostscript>& theInstance() {
 }
 } // namespace
 
-Ghostscript::Ghostscript(const RasterOptions& options) : m_options(options) {
-    m_gray = options.fax == 0 || options.fax == 1 || options.depth == 1 || options.depth == 8;
-}
+Ghostscript::Ghostscript(const RasterOptions& options) : m_options(options) {}
 
 Ghostscript::~Ghostscript() {
     if (m_instance) {
@@ -142,13 +140,20 @@ bool Ghostscript::start(std::string& error) {
     gsapi_register_callout(m_instance, &Callbacks::callout, this);
     gsapi_set_arg_encoding(m_instance, GS_ARG_ENCODING_UTF8);
 
-    const unsigned format = unsigned(m_gray ? DISPLAY_COLORS_GRAY : DISPLAY_COLORS_RGB) |
-                            unsigned(DISPLAY_ALPHA_NONE) | unsigned(DISPLAY_DEPTH_8) |
+    const unsigned format = unsigned(DISPLAY_COLORS_RGB) | unsigned(DISPLAY_ALPHA_NONE) | unsigned(DISPLAY_DEPTH_8) |
                             unsigned(DISPLAY_BIGENDIAN) | unsigned(DISPLAY_TOPFIRST) |
                             unsigned(DISPLAY_ROW_ALIGN_DEFAULT);
     const std::string formatArg = "-dDisplayFormat=" + std::to_string(format);
+    // Ghostscript sets up its graphics state for the resolution it starts at (stroke adjustment
+    // below 150 dpi), so it starts at the resolution most pages will have. -r would fix the
+    // resolution for good, which the pixel-size and fax rules cannot have.
+    const bool fax = m_options.fax == 0 || m_options.fax == 1;
+    const double startX = fax ? 204 : usable(m_options.dpiX) ? m_options.dpiX : 300;
+    const double startY = fax ? (m_options.fax == 0 ? 98 : 196) : usable(m_options.dpiY) ? m_options.dpiY : 300;
     std::vector<std::string> args = {"quarvex", "-q", "-dSAFER", "-dNOPAUSE", "-dBATCH", "-dNOPROMPT",
                                      "-sDEVICE=display", formatArg,
+                                     "-dDEVICEXRESOLUTION=" + number(startX),
+                                     "-dDEVICEYRESOLUTION=" + number(startY),
                                      "-dTextAlphaBits=1", "-dGraphicsAlphaBits=1"};
     std::vector<char*> argv;
     for (std::string& a : args)
@@ -247,11 +252,10 @@ void Ghostscript::deliverPage() {
         sx = 1 / ptd.a;
         sy = 1 / ptd.d;
     }
-    const size_t bpp = m_gray ? 1 : 3;
     Image strip;
     strip.width = m_width;
-    strip.format = m_gray ? Image::Format::Gray8 : Image::Format::Rgb24;
-    strip.stride = size_t(m_width) * bpp;
+    strip.format = Image::Format::Rgb24;
+    strip.stride = size_t(m_width) * 3;
     RenderState rs;
     rs.rop3 = 0xCC; // the source as it is
     for (int y0 = 0; y0 < m_height; y0 += kStripRows) {

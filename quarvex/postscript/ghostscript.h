@@ -4,13 +4,14 @@
 // job, with -dSAFER and without anti-aliasing, and ends with the process.
 //
 // Pages come back through Ghostscript's display device, which hands over each finished page as
-// a pixel buffer in memory (8-bit grey, or RGB for colour output). The display device was
+// an RGB pixel buffer in memory (the same pixels as Ghostscript's tiff24nc device). The display device was
 // chosen over a file-writing raster device because it needs no temporary files or output
 // parsing, and it tells exactly when a page is complete. Each page is rendered at the pixel
 // grid that the engine's page geometry asks for (the resolution, -gw/-gh, fax) and drawn one
-// pixel to one pixel into the engine's own device, which makes the output depth (greys
-// halftoned by the engine's ordered dither at one bit) and hands the page to the TIFF writer,
-// so every output option works as for PCL.
+// pixel to one pixel into the engine's own device, which makes the output depth as for PCL
+// pages (grey is the BT.601 luminance of the colours; at one bit greys are halftoned by the
+// engine's ordered dither, black stays black and white stays white) and hands the page to the
+// TIFF writer, so every output option works as for PCL.
 
 #include "render/device.h"
 #include "render/raster_device.h"
@@ -66,7 +67,6 @@ private:
     void* m_instance = nullptr;
     bool m_initialised = false;
     bool m_dead = false;
-    bool m_gray = true;
 
     // The display device's current buffer.
     const uint8_t* m_image = nullptr;

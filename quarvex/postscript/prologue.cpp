@@ -6,7 +6,8 @@ namespace qx::postscript {
 //  - the resolution rule: the page is rendered at exactly the pixel grid the engine's own
 //    page geometry asks for, so that the engine copies pixels one to one. Fax and pixel sizes
 //    (-gw/-gh) make the resolution depend on the page size, so every setpagedevice of a job is
-//    followed by one that sets HWResolution for the new page size;
+//    followed by one that sets HWResolution for the new page size. Stroke adjustment follows
+//    the new resolution as Ghostscript sets it up at start (on below 150 dpi, off above);
 //  - the page report: EndPage writes the page size, the resolution and the resolution the
 //    job declared on standard output, just before the page reaches the display device;
 //  - the job runner: each job runs under save/restore inside stopped, so a failing job
@@ -57,6 +58,7 @@ QX begin
   currentpagedevice /HWResolution get aload pop
   yr sub abs yr 1e-5 mul gt exch xr sub abs xr 1e-5 mul gt or {
     << /HWResolution [ xr yr ] >> spd
+    xr yr 2 copy gt { exch } if pop 150 lt setstrokeadjust
   } if
   end
   QX /report get exec
