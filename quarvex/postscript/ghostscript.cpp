@@ -252,27 +252,50 @@ void Ghostscript::deliverPage() {
         sx = 1 / ptd.a;
         sy = 1 / ptd.d;
     }
-    Image strip;
-    strip.width = m_width;
-    strip.format = Image::Format::Rgb24;
-    strip.stride = size_t(m_width) * 3;
     RenderState rs;
     rs.rop3 = 0xCC; // the source as it is
-    for (int y0 = 0; y0 < m_height; y0 += kStripRows) {
-        const int rows = std::min(kStripRows, m_height - y0);
-        strip.height = rows;
-        strip.data.resize(strip.stride * size_t(rows));
-        bool blank = true;
-        for (int r = 0; r < rows; ++r) {
-            const uint8_t* src = m_image + size_t(y0 + r) * size_t(m_raster);
-            uint8_t* dst = strip.data.data() + size_t(r) * strip.stride;
-            std::memcpy(dst, src, strip.stride);
-            if (blank)
-                blank = std::all_of(dst, dst + strip.stride, [](uint8_t v) { return v == 255; });
+    // The page starts white, so only the inked part of the raster is handed over: runs of rows
+    // with ink, up to kStripRows at a time, each cut to the columns that have ink.
+    const size_t rowBytes = size_t(m_width) * 3;
+    auto row = [&](int y) { return m_image + size_t(y) * size_t(m_raster); };
+    auto inkSpan = [&](int y, size_t& first, size_t& last) { // byte offsets; false when blank
+        const uint8_t* p = row(y);
+        size_t a = 0;
+        while (a < rowBytes && p[a] == 255)
+            ++a;
+        if (a == rowBytes)
+            return false;
+        size_t b = rowBytes;
+        while (p[b - 1] == 255)
+            --b;
+        first = a;
+        last = b;
+        return true;
+    };
+    Image strip;
+    strip.format = Image::Format::Rgb24;
+    int y = 0;
+    while (y < m_height) {
+        size_t first = 0, last = 0;
+        if (!inkSpan(y, first, last)) {
+            ++y;
+            continue;
         }
-        if (blank)
-            continue; // the page starts white
-        const Matrix toPage{sx, 0, 0, sy, 0, y0 * sy};
+        const int y0 = y;
+        size_t lo = first, hi = last;
+        for (++y; y < m_height && y - y0 < kStripRows && inkSpan(y, first, last); ++y) {
+            lo = std::min(lo, first);
+            hi = std::max(hi, last);
+        }
+        const int x0 = int(lo / 3);
+        const int x1 = int((hi + 2) / 3);
+        strip.width = x1 - x0;
+        strip.height = y - y0;
+        strip.stride = size_t(strip.width) * 3;
+        strip.data.resize(strip.stride * size_t(strip.height));
+        for (int r = 0; r < strip.height; ++r)
+            std::memcpy(strip.data.data() + size_t(r) * strip.stride, row(y0 + r) + size_t(x0) * 3, strip.stride);
+        const Matrix toPage{sx, 0, 0, sy, x0 * sx, y0 * sy};
         m_device->drawImage(strip, toPage, Paint::solid(Rgb::black()), rs);
     }
     m_device->endPage();
