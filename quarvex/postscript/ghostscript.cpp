@@ -185,6 +185,7 @@ void Ghostscript::output(const char* text, int length) {
 }
 
 void Ghostscript::line(const std::string& text) {
+    // QX_GS_TRACE=1 shows every line Ghostscript writes (page reports included), for diagnosis.
     if (std::getenv("QX_GS_TRACE"))
         std::fprintf(stderr, "gs: %s\n", text.c_str());
     const size_t report = text.find("%%[QX ");

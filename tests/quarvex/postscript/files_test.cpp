@@ -408,3 +408,13 @@ TEST(PostScriptFiles, AnErrorBeforeAnyPageWritesNothingAndExitsOne) {
     EXPECT_EQ(p.status, 1) << p.err;
     EXPECT_FALSE(fs::exists(workDir() / "broken.tif"));
 }
+
+TEST(PostScriptFiles, JobsCannotReadOtherFiles) {
+    // Ghostscript runs with -dSAFER: a job may read only itself.
+    const fs::path ps = workDir() / "snoop.ps";
+    writeFile(ps, "%!PS\n/Helvetica findfont 12 scalefont setfont 72 72 moveto\n"
+                  "(/etc/hostname) (r) file 100 string readstring pop show showpage\n");
+    const RunResult r = quarvex({"-r", "72x72"}, ps, workDir() / "snoop.tif");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("/invalidfileaccess"), std::string::npos) << r.err;
+}
