@@ -5,6 +5,7 @@ packages=(
     cmake g++ make pkg-config git
     qt6-base-dev qt6-base-dev-tools libqt6svg6
     libtiff-dev libcairo2-dev libpixman-1-dev libfreetype-dev libfontconfig-dev zlib1g-dev libjpeg-dev
+    libgs-dev
     libgtest-dev
     fonts-liberation fonts-urw-base35 fonts-dejavu-core
     ghostscript netpbm groff python3 python3-pil imagemagick graphicsmagick

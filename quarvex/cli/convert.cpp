@@ -105,7 +105,7 @@ private:
 };
 
 std::string refusal(const std::string& what) {
-    return "the input looks like " + what + ", which is not converted (only PCL 5, PCL XL and PJL print files are)";
+    return "the input looks like " + what + ", which is not converted (only PCL 5, PCL XL, PostScript, PDF and PJL print files are)";
 }
 
 } // namespace
@@ -215,6 +215,7 @@ int convert(const Options& options) {
         {
             RasterDevice device(raster, writer);
             input::JobLoop loop(device, *d, fonts);
+            loop.setRasterOptions(&raster);
             result = loop.run(in.data(), in.size());
             sinkFailed = device.sinkFailed();
         }
@@ -243,7 +244,7 @@ int convert(const Options& options) {
         }
         if (result.skippedJobs > 0) {
             finalWarning("skipped " + std::to_string(result.skippedJobs) +
-                       " job(s) that are not PCL 5 or PCL XL (the first looks like " + result.firstSkippedWhat + ")");
+                       " job(s) in a language that is not converted (the first looks like " + result.firstSkippedWhat + ")");
         }
         if (finished && !out.commit()) {
             finalError("cannot write " + output + ": " + out.error());

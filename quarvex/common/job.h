@@ -18,6 +18,7 @@ namespace qx {
 class Device;
 class Diagnostics;
 class FontLibrary;
+struct RasterOptions;
 
 // Job defaults that PJL may set before the language starts (@PJL SET / DEFAULT).
 struct PjlDefaults {
@@ -37,6 +38,7 @@ struct JobContext {
     Diagnostics& diag;
     const FontLibrary* fonts = nullptr; // null: text is skipped with a warning
     PjlDefaults pjl;
+    const RasterOptions* raster = nullptr; // the output's pixel rules; null = the defaults
 };
 
 } // namespace qx

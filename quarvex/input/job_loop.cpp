@@ -9,6 +9,9 @@
 #if QX_HAVE_PCLXL
 #include "pclxl/pclxl.h"
 #endif
+#if QX_HAVE_POSTSCRIPT
+#include "postscript/postscript.h"
+#endif
 
 namespace qx::input {
 
@@ -72,6 +75,10 @@ Interpreters Interpreters::builtIn() {
 #if QX_HAVE_PCLXL
     in.pclxl = &qx::pclxl::run;
 #endif
+#if QX_HAVE_POSTSCRIPT
+    in.postscript = &qx::postscript::runPostScript;
+    in.pdf = &qx::postscript::runPdf;
+#endif
     return in;
 }
 
@@ -125,6 +132,9 @@ JobLoopResult JobLoop::run(const uint8_t* data, size_t size) {
         } else if (kind == Kind::PclXl) {
             interpreter = m_interpreters.pclxl;
             start = p; // the stream header is the first thing the PCL XL reader sees
+        } else if (kind == Kind::PostScript || kind == Kind::Pdf) {
+            interpreter = kind == Kind::PostScript ? m_interpreters.postscript : m_interpreters.pdf;
+            start = p;
         } else {
             // Reported by the caller, which knows whether anything else was converted.
             pos = skipJob(kind, what, p);
@@ -138,6 +148,7 @@ JobLoopResult JobLoop::run(const uint8_t* data, size_t size) {
         }
 
         JobContext ctx{device, m_diag, m_fonts, m_pjl.current()};
+        ctx.raster = m_raster;
         ++result.jobs;
         size_t used = interpreter(data + start, size - start, ctx);
         if (used > size - start)

@@ -21,6 +21,8 @@ using Interpreter = size_t (*)(const uint8_t* data, size_t size, JobContext& ctx
 struct Interpreters {
     Interpreter pcl5 = nullptr;  // null: jobs in that language are skipped with a warning
     Interpreter pclxl = nullptr;
+    Interpreter postscript = nullptr;
+    Interpreter pdf = nullptr;
 
     // The interpreters built into this program.
     static Interpreters builtIn();
@@ -43,6 +45,8 @@ public:
     JobLoopResult run(const uint8_t* data, size_t size);
 
     const PjlState& pjl() const { return m_pjl; }
+    // The output's pixel rules, for interpreters that render at the output's pixel grid.
+    void setRasterOptions(const RasterOptions* options) { m_raster = options; }
 
 private:
     Device& m_device;
@@ -50,6 +54,7 @@ private:
     const FontLibrary* m_fonts;
     Interpreters m_interpreters;
     PjlState m_pjl;
+    const RasterOptions* m_raster = nullptr;
 };
 
 } // namespace qx::input

@@ -146,7 +146,8 @@ std::string describe(Kind kind) {
 }
 
 bool isConvertible(Kind kind) {
-    return kind == Kind::Uel || kind == Kind::Pjl || kind == Kind::Pcl5 || kind == Kind::PclXl;
+    return kind == Kind::Uel || kind == Kind::Pjl || kind == Kind::Pcl5 || kind == Kind::PclXl ||
+           kind == Kind::PostScript || kind == Kind::Pdf;
 }
 
 } // namespace qx::input

@@ -9,6 +9,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QLineEdit>
+#include <QProcess>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QSettings>
@@ -185,6 +186,35 @@ private slots:
         QCOMPARE(qRound(t.xres), 204);
         QCOMPARE(qRound(t.yres), 196);
         QVERIFY(t.inkPixels > 100);
+    }
+
+    void postScriptPrnSameAsCommandLine()
+    {
+        // A PostScript driver's .prn (PJL around PostScript, a PCL job and a PDF job behind
+        // it), converted from the window with 1 Bit and "CCITT Group 4" (-b 1 -c 7), gives the
+        // very bytes that the engine writes when run by hand with those options.
+        writeSettings({{"BitCount", "0"}, {"CompressMethod", "6"}, {"FaxTiff", "0"}});
+        const QString out = m_tmp.filePath("postscript");
+        QVERIFY(QDir().mkpath(out));
+        const QString input = dataFile("quarvex/postscript/data/mixed_jobs.prn");
+        convert({input}, out);
+
+        const QString byWindow = out + "/mixed_jobs.tif";
+        const TiffInfo t = readTiff(byWindow);
+        QVERIFY(t.ok);
+        QCOMPARE(t.pages, 6);
+        QCOMPARE(t.compression, uint16_t(COMPRESSION_CCITTFAX4));
+        QVERIFY(t.inkPixels > 100);
+
+        const QString byHand = m_tmp.filePath("postscript_by_hand.tif");
+        QProcess engine;
+        engine.start(QCoreApplication::applicationDirPath() + "/quarvex",
+                     {"-b", "1", "-c", "7", "-o", byHand, "-i", input});
+        QVERIFY(engine.waitForFinished(kWait));
+        QCOMPARE(engine.exitCode(), 0);
+        QFile a(byWindow), b(byHand);
+        QVERIFY(a.open(QIODevice::ReadOnly) && b.open(QIODevice::ReadOnly));
+        QVERIFY2(a.readAll() == b.readAll(), "the window's TIFF differs from the command line's");
     }
 
     void textInResidentFonts()

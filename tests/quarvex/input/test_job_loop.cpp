@@ -131,6 +131,27 @@ TEST(JobLoop, PostScriptRecognisedByContentIsSkipped) {
     EXPECT_EQ(r.result.firstSkipped, Kind::PostScript);
 }
 
+size_t fakePostScript(const uint8_t* d, size_t n, JobContext& ctx) { return fakeRun("postscript", d, n, ctx); }
+size_t fakePdf(const uint8_t* d, size_t n, JobContext& ctx) { return fakeRun("pdf", d, n, ctx); }
+
+TEST(JobLoop, PostScriptAndPdfJobsGoToTheirInterpreters) {
+    const std::string file = UEL + "@PJL SET PAPER=A4\n@PJL ENTER LANGUAGE=POSTSCRIPT\n%!PS\n#\n" + UEL +
+                             "\n%PDF-1.4 # #" + UEL + "@PJL ENTER LANGUAGE=PCL\n#" + UEL;
+    Interpreters in{fakePcl5, fakePclxl};
+    in.postscript = fakePostScript;
+    in.pdf = fakePdf;
+    const LoopRun r = runLoop(file, in);
+    ASSERT_EQ(g_calls.size(), 3u);
+    EXPECT_EQ(g_calls[0].language, "postscript");
+    EXPECT_EQ(g_calls[0].data, "%!PS\n#\n");
+    EXPECT_EQ(g_calls[0].pjl.paper, "A4");
+    EXPECT_EQ(g_calls[1].language, "pdf");
+    EXPECT_EQ(g_calls[1].data, "%PDF-1.4 # #"); // from the signature on, blanks before it left out
+    EXPECT_EQ(g_calls[2].language, "pcl5");
+    EXPECT_EQ(r.result.pages, 4);
+    EXPECT_EQ(r.result.skippedJobs, 0);
+}
+
 TEST(JobLoop, UnknownLanguageIsNamed) {
     const LoopRun r = runLoop(UEL + "@PJL ENTER LANGUAGE=ZJS\n#\x01\x02#" + UEL);
     EXPECT_TRUE(g_calls.empty());

@@ -90,7 +90,8 @@ TEST(Recognise, DescriptionsNameTheKind) {
     EXPECT_NE(qx::input::describe(Kind::EmfSpool).find("EMF"), std::string::npos);
     EXPECT_TRUE(qx::input::isConvertible(Kind::Pcl5));
     EXPECT_TRUE(qx::input::isConvertible(Kind::PclXl));
-    EXPECT_FALSE(qx::input::isConvertible(Kind::Pdf));
+    EXPECT_TRUE(qx::input::isConvertible(Kind::PostScript));
+    EXPECT_TRUE(qx::input::isConvertible(Kind::Pdf));
     EXPECT_FALSE(qx::input::isConvertible(Kind::Binary));
 }
 
