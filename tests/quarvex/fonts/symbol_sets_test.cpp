@@ -61,9 +61,12 @@ TEST(SymbolSets, UnknownSetsReadAsRoman8AndUnicodePassesThrough) {
     EXPECT_EQ(symbolSetToUnicode(symsets::Roman8, 300), 0U);
 }
 
-TEST(SymbolSets, SymbolFacesUseTheirOwnCodes) {
+TEST(SymbolSets, SymbolFaceUsesItsOwnCodesAndWingdingsPrintsThroughUnicode) {
     EXPECT_TRUE(symbolSetKnown(symsets::Symbol));
     EXPECT_EQ(symbolSetToUnicode(symsets::Symbol, 'a'), U'a');
-    EXPECT_EQ(symbolSetToUnicode(symsets::Wingdings, 0x41), U'A');
     EXPECT_EQ(symbolSetToUnicode(symsets::Symbol, 0x10), 0U);
+    EXPECT_TRUE(symbolSetKnown(symsets::Wingdings));
+    EXPECT_EQ(symbolSetToUnicode(symsets::Wingdings, 0x21), U'\u270F'); // pencil
+    EXPECT_EQ(symbolSetToUnicode(symsets::Wingdings, 0x22), U'\u2702'); // scissors
+    EXPECT_EQ(symbolSetToUnicode(symsets::Wingdings, 0x41), U'\u270C'); // victory hand
 }
