@@ -7,6 +7,27 @@
 #include <cmath>
 
 namespace qx::pcl5 {
+namespace {
+
+// The face that draws a character: the selected one, or, for a character it lacks (line drawing
+// in Courier, a math sign in CG Times), a face with a wide repertoire of the same spacing, and
+// last the Unicode face that stands in for Wingdings, which covers most symbols.
+int faceWithGlyph(const FontLibrary& fonts, int face, bool fixed, char32_t uc) {
+    if (fonts.hasGlyph(face, uc))
+        return face;
+    FontRequest wide;
+    wide.typeface = fixed ? 0 : 16602; // Line Printer or Arial
+    wide.proportional = !fixed;
+    const int other = fonts.selectPcl(wide);
+    if (other >= 0 && fonts.hasGlyph(other, uc))
+        return other;
+    const int symbols = fonts.selectByName("Wingdings");
+    if (symbols >= 0 && fonts.hasGlyph(symbols, uc))
+        return symbols;
+    return face;
+}
+
+} // namespace
 
 void Interpreter::selectFont(FontState& f) {
     if (f.softId >= 0) {
@@ -111,7 +132,7 @@ void Interpreter::printCode(uint32_t code) {
     else if (f.fixed)
         advance = m_hmi;
     else if (uc != 0 && f.index >= 0)
-        advance = m_fonts->advance(f.index, uc) * f.emPt * kUnitsPerPoint;
+        advance = m_fonts->advance(faceWithGlyph(*m_fonts, f.index, false, uc), uc) * f.emPt * kUnitsPerPoint;
     else
         advance = 0;
 
@@ -124,17 +145,7 @@ void Interpreter::printCode(uint32_t code) {
         const Matrix toDevice = m_dev.pageToDevice() * textToPage();
         const double em = f.emPt * kUnitsPerPoint;
         const Matrix fontToDevice = toDevice * Matrix::scale(em, -em);
-        // A character the face lacks (line drawing in Courier, say) is taken from a face with a
-        // wide repertoire of the same spacing.
-        int face = f.index;
-        if (!m_fonts->hasGlyph(face, uc)) {
-            FontRequest wide;
-            wide.typeface = f.fixed ? 0 : 16602; // Line Printer or Arial
-            wide.proportional = !f.fixed;
-            const int other = m_fonts->selectPcl(wide);
-            if (other >= 0 && m_fonts->hasGlyph(other, uc))
-                face = other;
-        }
+        const int face = faceWithGlyph(*m_fonts, f.index, f.fixed, uc);
         if (auto g = m_fonts->renderGlyph(face, uc, Matrix{fontToDevice.a, fontToDevice.b, fontToDevice.c,
                                                             fontToDevice.d, 0, 0})) {
             if (g->mask.width > 0 && g->mask.height > 0) {

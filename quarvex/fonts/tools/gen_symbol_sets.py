@@ -48,6 +48,8 @@ def codec_table(codec, low=None, del_char=None, keep_c1=False):
         except UnicodeDecodeError:
             continue
         ch = ord(s) if len(s) == 1 else 0
+        if 0xE000 <= ch <= 0xF8FF:
+            ch = 0  # a vendor's private character (the Macintosh's Apple logo): none here
         if 0x80 <= code < 0xA0 and ch < 0xA0 and not keep_c1:
             ch = 0  # C1 controls print nothing
         out[code] = ch
@@ -186,6 +188,9 @@ def main():
     # Where HP's metrics name a glyph by its nearest text character and Adobe by the mathematical
     # one, the table keeps Adobe's: PS Math's tilde operator and lozenge.
     same_glyph = {(set_id(5, "M"), 126): (0x223C, 0x007E), (set_id(5, "M"), 224): (0x25CA, 0x25C7)}
+    # Code 32 is the space in every set.
+    for _, _, t, _ in sets:
+        t[0x20] = 0x20
     problems = 0
     for name, (num, letter), t, fill in sets:
         sid = set_id(num, letter)
