@@ -3,6 +3,8 @@
 #include "pcl5/interpreter.h"
 #include "pcl5/units.h"
 
+#include "fonts/hp_metrics.h"
+
 #include <algorithm>
 #include <cmath>
 
@@ -25,6 +27,16 @@ int faceWithGlyph(const FontLibrary& fonts, int face, bool fixed, char32_t uc) {
     if (symbols >= 0 && fonts.hasGlyph(symbols, uc))
         return symbols;
     return face;
+}
+
+// The advance of a character in ems: the printer's own width for the resident typeface where
+// HP's metrics give one, else the width of the face that draws it.
+double emAdvance(const FontLibrary& fonts, int index, char32_t uc) {
+    const ResidentFontInfo& info = fonts.info(index);
+    if (info.proportional)
+        if (const double hp = hpAdvance(info.typeface, info.bold, info.italic, uc); hp > 0)
+            return hp;
+    return fonts.advance(faceWithGlyph(fonts, index, !info.proportional, uc), uc);
 }
 
 } // namespace
@@ -79,7 +91,7 @@ void Interpreter::selectFont(FontState& f) {
         f.emPt = std::clamp(f.request.height, 0.25, 999.75);
         double space = 0.25;
         if (f.index >= 0 && m_fonts) {
-            const double a = m_fonts->advance(f.index, U' ');
+            const double a = emAdvance(*m_fonts, f.index, U' ');
             if (a > 0)
                 space = a;
         }
@@ -132,7 +144,7 @@ void Interpreter::printCode(uint32_t code) {
     else if (f.fixed)
         advance = m_hmi;
     else if (uc != 0 && f.index >= 0)
-        advance = m_fonts->advance(faceWithGlyph(*m_fonts, f.index, false, uc), uc) * f.emPt * kUnitsPerPoint;
+        advance = emAdvance(*m_fonts, f.index, uc) * f.emPt * kUnitsPerPoint;
     else
         advance = 0;
 

@@ -23,7 +23,8 @@ import os
 import re
 import sys
 
-GROFF = "/usr/share/groff/current/font/devlj4"
+import groff_lj4
+
 GS_INIT = sorted(glob.glob("/usr/share/ghostscript/*/Resource/Init"))[-1]
 
 PC_GRAPHICS_LOW = "\u0000\u263A\u263B\u2665\u2666\u2663\u2660\u2022\u25D8\u25CB\u25D9\u2642\u2640\u266A\u266B\u263C" \
@@ -99,38 +100,11 @@ def read_ps_encoding(name, agl):
 
 def read_groff_pairs():
     """(symbol set id, code) -> Unicode, from the devlj4 font descriptions."""
-    msl = {}
-    names = {}  # groff glyph name -> Unicode, as the map files pair them
-    for mapname in ("text.map", "special.map", "symbol.map", "wingdings.map"):
-        for line in open(os.path.join(GROFF, "generate", mapname)):
-            f = line.split("#")[0].split()
-            if len(f) >= 2 and f[0].lstrip("-").isdigit():
-                u = int(f[1], 16)
-                if int(f[0]) >= 0:
-                    msl.setdefault(int(f[0]), u)
-                if not 0xE000 <= u <= 0xF8FF:
-                    for n in f[2:]:
-                        names.setdefault(n, u)
+    maps = groff_lj4.load_maps()
     pairs = {}
-    for path in sorted(glob.glob(os.path.join(GROFF, "*"))):
-        if not os.path.isfile(path):
-            continue
-        for line in open(path, errors="replace"):
-            f = line.rstrip("\n").split("\t")
-            if len(f) < 5 or not f[3].isdigit():
-                continue
-            sid, code = int(f[3]) // 256, int(f[3]) % 256
-            m = re.search(r"U\+([0-9A-F]{4,5})", f[4])
-            if m and not 0xE000 <= int(m.group(1), 16) <= 0xF8FF:
-                u = int(m.group(1), 16)
-            elif re.match(r"u[0-9A-F]{4,5}$", f[0]):
-                u = int(f[0][1:], 16)
-            elif f[0] in names:
-                u = names[f[0]]
-            else:
-                m = re.search(r"MSL\s+(\d+)", f[4])
-                u = msl.get(int(m.group(1))) if m else None
-            if not u or 0xE000 <= u <= 0xF8FF:
+    for path in groff_lj4.font_files():
+        for _, _, u, sid, code in groff_lj4.read_font(path, maps)[1]:
+            if u is None:
                 continue
             old = pairs.get((sid, code))
             if old is not None and old != u:
