@@ -16,7 +16,9 @@ import os
 import re
 import sys
 
-GROFF = "/usr/share/groff/current/font/devlj4"
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "quarvex", "fonts", "tools"))
+import groff_lj4  # noqa: E402
+
 GS_INIT = sorted(glob.glob("/usr/share/ghostscript/*/Resource/Init"))[-1]
 
 # devlj4 font -> PostScript font standing in for it (the fonts the engine stages are the same URW
@@ -30,49 +32,12 @@ PS_FONT = {
 }
 
 
-def load_font(name):
-    """groff name -> (width in font units, Unicode) for one devlj4 font."""
+def load_font(name, maps):
+    """groff glyph name -> (width in font units, Unicode or None) for one devlj4 font."""
     glyphs = {}
-    last = None
-    on = False
-    for line in open(os.path.join(GROFF, name), errors="replace"):
-        line = line.rstrip("\n")
-        if line.startswith("charset"):
-            on = True
-            continue
-        if not on or not line or line.startswith("#"):
-            continue
-        f = line.split("\t")
-        if len(f) >= 2 and f[1] == '"' and last:
-            glyphs[f[0]] = glyphs[last]
-            continue
-        if len(f) < 4:
-            continue
-        width = int(f[1].split(",")[0])
-        u = None
-        m = re.search(r"U\+([0-9A-F]{4,5})", f[4] if len(f) > 4 else "")
-        if m and not 0xE000 <= int(m.group(1), 16) <= 0xF8FF:
-            u = int(m.group(1), 16)
-        elif re.match(r"u[0-9A-F]{4,5}$", f[0]):
-            u = int(f[0][1:], 16)
-        elif len(f[0]) == 1:
-            u = ord(f[0])
-        glyphs[f[0]] = (width, u)
-        last = f[0]
+    for gname, width, u, _, _ in groff_lj4.read_font(os.path.join(groff_lj4.GROFF, name), maps)[1]:
+        glyphs.setdefault(gname, (width, u))
     return glyphs
-
-
-def load_names():
-    names = {}
-    for mapname in ("text.map", "special.map", "symbol.map", "wingdings.map"):
-        for line in open(os.path.join(GROFF, "generate", mapname)):
-            f = line.split("#")[0].split()
-            if len(f) >= 3 and f[0].lstrip("-").isdigit():
-                u = int(f[1], 16)
-                if not 0xE000 <= u <= 0xF8FF:
-                    for n in f[2:]:
-                        names.setdefault(n, u)
-    return names
 
 
 def load_agl():
@@ -85,7 +50,8 @@ def load_agl():
 
 
 def main():
-    names = load_names()
+    maps = groff_lj4.load_maps()
+    names = maps[1]
     agl = load_agl()
     fonts = {}
     mounted = {}
@@ -121,7 +87,7 @@ def main():
             if f[0] == "font":
                 mounted[f[1]] = f[2]
                 if f[2] not in fonts:
-                    fonts[f[2]] = load_font(f[2])
+                    fonts[f[2]] = load_font(f[2], maps)
             elif f[0] == "res":
                 res = int(f[1])
         elif c == "p":

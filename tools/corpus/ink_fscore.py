@@ -2,6 +2,7 @@
 """Ink F-score of an engine TIFF against a reference rendering, page by page.
 
     ink_fscore.py ENGINE.tif REFERENCE-PAGE-1.pbm [REFERENCE-PAGE-2.pbm ...] [--png DIR]
+    ink_fscore.py ENGINE.tif REFERENCE.tif [--png DIR]
 
 A black pixel of either side counts as matched when the other side has ink within one pixel
 (8-neighbourhood). Precision is the engine's matched share, recall the reference's; the F-score
@@ -52,7 +53,13 @@ def main(argv):
         i = argv.index("--png")
         png = argv[i + 1]
         del argv[i:i + 2]
-    engine, refs = argv[1], argv[2:]
+    engine = argv[1]
+    refs = []
+    for path in argv[2:]:
+        im = Image.open(path)
+        for i in range(getattr(im, "n_frames", 1)):
+            im.seek(i)
+            refs.append(ink(im))
     tif = Image.open(engine)
     n = getattr(tif, "n_frames", 1)
     ok = n == len(refs)
@@ -60,7 +67,7 @@ def main(argv):
         print(f"pages: engine {n}, reference {len(refs)}")
     for i in range(min(n, len(refs))):
         tif.seek(i)
-        f, p, r, A, B = fscore(ink(tif), ink(Image.open(refs[i])))
+        f, p, r, A, B = fscore(ink(tif), refs[i])
         print(f"page {i + 1}: F {f:.4f} precision {p:.4f} recall {r:.4f}")
         ok = ok and f >= 0.9
         if png:

@@ -17,8 +17,21 @@ def _private(u):
     return 0xE000 <= u <= 0xF8FF
 
 
+def groff_char_names():
+    """groff glyph name -> Unicode as groff_char(7) lists them (the bracket and brace pieces
+    among them, which the map files leave in the private use area)."""
+    import glob
+    import gzip
+    names = {}
+    for path in glob.glob("/usr/share/man/man7/groff_char.7*"):
+        text = gzip.open(path, "rt", errors="replace").read() if path.endswith(".gz") else open(path).read()
+        for m in re.finditer(r"^\\\[([^\]]+)\]\t\\e\[[^\]]+\]\t\S+\tu([0-9A-F]{4,5})\b", text, re.M):
+            names.setdefault(m.group(1), int(m.group(2), 16))
+    return names
+
+
 def load_maps():
-    """(MSL number -> Unicode, groff glyph name -> Unicode) from the map files."""
+    """(MSL number -> Unicode, groff glyph name -> Unicode) from the map files and groff_char(7)."""
     msl, names = {}, {}
     for mapname in ("text.map", "special.map", "symbol.map", "wingdings.map"):
         for line in open(os.path.join(GROFF, "generate", mapname)):
@@ -30,6 +43,8 @@ def load_maps():
                 if not _private(u):
                     for n in f[2:]:
                         names.setdefault(n, u)
+    for n, u in groff_char_names().items():
+        names.setdefault(n, u)
     return msl, names
 
 
