@@ -214,6 +214,8 @@ private:
     bool m_underline = false;
     double m_underlineStart = 0;
     double m_underlineY = 0;
+    bool m_underlineFloating = false; // ESC&d3D: placed by the fonts printed, not 5 dots down
+    double m_underlineDepth = 0;      // the deepest underline of those fonts, below the baseline
     double m_lastAdvance = 0;
 
     FontState m_primary;

@@ -108,6 +108,7 @@ void Interpreter::fontChanged(FontState& f) {
 void Interpreter::startUnderline() {
     m_underlineStart = m_x;
     m_underlineY = m_y;
+    m_underlineDepth = 0;
 }
 
 void Interpreter::drawUnderline() {
@@ -115,10 +116,12 @@ void Interpreter::drawUnderline() {
     const double x1 = std::max(m_underlineStart, m_x);
     if (x1 - x0 > 0.5 && m_underlineY == m_y) {
         ensurePage();
-        // Three dots thick, a little below the baseline.
-        const double top = m_y + 5 * 24;
+        // Three dots thick: the fixed underline 5 dots below the baseline, the floating one where
+        // the fonts printed under it put their underlines (the deepest of them).
+        const double dot = kUnitsPerInch / 300;
+        const double top = m_y + (m_underlineFloating && m_underlineDepth > 0 ? m_underlineDepth - 1.5 * dot : 5 * dot);
         Path p;
-        p.addRect(x0, top, x1 - x0, 3 * 24);
+        p.addRect(x0, top, x1 - x0, 3 * dot);
         m_dev.fillPath(p.transformed(textToPage()), FillRule::NonZero, currentPaint(), renderState());
     }
     m_underlineStart = m_x;
@@ -168,6 +171,10 @@ void Interpreter::printCode(uint32_t code) {
                     m_dev.fillMask(g->mask, *inv * Matrix::translate(ox, oy), currentPaint(), renderState());
             }
         }
+    }
+    if (m_underline && m_underlineFloating && uc != 0) {
+        const FontMetrics fm = m_fonts->metrics(f.index);
+        m_underlineDepth = std::max(m_underlineDepth, (fm.underlinePosition + fm.underlineThickness / 2) * f.emPt * kUnitsPerPoint);
     }
     m_x = clampPos(m_x + advance);
     m_lastAdvance = advance;
@@ -325,6 +332,8 @@ void Interpreter::textCommand(const Command& cmd) {
             if (m_underline)
                 drawUnderline();
             m_underline = true;
+            m_underlineFloating = iv == 3;
+            m_underlineDepth = 0;
             startUnderline();
         } else if (f == '@') {
             if (m_underline)

@@ -161,3 +161,42 @@ TEST(Pcl5SymbolSets, WingdingsPrintsItsSymbolsAndNothingForCodesItLacks) {
     ASSERT_EQ(quote.size(), 1u);
     EXPECT_NE(scissors[0].substr(0, scissors[0].find(" [")), quote[0].substr(0, quote[0].find(" [")));
 }
+
+namespace {
+
+std::vector<std::string> fillsOf(const std::string& job) {
+    RecordingDevice dev;
+    Diagnostics diag("test", false);
+    JobContext ctx{dev, diag, &fonts(), {}};
+    pcl5::run(reinterpret_cast<const uint8_t*>(job.data()), job.size(), ctx);
+    std::vector<std::string> out;
+    for (const std::string& c : dev.calls())
+        if (c.rfind("fill", 0) == 0)
+            out.push_back(c);
+    return out;
+}
+
+// The top edge of an underline rule "fill ... M x0,y0 L ..." in points.
+double ruleTop(const std::string& fill) {
+    double x = 0, y = 0;
+    const size_t m = fill.find(" M");
+    if (m != std::string::npos)
+        std::sscanf(fill.c_str() + m + 2, "%lf,%lf", &x, &y);
+    return y;
+}
+
+} // namespace
+
+TEST(Pcl5Underline, FixedSitsFiveDotsDownAndFloatingFollowsTheFont) {
+    // Baseline 300 dots (72 pt) below the top margin, which is half an inch down. The fixed underline starts 5 dots below it whatever the
+    // font; the floating one where a 48 point CG Times puts its underline, further down.
+    const std::string big = ESC + "(s1p48v0s0b4101T" + ESC + "*p300x300Y";
+    std::vector<std::string> fixed = fillsOf(big + ESC + "&d0D" + "Text" + ESC + "&d@");
+    std::vector<std::string> floating = fillsOf(big + ESC + "&d3D" + "Text" + ESC + "&d@");
+    ASSERT_EQ(fixed.size(), 1u);
+    ASSERT_EQ(floating.size(), 1u);
+    EXPECT_NEAR(ruleTop(fixed[0]), 36 + 72 + 5 * 0.24, 0.02);
+    const FontMetrics m = fonts().metrics(fonts().selectPcl(FontRequest{symsets::Roman8, true, 10, 48, 0, 0, 4101}));
+    EXPECT_NEAR(ruleTop(floating[0]), 36 + 72 + (m.underlinePosition + m.underlineThickness / 2) * 48 - 1.5 * 0.24, 0.05);
+    EXPECT_GT(ruleTop(floating[0]), ruleTop(fixed[0]) + 2);
+}
