@@ -116,9 +116,10 @@ def main():
             pass
         elif c == "D":
             d = arg.split()
-            if d and d[0] == "l":
+            if d and d[0] in ("l", "R"):
+                # A line, or a rule (a filled box from here to the corner): both end at the corner.
                 dx, dy = int(d[1]), int(d[2])
-                out.append(f"{h} {v} {dx} {dy} L")
+                out.append(f"{h} {v} {dx} {dy} {'L' if d[0] == 'l' else 'R'}")
                 h += dx
                 v += dy
         # w, n, m and the rest draw nothing
@@ -132,6 +133,8 @@ def main():
           " moveto glyphshow } bind def")
     print(f"/L {{ 4 2 roll {scale} mul 792 exch sub exch {scale} mul exch moveto {scale} mul neg exch {scale} mul exch"
           " rlineto 0.5 setlinewidth stroke } bind def")
+    print(f"/R {{ 4 2 roll {scale} mul 792 exch sub exch {scale} mul exch moveto {scale} mul neg exch {scale} mul exch"
+          " exch dup 0 rlineto exch dup 0 exch rlineto pop neg 0 rlineto closepath fill } bind def")
     for i, page in enumerate(pages):
         print(f"%%Page: {i + 1} {i + 1}")
         print("\n".join(page))
