@@ -180,6 +180,24 @@ void Interpreter::printCode(uint32_t code) {
     m_lastAdvance = advance;
 }
 
+size_t Interpreter::printDisplayFunctions(const uint8_t* data, size_t from, size_t size) {
+    static constexpr char kUel[] = "\x1b%-12345X";
+    size_t end = from;
+    while (end < size) {
+        if (data[end] == 0x1B && size - end >= sizeof kUel - 1 && std::equal(kUel, kUel + sizeof kUel - 1, data + end))
+            break;
+        if (data[end] == 0x1B && end + 1 < size && data[end + 1] == 'Z') {
+            end += 2;
+            handleText(data + from, end - from);
+            m_displayFunctions = false;
+            return end;
+        }
+        ++end;
+    }
+    handleText(data + from, end - from);
+    return end;
+}
+
 void Interpreter::handleText(const uint8_t* text, size_t length) {
     for (size_t i = 0; i < length; ++i) {
         const uint8_t c = text[i];

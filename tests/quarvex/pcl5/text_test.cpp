@@ -200,3 +200,19 @@ TEST(Pcl5Underline, FixedSitsFiveDotsDownAndFloatingFollowsTheFont) {
     EXPECT_NEAR(ruleTop(floating[0]), 36 + 72 + (m.underlinePosition + m.underlineThickness / 2) * 48 - 1.5 * 0.24, 0.05);
     EXPECT_GT(ruleTop(floating[0]), ruleTop(fixed[0]) + 2);
 }
+
+TEST(Pcl5DisplayFunctions, EscapeSequencesPrintUntilEscZ) {
+    // In display functions mode a font change prints as its characters (ESC, '(', 's', '3', 'B'
+    // in the Line Printer's PC-8 graphics) and does not act; ESC Z prints too and ends the mode,
+    // after which the same sequence makes the text bold.
+    const std::string pc8 = ESC + "(10U" + ESC + "(s0p10h0s0b4099T";
+    std::vector<std::string> shown = masksOf(pc8 + ESC + "Y" + ESC + "(s3BA" + ESC + "Z" + "A");
+    std::vector<std::string> plain = masksOf(pc8 + "A");
+    std::vector<std::string> acting = masksOf(pc8 + ESC + "(s3BA");
+    // ESC ( s 3 B A ESC Z A: ESC and the letters print; the A after the mode is Courier's.
+    ASSERT_EQ(shown.size(), 9u);
+    const auto glyph = [](const std::string& m) { return m.substr(0, m.find(" [")); };
+    EXPECT_EQ(glyph(shown[5]), glyph(plain[0]));  // the A inside the mode: not bold
+    EXPECT_EQ(glyph(shown[8]), glyph(plain[0]));  // the A after it: the font was never changed
+    EXPECT_NE(glyph(acting[0]), glyph(plain[0])); // outside the mode the sequence makes it bold
+}
