@@ -25,17 +25,20 @@ const FontLibrary& fonts() {
     return lib;
 }
 
-std::vector<std::string> masksOf(const std::string& job) {
+// The recording device's calls of one kind ("mask", "fill") for a job.
+std::vector<std::string> callsOf(const std::string& job, const std::string& kind) {
     RecordingDevice dev;
     Diagnostics diag("test", false);
     JobContext ctx{dev, diag, &fonts(), {}};
     pcl5::run(reinterpret_cast<const uint8_t*>(job.data()), job.size(), ctx);
     std::vector<std::string> out;
     for (const std::string& c : dev.calls())
-        if (c.rfind("mask", 0) == 0)
+        if (c.rfind(kind, 0) == 0)
             out.push_back(c);
     return out;
 }
+
+std::vector<std::string> masksOf(const std::string& job) { return callsOf(job, "mask"); }
 
 const std::string ESC = "\x1b";
 
@@ -164,18 +167,6 @@ TEST(Pcl5SymbolSets, WingdingsPrintsItsSymbolsAndNothingForCodesItLacks) {
 
 namespace {
 
-std::vector<std::string> fillsOf(const std::string& job) {
-    RecordingDevice dev;
-    Diagnostics diag("test", false);
-    JobContext ctx{dev, diag, &fonts(), {}};
-    pcl5::run(reinterpret_cast<const uint8_t*>(job.data()), job.size(), ctx);
-    std::vector<std::string> out;
-    for (const std::string& c : dev.calls())
-        if (c.rfind("fill", 0) == 0)
-            out.push_back(c);
-    return out;
-}
-
 // The top edge of an underline rule "fill ... M x0,y0 L ..." in points.
 double ruleTop(const std::string& fill) {
     double x = 0, y = 0;
@@ -191,8 +182,8 @@ TEST(Pcl5Underline, FixedSitsFiveDotsDownAndFloatingFollowsTheFont) {
     // Baseline 300 dots (72 pt) below the top margin, which is half an inch down. The fixed underline starts 5 dots below it whatever the
     // font; the floating one where a 48 point CG Times puts its underline, further down.
     const std::string big = ESC + "(s1p48v0s0b4101T" + ESC + "*p300x300Y";
-    std::vector<std::string> fixed = fillsOf(big + ESC + "&d0D" + "Text" + ESC + "&d@");
-    std::vector<std::string> floating = fillsOf(big + ESC + "&d3D" + "Text" + ESC + "&d@");
+    std::vector<std::string> fixed = callsOf(big + ESC + "&d0D" + "Text" + ESC + "&d@", "fill");
+    std::vector<std::string> floating = callsOf(big + ESC + "&d3D" + "Text" + ESC + "&d@", "fill");
     ASSERT_EQ(fixed.size(), 1u);
     ASSERT_EQ(floating.size(), 1u);
     EXPECT_NEAR(ruleTop(fixed[0]), 36 + 72 + 5 * 0.24, 0.02);
