@@ -10,8 +10,10 @@
 # same page out with Adobe's metrics, which puts words a pixel or two per space elsewhere (CG
 # Times' space is 0.295 em, Times' 0.25), so the PostScript rendering (src/groff-NAME-ps.tif) is
 # kept beside it for looking at, not for measuring.
-# With MANIFEST, appends one line per document in make_corpus.sh's manifest format: 99 % of the
-# pixels agree, with no shift (groff's commands place the text where the reference has it).
+# With MANIFEST, appends one line per document in make_corpus.sh's manifest format: 97 % of the
+# pixels agree, with no shift (groff's commands place the text where the reference has it); every
+# glyph edge that rounds differently counts there, so the PCL 5 groff test measures the ink
+# F-score with a one-pixel tolerance, the measure for text.
 # Both are made on Letter whatever /etc/papersize says. Needs groff, gs and python3.
 set -euo pipefail
 
@@ -55,7 +57,7 @@ for page in ls:1 cp:1 groff_char:7; do
 from PIL import Image
 print(getattr(Image.open(sys.argv[1]), "n_frames", 1))' "$OUT/ref/$base.tif")
     if [ -n "$MANIFEST" ]; then
-        printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t-\n' "pcl5/$base.pcl" groff-lj4 300 "ref/$base.tif" "$pages" pcl5 0.99/0 >> "$MANIFEST"
+        printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t-\n' "pcl5/$base.pcl" groff-lj4 300 "ref/$base.tif" "$pages" pcl5 0.97/0 >> "$MANIFEST"
     fi
     log "$base.pcl ($pages pages)"
 done
