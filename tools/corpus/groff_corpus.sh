@@ -4,7 +4,8 @@
 #
 #   tools/corpus/groff_corpus.sh OUTDIR [MANIFEST]
 #
-# Writes OUTDIR/pcl5/groff-NAME.pcl, OUTDIR/ref/groff-NAME.tif and OUTDIR/src/groff-NAME.ps.
+# Writes OUTDIR/pcl5/groff-NAME.pcl, OUTDIR/ref/groff-NAME.tif (300 dpi) and OUTDIR/src/groff-NAME.ps,
+# and for ls(1) the reference at 75 and 600 dpi too (OUTDIR/src/groff-ls-atDPI.tif).
 # The reference is groff's own layout of the LaserJet document (its intermediate output, placed
 # with HP's metrics) drawn glyph by glyph by Ghostscript with the URW fonts: groff -Tps lays the
 # same page out with Adobe's metrics, which puts words a pixel or two per space elsewhere (CG
@@ -51,6 +52,11 @@ for page in ls:1 cp:1 groff_char:7; do
     roff | groff -t -man -Tlj4 "${PAPER[@]}" 2>/dev/null > "$OUT/pcl5/$base.pcl"
     roff | groff -t -man -Tlj4 "${PAPER[@]}" -Z 2>/dev/null | "$PY" "$HERE/groff_lj4_layout.py" > "$OUT/src/$base.ps"
     "${GS[@]}" -sDEVICE=tiffg4 -r300 -sOutputFile="$OUT/ref/$base.tif" "$OUT/src/$base.ps"
+    if [ "$name" = ls ]; then # the same reference at the lowest and highest resolutions
+        for dpi in 75 600; do
+            "${GS[@]}" -sDEVICE=tiffg4 -r$dpi -sOutputFile="$OUT/src/$base-at$dpi.tif" "$OUT/src/$base.ps"
+        done
+    fi
     roff | groff -t -man -Tps "${PAPER[@]}" 2>/dev/null > "$OUT/src/$base-ps.ps"
     "${GS[@]}" -sDEVICE=tiffg4 -r300 -sOutputFile="$OUT/src/$base-ps.tif" "$OUT/src/$base-ps.ps"
     pages=$("$PY" -c 'import sys

@@ -81,14 +81,14 @@ struct Pages : PageSink {
     }
 };
 
-std::vector<Bitmap> renderJob(const std::string& path) {
+std::vector<Bitmap> renderJob(const std::string& path, double dpi = 300) {
     std::ifstream in(path, std::ios::binary);
     const std::string job{std::istreambuf_iterator<char>(in), {}};
     static FontLibrary fonts({std::string(QX_STAGE_DIR) + "/fonts"}, false);
     Pages sink;
     RasterOptions opt;
     opt.depth = 1;
-    opt.dpiX = opt.dpiY = 300;
+    opt.dpiX = opt.dpiY = dpi;
     RasterDevice dev(opt, sink);
     Diagnostics diag(path, false);
     JobContext ctx{dev, diag, &fonts, {}};
@@ -125,6 +125,21 @@ double inkFScore(const Bitmap& engine, const Bitmap& reference) {
 
 } // namespace
 
+// Each page of the job at a resolution against the reference pages made at it.
+void expectPagesMatch(const std::string& job, const std::string& reference, double dpi) {
+    const std::vector<Bitmap> want = readTiff(reference);
+    const std::vector<Bitmap> got = renderJob(job, dpi);
+    ASSERT_FALSE(want.empty()) << reference;
+    ASSERT_EQ(got.size(), want.size()) << job;
+    for (size_t i = 0; i < got.size(); ++i) {
+        EXPECT_EQ(got[i].width, want[i].width) << job << " page " << i + 1;
+        EXPECT_EQ(got[i].height, want[i].height) << job << " page " << i + 1;
+        const double f = inkFScore(got[i], want[i]);
+        EXPECT_GE(f, 0.9) << job << " page " << i + 1 << " at " << dpi << " dpi";
+        std::printf("%s page %zu at %g dpi: ink F-score %.4f\n", fs::path(job).stem().c_str(), i + 1, dpi, f);
+    }
+}
+
 TEST(Pcl5Groff, ManPagesPutEveryGlyphWhereGroffPlacedIt) {
     const fs::path dir = QX_GROFF_CORPUS_DIR;
     std::vector<fs::path> refs;
@@ -136,18 +151,15 @@ TEST(Pcl5Groff, ManPagesPutEveryGlyphWhereGroffPlacedIt) {
     // ls(1), cp(1) and groff_char(7), whose tables show every character groff knows; the
     // fixture skips a man page the system does not have, but not all of them.
     ASSERT_FALSE(refs.empty()) << "the fixture made no documents in " << dir;
-    for (const fs::path& ref : refs) {
-        const std::string name = ref.stem().string();
-        const std::vector<Bitmap> want = readTiff(ref.string());
-        const std::vector<Bitmap> got = renderJob((dir / "pcl5" / (name + ".pcl")).string());
-        ASSERT_FALSE(want.empty()) << name;
-        ASSERT_EQ(got.size(), want.size()) << name;
-        for (size_t i = 0; i < got.size(); ++i) {
-            EXPECT_EQ(got[i].width, want[i].width) << name << " page " << i + 1;
-            EXPECT_EQ(got[i].height, want[i].height) << name << " page " << i + 1;
-            const double f = inkFScore(got[i], want[i]);
-            EXPECT_GE(f, 0.9) << name << " page " << i + 1;
-            std::printf("%s page %zu: ink F-score %.4f\n", name.c_str(), i + 1, f);
-        }
-    }
+    for (const fs::path& ref : refs)
+        expectPagesMatch((dir / "pcl5" / (ref.stem().string() + ".pcl")).string(), ref.string(), 300);
+}
+
+TEST(Pcl5Groff, LowestAndHighestResolutions) {
+    const fs::path dir = QX_GROFF_CORPUS_DIR;
+    const std::string job = (dir / "pcl5" / "groff-ls.pcl").string();
+    if (!fs::exists(job))
+        GTEST_SKIP() << "the system has no ls(1) man page";
+    for (int dpi : {75, 600})
+        expectPagesMatch(job, (dir / "src" / ("groff-ls-at" + std::to_string(dpi) + ".tif")).string(), dpi);
 }
