@@ -121,6 +121,12 @@ def build_sets():
     symbol = read_ps_encoding("gs_sym_e.ps", agl)
     groff = read_groff_pairs()
 
+    # HP's own Roman-8 mapping table (PCL 5 Technical Reference, table 9-1) gives code 39 the
+    # right single quotation mark (MSL 8, U+2019), as LaserJet fonts draw it, where the code page
+    # has the straight apostrophe.
+    roman8 = codec_table("hp_roman8")
+    roman8[0x27] = 0x2019
+
     win30 = codec_table("cp1252")
     for c in range(0x80, 0xA0):
         if c not in (0x91, 0x92):  # Windows 3.0's set had only the two single quotes there
@@ -132,7 +138,7 @@ def build_sets():
 
     # (C++ name, (number, letter), table, filled from HP's metrics where the table has no code)
     sets = [
-        ("Roman8", (8, "U"), codec_table("hp_roman8"), False),
+        ("Roman8", (8, "U"), roman8, False),
         ("PC8", (10, "U"), codec_table("cp437", PC_GRAPHICS_LOW, "\u2302"), False),
         ("PC8DN", (11, "U"), pc8dn, False),
         ("PC850", (12, "U"), codec_table("cp850", PC_GRAPHICS_LOW, "\u2302"), False),
