@@ -146,6 +146,8 @@ constexpr FaceFile kChancery[] = {{"Z003-MediumItalic.otf", "Z003", "Medium Ital
 constexpr FaceFile kSymbol[] = {{"StandardSymbolsPS.otf", "Standard Symbols PS", "Regular"},
                                 {nullptr, nullptr, nullptr}};
 constexpr FaceFile kDingbats[] = {{"D050000L.otf", "D050000L", "Regular"}, {nullptr, nullptr, nullptr}};
+// Wingdings prints through the Unicode characters of its symbol set; DejaVu Sans draws most of them.
+constexpr FaceFile kWingdings[] = {{"DejaVuSans.ttf", "DejaVu Sans", "Book"}, {nullptr, nullptr, nullptr}};
 
 // family, PCL XL name, typeface, proportional, bold, italic, internal font number, symbolic, files
 constexpr FaceEntry kFaces[] = {
@@ -183,7 +185,7 @@ constexpr FaceEntry kFaces[] = {
     {"Times New Roman", "Times New     It", 16901, true, false, true, 35, false, kSerifI},
     {"Times New Roman", "Times New   BdIt", 16901, true, true, true, 36, false, kSerifBI},
     {"Symbol", "Symbol          ", 16686, true, false, false, 37, true, kSymbol},
-    {"Wingdings", "Wingdings       ", 31402, true, false, false, 38, true, kDingbats},
+    {"Wingdings", "Wingdings       ", 31402, true, false, false, 38, true, kWingdings},
     {"Courier", "Courier       Bd", 4099, false, true, false, 39, false, kMonoB},
     {"Courier", "Courier       It", 4099, false, false, true, 40, false, kMonoI},
     {"Courier", "Courier     BdIt", 4099, false, true, true, 41, false, kMonoBI},

@@ -10,7 +10,7 @@ namespace {
 
 struct SymbolSetTable {
     uint16_t id;
-    const char16_t* codes;
+    const char32_t* codes;
 };
 
 #include "fonts/symbol_set_tables.inc"
@@ -80,7 +80,7 @@ std::string symbolSetName(uint16_t id) {
 }
 
 bool symbolSetKnown(uint16_t id) {
-    return id == symsets::Unicode || id == symsets::Symbol || id == symsets::Wingdings || findTable(id) != nullptr;
+    return id == symsets::Unicode || id == symsets::Symbol || findTable(id) != nullptr;
 }
 
 char32_t symbolSetToUnicode(uint16_t id, uint32_t code) {
@@ -88,8 +88,9 @@ char32_t symbolSetToUnicode(uint16_t id, uint32_t code) {
         return code < 0x110000 ? static_cast<char32_t>(code) : 0;
     if (code > 255)
         return 0;
-    // The symbol faces carry their own encoding in their character maps: codes pass through.
-    if (id == symsets::Symbol || id == symsets::Wingdings)
+    // The Symbol face carries the Symbol font's own encoding in its character map: codes pass
+    // through to it.
+    if (id == symsets::Symbol)
         return code >= 0x20 ? static_cast<char32_t>(code) : 0;
     const SymbolSetTable* t = findTable(id);
     if (!t)

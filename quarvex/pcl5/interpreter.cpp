@@ -247,6 +247,11 @@ size_t Interpreter::interpret(const uint8_t* data, size_t size) {
             if (parser.atEnd())
                 break;
         }
+        if (m_displayFunctions && defineFrom == kNotDefining && !m_inHpgl) {
+            parser.setPosition(printDisplayFunctions(data, parser.position(), size));
+            if (parser.atEnd())
+                break;
+        }
         const Command cmd = parser.next();
         if (cmd.kind == Command::Kind::End)
             break;

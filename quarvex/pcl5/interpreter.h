@@ -65,6 +65,9 @@ private:
 
     // Commands: the loop hands each one to the part of the interpreter that acts on it.
     void handleText(const uint8_t* text, size_t length);
+    // Display functions: prints data[from..size) as it is, escape sequences included, up to and
+    // with ESC Z (which ends the mode) or up to a Universal Exit Language; returns where it stopped.
+    size_t printDisplayFunctions(const uint8_t* data, size_t from, size_t size);
     void handleEscape2(uint8_t c);
     void handleParam(Parser& parser, const Command& cmd);
     void handleDataCommand(Parser& parser, const Command& cmd);
@@ -219,6 +222,8 @@ private:
     bool m_underline = false;
     double m_underlineStart = 0;
     double m_underlineY = 0;
+    bool m_underlineFloating = false; // ESC&d3D: placed by the fonts printed, not 5 dots down
+    double m_underlineDepth = 0;      // the deepest underline of those fonts, below the baseline
     double m_lastAdvance = 0;
 
     FontState m_primary;

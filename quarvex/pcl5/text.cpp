@@ -3,10 +3,43 @@
 #include "pcl5/interpreter.h"
 #include "pcl5/units.h"
 
+#include "fonts/hp_metrics.h"
+
 #include <algorithm>
 #include <cmath>
 
 namespace qx::pcl5 {
+namespace {
+
+// The face that draws a character: the selected one, or, for a character it lacks (line drawing
+// in Courier, a math sign in CG Times), a face with a wide repertoire of the same spacing, and
+// last the Unicode face that stands in for Wingdings, which covers most symbols.
+int faceWithGlyph(const FontLibrary& fonts, int face, bool fixed, char32_t uc) {
+    if (fonts.hasGlyph(face, uc))
+        return face;
+    FontRequest wide;
+    wide.typeface = fixed ? 0 : 16602; // Line Printer or Arial
+    wide.proportional = !fixed;
+    const int other = fonts.selectPcl(wide);
+    if (other >= 0 && fonts.hasGlyph(other, uc))
+        return other;
+    const int symbols = fonts.selectByName("Wingdings");
+    if (symbols >= 0 && fonts.hasGlyph(symbols, uc))
+        return symbols;
+    return face;
+}
+
+// The advance of a character in ems: the printer's own width for the resident typeface where
+// HP's metrics give one, else the width of the face that draws it.
+double emAdvance(const FontLibrary& fonts, int index, char32_t uc) {
+    const ResidentFontInfo& info = fonts.info(index);
+    if (info.proportional)
+        if (const double hp = hpAdvance(info.typeface, info.bold, info.italic, uc); hp > 0)
+            return hp;
+    return fonts.advance(faceWithGlyph(fonts, index, !info.proportional, uc), uc);
+}
+
+} // namespace
 
 void Interpreter::selectFont(FontState& f) {
     if (f.softId >= 0) {
@@ -58,7 +91,7 @@ void Interpreter::selectFont(FontState& f) {
         f.emPt = std::clamp(f.request.height, 0.25, 999.75);
         double space = 0.25;
         if (f.index >= 0 && m_fonts) {
-            const double a = m_fonts->advance(f.index, U' ');
+            const double a = emAdvance(*m_fonts, f.index, U' ');
             if (a > 0)
                 space = a;
         }
@@ -75,6 +108,7 @@ void Interpreter::fontChanged(FontState& f) {
 void Interpreter::startUnderline() {
     m_underlineStart = m_x;
     m_underlineY = m_y;
+    m_underlineDepth = 0;
 }
 
 void Interpreter::drawUnderline() {
@@ -82,10 +116,12 @@ void Interpreter::drawUnderline() {
     const double x1 = std::max(m_underlineStart, m_x);
     if (x1 - x0 > 0.5 && m_underlineY == m_y) {
         ensurePage();
-        // Three dots thick, a little below the baseline.
-        const double top = m_y + 5 * 24;
+        // Three dots thick: the fixed underline 5 dots below the baseline, the floating one where
+        // the fonts printed under it put their underlines (the deepest of them).
+        const double dot = kUnitsPerInch / 300;
+        const double top = m_y + (m_underlineFloating && m_underlineDepth > 0 ? m_underlineDepth - 1.5 * dot : 5 * dot);
         Path p;
-        p.addRect(x0, top, x1 - x0, 3 * 24);
+        p.addRect(x0, top, x1 - x0, 3 * dot);
         m_dev.fillPath(p.transformed(textToPage()), FillRule::NonZero, currentPaint(), renderState());
     }
     m_underlineStart = m_x;
@@ -111,7 +147,7 @@ void Interpreter::printCode(uint32_t code) {
     else if (f.fixed)
         advance = m_hmi;
     else if (uc != 0 && f.index >= 0)
-        advance = m_fonts->advance(f.index, uc) * f.emPt * kUnitsPerPoint;
+        advance = emAdvance(*m_fonts, f.index, uc) * f.emPt * kUnitsPerPoint;
     else
         advance = 0;
 
@@ -124,17 +160,7 @@ void Interpreter::printCode(uint32_t code) {
         const Matrix toDevice = m_dev.pageToDevice() * textToPage();
         const double em = f.emPt * kUnitsPerPoint;
         const Matrix fontToDevice = toDevice * Matrix::scale(em, -em);
-        // A character the face lacks (line drawing in Courier, say) is taken from a face with a
-        // wide repertoire of the same spacing.
-        int face = f.index;
-        if (!m_fonts->hasGlyph(face, uc)) {
-            FontRequest wide;
-            wide.typeface = f.fixed ? 0 : 16602; // Line Printer or Arial
-            wide.proportional = !f.fixed;
-            const int other = m_fonts->selectPcl(wide);
-            if (other >= 0 && m_fonts->hasGlyph(other, uc))
-                face = other;
-        }
+        const int face = faceWithGlyph(*m_fonts, f.index, f.fixed, uc);
         if (auto g = m_fonts->renderGlyph(face, uc, Matrix{fontToDevice.a, fontToDevice.b, fontToDevice.c,
                                                             fontToDevice.d, 0, 0})) {
             if (g->mask.width > 0 && g->mask.height > 0) {
@@ -146,8 +172,30 @@ void Interpreter::printCode(uint32_t code) {
             }
         }
     }
+    if (m_underline && m_underlineFloating && uc != 0) {
+        const FontMetrics fm = m_fonts->metrics(f.index);
+        m_underlineDepth = std::max(m_underlineDepth, (fm.underlinePosition + fm.underlineThickness / 2) * f.emPt * kUnitsPerPoint);
+    }
     m_x = clampPos(m_x + advance);
     m_lastAdvance = advance;
+}
+
+size_t Interpreter::printDisplayFunctions(const uint8_t* data, size_t from, size_t size) {
+    static constexpr char kUel[] = "\x1b%-12345X";
+    size_t end = from;
+    while (end < size) {
+        if (data[end] == 0x1B && size - end >= sizeof kUel - 1 && std::equal(kUel, kUel + sizeof kUel - 1, data + end))
+            break;
+        if (data[end] == 0x1B && end + 1 < size && data[end + 1] == 'Z') {
+            end += 2;
+            handleText(data + from, end - from);
+            m_displayFunctions = false;
+            return end;
+        }
+        ++end;
+    }
+    handleText(data + from, end - from);
+    return end;
 }
 
 void Interpreter::handleText(const uint8_t* text, size_t length) {
@@ -302,6 +350,8 @@ void Interpreter::textCommand(const Command& cmd) {
             if (m_underline)
                 drawUnderline();
             m_underline = true;
+            m_underlineFloating = iv == 3;
+            m_underlineDepth = 0;
             startUnderline();
         } else if (f == '@') {
             if (m_underline)

@@ -430,5 +430,6 @@ log "pcl5/text_two_jobs.pcl"
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 export SOURCE_DATE_EPOCH LC_ALL
 
+bash "$HERE/groff_corpus.sh" "$OUT" "$MANIFEST" # groff -Tlj4 man pages against groff's own layout
 mv "$MANIFEST" "$OUT/manifest.tsv"
 log "$(($(wc -l < "$OUT/manifest.tsv") - 1)) files in $OUT/manifest.tsv"

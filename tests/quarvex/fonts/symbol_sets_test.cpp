@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <iconv.h>
+
 using namespace qx;
 
 TEST(SymbolSets, IdentifiersFollowNumberAndLetter) {
@@ -61,9 +63,119 @@ TEST(SymbolSets, UnknownSetsReadAsRoman8AndUnicodePassesThrough) {
     EXPECT_EQ(symbolSetToUnicode(symsets::Roman8, 300), 0U);
 }
 
-TEST(SymbolSets, SymbolFacesUseTheirOwnCodes) {
+TEST(SymbolSets, SymbolFaceUsesItsOwnCodesAndWingdingsPrintsThroughUnicode) {
     EXPECT_TRUE(symbolSetKnown(symsets::Symbol));
     EXPECT_EQ(symbolSetToUnicode(symsets::Symbol, 'a'), U'a');
-    EXPECT_EQ(symbolSetToUnicode(symsets::Wingdings, 0x41), U'A');
     EXPECT_EQ(symbolSetToUnicode(symsets::Symbol, 0x10), 0U);
+    EXPECT_TRUE(symbolSetKnown(symsets::Wingdings));
+    EXPECT_EQ(symbolSetToUnicode(symsets::Wingdings, 0x21), U'\u270F'); // pencil
+    EXPECT_EQ(symbolSetToUnicode(symsets::Wingdings, 0x22), U'\u2702'); // scissors
+    EXPECT_EQ(symbolSetToUnicode(symsets::Wingdings, 0x41), U'\u270C'); // victory hand
+}
+
+namespace {
+
+// The character of one byte in a code page, by the C library's converter; 0 when it has none.
+char32_t fromCodePage(const char* codePage, int code) {
+    iconv_t cd = iconv_open("UTF-32LE", codePage);
+    if (cd == reinterpret_cast<iconv_t>(-1))
+        return 0xFFFFFFFF;
+    char in[1] = {static_cast<char>(code)};
+    char out[8] = {};
+    char* ip = in;
+    char* op = out;
+    size_t il = 1, ol = sizeof out;
+    const size_t r = iconv(cd, &ip, &il, &op, &ol);
+    iconv_close(cd);
+    if (r == static_cast<size_t>(-1) || ol != 4)
+        return 0;
+    return static_cast<char32_t>(static_cast<uint8_t>(out[0]) | static_cast<uint8_t>(out[1]) << 8 |
+                                 static_cast<uint8_t>(out[2]) << 16 | static_cast<uint8_t>(out[3]) << 24);
+}
+
+} // namespace
+
+TEST(SymbolSets, EveryPrintableCodeMatchesThePublishedCodePage) {
+    // Sets that are a code page: every code from 32 up prints the code page's character, except
+    // where the code page has a control (C1) or a vendor's private character, which print nothing.
+    struct Pair {
+        uint16_t set;
+        const char* codePage;
+    };
+    const Pair pairs[] = {
+        {symbolSetId(8, 'U'), "HP-ROMAN8"}, {symbolSetId(10, 'U'), "CP437"},    {symbolSetId(12, 'U'), "CP850"},
+        {symbolSetId(17, 'U'), "CP852"},    {symbolSetId(0, 'N'), "ISO-8859-1"}, {symbolSetId(2, 'N'), "ISO-8859-2"},
+        {symbolSetId(5, 'N'), "ISO-8859-9"}, {symbolSetId(19, 'U'), "CP1252"},  {symbolSetId(9, 'E'), "CP1250"},
+        {symbolSetId(5, 'T'), "CP1254"},     {symbolSetId(0, 'U'), "ASCII"},   {symbolSetId(12, 'J'), "MACINTOSH"},
+    };
+    for (const Pair& p : pairs) {
+        ASSERT_NE(fromCodePage(p.codePage, 'A'), 0xFFFFFFFFu) << p.codePage;
+        for (int code = 0x20; code < 256; ++code) {
+            char32_t want = fromCodePage(p.codePage, code);
+            if ((want >= 0x7F && want < 0xA0) || (want >= 0xE000 && want <= 0xF8FF))
+                want = 0;
+            if (p.set == symbolSetId(10, 'U') || p.set == symbolSetId(12, 'U') || p.set == symbolSetId(17, 'U'))
+                if (code == 0x7F)
+                    want = U'\u2302'; // the PC sets print a house at 127
+            if (p.set == symsets::Roman8 && code == 0x27)
+                want = U'\u2019'; // HP's Roman-8 table: the right single quotation mark (MSL 8)
+            if (p.set == symbolSetId(12, 'J') && code == 0xC6 && want == U'\u0394')
+                want = U'\u2206'; // the C library keeps the Macintosh table's old Delta for the increment
+            EXPECT_EQ(symbolSetToUnicode(p.set, code), want) << symbolSetName(p.set) << " code " << code;
+        }
+    }
+}
+
+TEST(SymbolSets, WindowsThreeAndPc8DanishNorwegianDifferWhereHpsTablesSay) {
+    // Windows 3.0 Latin 1 has only the two single quotation marks between 128 and 159.
+    for (int code = 0x80; code < 0xA0; ++code) {
+        const char32_t u = symbolSetToUnicode(symsets::Win30Latin1, code);
+        if (code == 0x91)
+            EXPECT_EQ(u, U'\u2018');
+        else if (code == 0x92)
+            EXPECT_EQ(u, U'\u2019');
+        else
+            EXPECT_EQ(u, 0U) << code;
+    }
+    for (int code = 0xA0; code < 256; ++code)
+        EXPECT_EQ(symbolSetToUnicode(symsets::Win30Latin1, code), fromCodePage("ISO-8859-1", code)) << code;
+    // PC-8 D/N is the Nordic PC code page with L-middle-dot and n-apostrophe.
+    const uint16_t dn = symbolSetId(11, 'U');
+    for (int code = 0x20; code < 0x7F; ++code)
+        EXPECT_EQ(symbolSetToUnicode(dn, code), static_cast<char32_t>(code));
+    EXPECT_EQ(symbolSetToUnicode(dn, 0x9B), U'\u00F8');
+    EXPECT_EQ(symbolSetToUnicode(dn, 0x9D), U'\u00D8');
+    EXPECT_EQ(symbolSetToUnicode(dn, 0x9E), U'\u013F');
+    EXPECT_EQ(symbolSetToUnicode(dn, 0x9F), U'\u0140');
+    EXPECT_EQ(symbolSetToUnicode(dn, 0xAC), U'\u0149');
+}
+
+TEST(SymbolSets, PostScriptSetsFollowAdobesEncodings) {
+    const uint16_t psText = symbolSetId(10, 'J'), psMath = symbolSetId(5, 'M');
+    EXPECT_EQ(symbolSetToUnicode(psText, 0x27), U'\u2019'); // quoteright
+    EXPECT_EQ(symbolSetToUnicode(psText, 0x60), U'\u2018'); // quoteleft
+    EXPECT_EQ(symbolSetToUnicode(psText, 0xAE), U'\uFB01'); // fi
+    EXPECT_EQ(symbolSetToUnicode(psText, 0xD0), U'\u2014'); // emdash
+    EXPECT_EQ(symbolSetToUnicode(psText, 0xE1), U'\u00C6'); // AE
+    EXPECT_EQ(symbolSetToUnicode(psText, 0xA0), 0U);
+    EXPECT_EQ(symbolSetToUnicode(psMath, 0x22), U'\u2200'); // universal
+    EXPECT_EQ(symbolSetToUnicode(psMath, 0x2D), U'\u2212'); // minus
+    EXPECT_EQ(symbolSetToUnicode(psMath, 0x61), U'\u03B1'); // alpha
+    EXPECT_EQ(symbolSetToUnicode(psMath, 0xA5), U'\u221E'); // infinity
+    EXPECT_EQ(symbolSetToUnicode(psMath, 0xF2), U'\u222B'); // integral
+}
+
+TEST(SymbolSets, GroffsLaserJetCharactersAreWhereHpPutsThem) {
+    // Codes that groff's LaserJet driver sends, with the characters HP's metrics give them.
+    const uint16_t desktop = symbolSetId(7, 'J'), math8 = symbolSetId(8, 'M');
+    EXPECT_EQ(symbolSetToUnicode(desktop, 0xC0), U'\u2212'); // minus
+    EXPECT_EQ(symbolSetToUnicode(desktop, 0xAD), U'\uFB01'); // fi
+    EXPECT_EQ(symbolSetToUnicode(desktop, 0xAE), U'\uFB02'); // fl
+    EXPECT_EQ(symbolSetToUnicode(desktop, 'A'), U'A');
+    EXPECT_EQ(symbolSetToUnicode(math8, 0x2D), U'\u2212');
+    EXPECT_EQ(symbolSetToUnicode(math8, ' '), U' ');
+    // A code the set leaves empty prints nothing rather than Roman-8's letter.
+    EXPECT_EQ(symbolSetToUnicode(desktop, 0xA0), 0U);
+    EXPECT_TRUE(symbolSetKnown(desktop));
+    EXPECT_TRUE(symbolSetKnown(math8));
 }
