@@ -105,7 +105,7 @@ private:
 };
 
 std::string refusal(const std::string& what) {
-    return "the input looks like " + what + ", which is not converted (only PCL 5, PCL XL and PJL print files are)";
+    return "the input looks like " + what + ", which is not converted (only PCL 5, PCL XL, PJL and EMF spool print files are)";
 }
 
 } // namespace

@@ -9,6 +9,9 @@
 #if QX_HAVE_PCLXL
 #include "pclxl/pclxl.h"
 #endif
+#if QX_HAVE_EMF
+#include "emf/emf.h"
+#endif
 
 namespace qx::input {
 
@@ -72,6 +75,9 @@ Interpreters Interpreters::builtIn() {
 #if QX_HAVE_PCLXL
     in.pclxl = &qx::pclxl::run;
 #endif
+#if QX_HAVE_EMF
+    in.emf = &qx::emf::run;
+#endif
     return in;
 }
 
@@ -125,6 +131,8 @@ JobLoopResult JobLoop::run(const uint8_t* data, size_t size) {
         } else if (kind == Kind::PclXl) {
             interpreter = m_interpreters.pclxl;
             start = p; // the stream header is the first thing the PCL XL reader sees
+        } else if (kind == Kind::EmfSpool || kind == Kind::Emf) {
+            interpreter = m_interpreters.emf; // the header's leading NULs belong to it
         } else {
             // Reported by the caller, which knows whether anything else was converted.
             pos = skipJob(kind, what, p);

@@ -21,6 +21,7 @@ using Interpreter = size_t (*)(const uint8_t* data, size_t size, JobContext& ctx
 struct Interpreters {
     Interpreter pcl5 = nullptr;  // null: jobs in that language are skipped with a warning
     Interpreter pclxl = nullptr;
+    Interpreter emf = nullptr;   // EMF spool files and EMF metafiles
 
     // The interpreters built into this program.
     static Interpreters builtIn();

@@ -1,0 +1,148 @@
+#pragma once
+// The player's inner state, shared by the files that play the different kinds of record
+// (player.cpp: state, objects, paths and shapes; player_text.cpp: text; player_bitmap.cpp:
+// bitmaps and regions).
+
+#include "emf/player.h"
+
+#include <array>
+#include <set>
+#include <string>
+
+namespace qx::emf {
+
+struct PenObject {
+    uint32_t style = 0;     // PS_* style, end cap, join and type bits
+    double width = 0;       // logical units; 0 = cosmetic (the thinnest line)
+    Rgb color = Rgb::black();
+    std::vector<double> userDashes; // PS_USERSTYLE entries, logical units
+
+    static PenObject cosmetic(uint32_t style, Rgb c) {
+        PenObject p;
+        p.style = style;
+        p.color = c;
+        return p;
+    }
+};
+
+struct BrushObject {
+    uint32_t style = 0;     // BS_SOLID, BS_NULL, BS_HATCHED, BS_PATTERN/DIBPATTERN
+    Rgb color = Rgb::black();
+    uint32_t hatch = 0;
+    std::shared_ptr<const Image> pattern; // for pattern brushes
+    bool monoPattern = false;             // a one-bit pattern: drawn in text and background colour
+
+    static BrushObject solid(Rgb c) {
+        BrushObject b;
+        b.color = c;
+        return b;
+    }
+    static BrushObject null() {
+        BrushObject b;
+        b.style = 1;
+        return b;
+    }
+};
+
+struct FontObject {
+    int32_t height = 0;     // logical units: < 0 the em size, > 0 the cell height, 0 default
+    int32_t width = 0;
+    int32_t escapement = 0; // tenths of a degree, counter-clockwise
+    int32_t weight = 400;
+    bool italic = false, underline = false, strikeOut = false;
+    uint8_t charSet = 0;
+    uint8_t pitchAndFamily = 0;
+    std::string face;       // the face name as ASCII (others as '?')
+};
+
+struct GdiObject {
+    enum class Kind : uint8_t { None, Pen, Brush, Font, Other };
+    Kind kind = Kind::None;
+    PenObject pen;
+    BrushObject brush;
+    FontObject font;
+};
+
+// Everything SaveDC saves.
+struct DcState {
+    int mapMode = 1; // MM_TEXT
+    double windowOrgX = 0, windowOrgY = 0, windowExtX = 1, windowExtY = 1;
+    double viewportOrgX = 0, viewportOrgY = 0, viewportExtX = 1, viewportExtY = 1;
+    Matrix world;
+    PenObject pen;
+    BrushObject brush;
+    FontObject font;
+    Rgb textColor = Rgb::black();
+    Rgb bkColor = Rgb::white();
+    bool bkOpaque = true;
+    uint32_t textAlign = 0;
+    FillRule polyFill = FillRule::EvenOdd;
+    int rop2 = 13;               // R2_COPYPEN
+    bool arcClockwise = false;
+    bool advancedGraphics = false;
+    double miterLimit = 10;
+    Point current;               // logical units
+    std::shared_ptr<const ClipRegion> clip; // page space
+};
+
+struct Player::Impl {
+    Impl(Device& dev, Diagnostics& dg, const FontLibrary* f) : device(dev), diag(dg), fonts(f) {}
+
+    Device& device;
+    Diagnostics& diag;
+    const FontLibrary* fonts;
+
+    EmfHeader header;
+    PagePlacement placement;
+    double devPxToPtX = 1, devPxToPtY = 1; // reference device pixels to points
+    DcState dc;
+    std::vector<DcState> saved;
+    std::vector<GdiObject> objects;
+    // Path bracket: points in page space.
+    bool inPath = false;
+    Path path;
+    bool pathHasOpenFigure = false;
+    size_t records = 0;
+    bool damaged = false;
+    std::set<std::string> warned;
+
+    // --- coordinates (player.cpp)
+    Matrix pageToDeviceUnits() const;     // logical -> reference device pixels
+    Matrix logicalToPage() const;         // world -> our page points
+    Point toPage(Point logical) const { return logicalToPage().apply(logical); }
+    double lengthScale() const;           // page points per logical unit, on average
+    void warnOnce(const std::string& message);
+
+    // --- drawing helpers (player.cpp)
+    RenderState renderState() const;
+    Paint brushPaint(const BrushObject& brush) const;
+    bool penDraws() const { return (dc.pen.style & 0x0f) != 5; } // PS_NULL
+    StrokeStyle strokeStyle() const;
+    // Fills (with the brush) and strokes (with the pen) a closed shape, or adds it to the path.
+    void drawShape(const Path& pagePath, bool fill, bool stroke);
+    void setClip(std::shared_ptr<const ClipRegion> clip) { dc.clip = std::move(clip); }
+    void intersectClip(const Path& pagePath, FillRule rule);
+
+    // --- record groups
+    void playRecord(uint32_t type, Bytes rec);
+    bool playShapeRecord(uint32_t type, Bytes rec);
+    bool playStateRecord(uint32_t type, Bytes rec);
+    bool playObjectRecord(uint32_t type, Bytes rec);
+    bool playPathRecord(uint32_t type, Bytes rec);
+    bool playTextRecord(uint32_t type, Bytes rec);   // player_text.cpp
+    bool playBitmapRecord(uint32_t type, Bytes rec); // player_bitmap.cpp
+    bool playRegionRecord(uint32_t type, Bytes rec); // player_bitmap.cpp
+
+    void drawText(Point reference, const std::u32string& text, const std::vector<double>& dx, uint32_t options,
+                  const int32_t* rect, bool graphicsAdvanced); // player_text.cpp
+    // A RGNDATA region (rectangles in reference device pixels) as a page path.
+    bool regionPath(Bytes rgnData, Path& out) const;     // player_bitmap.cpp
+};
+
+// A COLORREF (0x00bbggrr).
+inline Rgb colorRef(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16)}; }
+
+// The ROP3 that a binary raster operation (R2_*) makes: the pen or brush is the texture.
+uint8_t rop3FromRop2(int rop2);
+
+} // namespace qx::emf
