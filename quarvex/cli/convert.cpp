@@ -237,6 +237,8 @@ int convert(const Options& options) {
         if (writer.pageCount() == 0) {
             if (result.skippedJobs > 0)
                 finalError(refusal(result.firstSkippedWhat));
+            else if (kind == input::Kind::EmfSpool || kind == input::Kind::Emf)
+                finalError("no page: the input looks like " + input::describe(kind) + " but prints nothing");
             else
                 finalError("no page: the input prints nothing");
             break;

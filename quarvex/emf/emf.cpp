@@ -50,6 +50,12 @@ void playPage(Bytes emf, const SpoolPage* spooled, JobContext& ctx, Player& play
         ctx.diag.warning("EMF: page " + std::to_string(pageNumber) + " does not start with an EMF header; skipped");
         return;
     }
+    // A metafile broken before it draws anything is no page at all.
+    const MetafileWalk walk = walkRecords(emf);
+    if (!walk.intact && walk.records <= 1) {
+        ctx.diag.warning("EMF: page " + std::to_string(pageNumber) + " is damaged before anything is drawn; skipped");
+        return;
+    }
     const PagePlacement placement = placePage(header, spooled);
     ctx.device.beginPage(placement.page);
     player.play(emf, header, placement);

@@ -93,6 +93,23 @@ bool readHeader(Bytes data, EmfHeader& h) {
     return true;
 }
 
+MetafileWalk walkRecords(Bytes mf) {
+    MetafileWalk w;
+    size_t pos = 0;
+    while (mf.size - pos >= 8) {
+        const uint32_t size = mf.u32(pos + 4);
+        if (size < 8 || size % 4 != 0 || size > mf.size - pos)
+            return w;
+        ++w.records;
+        if (mf.u32(pos) == EMR_EOF) {
+            w.intact = true;
+            return w;
+        }
+        pos += size;
+    }
+    return w;
+}
+
 Player::Player(Device& device, Diagnostics& diag, const FontLibrary* fonts)
     : d(std::make_unique<Impl>(device, diag, fonts)) {}
 Player::~Player() = default;

@@ -54,6 +54,14 @@ bool readHeader(Bytes data, EmfHeader& header);
 // True when data starts with an EMF header record (type 1 and the " EMF" signature).
 bool isEmf(const uint8_t* data, size_t size);
 
+// How many whole records the metafile holds before its end-of-file record or the first record
+// whose size is impossible (the header included), and whether it ends properly.
+struct MetafileWalk {
+    size_t records = 0;
+    bool intact = false;
+};
+MetafileWalk walkRecords(Bytes metafile);
+
 struct PagePlacement {
     PageSpec page;
     double originXMm = 0; // the point of the reference device that lands on the page's top-left

@@ -70,7 +70,7 @@ struct DcState {
     double viewportOrgX = 0, viewportOrgY = 0, viewportExtX = 1, viewportExtY = 1;
     Matrix world;
     PenObject pen;
-    BrushObject brush;
+    BrushObject brush = BrushObject::solid(Rgb::white());
     FontObject font;
     Rgb textColor = Rgb::black();
     Rgb bkColor = Rgb::white();
