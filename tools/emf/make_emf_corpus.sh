@@ -10,7 +10,7 @@
 #     stores it as a one-bit Group 4 TIFF: the reference ink of the page.
 # The four metafiles are wrapped into one EMF spool file (make_spool.py, Letter paper; stored
 # gzip-compressed, the test unpacks it), and one metafile is kept on its own to test plain EMF
-# input.
+# input. With EMF_KEEP_PDF=DIR the PDFs are kept there too (for bench/emf).
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 out=${1:-$here/../../tests/quarvex/emf/data}
@@ -39,6 +39,10 @@ done
 python3 "$here/make_spool.py" --paper letter lo_inkscape_4pages.spl "${pages[@]/%/.emf}"
 gzip -9n <lo_inkscape_4pages.spl >"$out/lo_inkscape_4pages.spl.gz"
 tiffcp -c g4 "${refs[@]}" "$out/lo_inkscape_4pages.ref.tif"
+if [ -n "${EMF_KEEP_PDF:-}" ]; then
+    mkdir -p "$EMF_KEEP_PDF"
+    cp ./*.pdf "$EMF_KEEP_PDF/"
+fi
 cp emf_rotated.emf "$out/lo_rotated.emf"
 cp emf_rotated.ref.tif "$out/lo_rotated.ref.tif"
 ls -l "$out"
