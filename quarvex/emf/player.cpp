@@ -279,16 +279,49 @@ void Player::Impl::drawShape(const Path& p, bool fill, bool stroke) {
         device.strokePath(p, strokeStyle(), Paint::solid(dc.pen.color), rs);
 }
 
-void Player::Impl::intersectClip(const Path& p, FillRule rule) {
+bool Player::Impl::setClipEntries(std::vector<ClipRegion::Entry> entries) {
+    size_t points = 0;
+    for (const ClipRegion::Entry& e : entries)
+        points += e.path.points().size();
+    if (points > kMaxClipPoints - clipPointsUsed) {
+        warnOnce("clipping paths too large in all; later clipping is left out");
+        return false;
+    }
+    clipPointsUsed += points;
     auto clip = std::make_shared<ClipRegion>();
+    clip->entries = std::move(entries);
+    dc.clip = std::move(clip);
+    return true;
+}
+
+void Player::Impl::intersectClip(const Path& p, FillRule rule) {
+    std::vector<ClipRegion::Entry> entries;
     if (dc.clip)
-        *clip = *dc.clip;
-    if (clip->entries.size() >= kMaxClipEntries) {
+        entries = dc.clip->entries;
+    if (entries.size() >= kMaxClipEntries) {
         warnOnce("too many clipping paths on top of each other; the innermost ones are left out");
         return;
     }
-    clip->entries.push_back({p, rule});
-    dc.clip = std::move(clip);
+    entries.push_back({p, rule});
+    setClipEntries(std::move(entries));
+}
+
+void Player::Impl::combineClip(Path p, FillRule rule, uint32_t mode) {
+    if (mode == RGN_AND) {
+        intersectClip(p, rule);
+    } else if (mode == RGN_DIFF) {
+        // Inside a rectangle far larger than any page, but not inside the path.
+        Path outside;
+        outside.addRect(-1e5, -1e5, 2e5, 2e5);
+        outside.append(p);
+        intersectClip(outside, FillRule::EvenOdd);
+    } else if (mode == RGN_OR && !dc.clip) {
+        // Everything or'ed with anything is still everything.
+    } else {
+        if (mode != RGN_COPY)
+            warnOnce("clipping by a union or exclusive-or is taken as the new region alone");
+        setClipEntries({{std::move(p), rule}});
+    }
 }
 
 bool Player::play(Bytes mf, const EmfHeader& header, const PagePlacement& placement) {
@@ -309,6 +342,8 @@ bool Player::play(Bytes mf, const EmfHeader& header, const PagePlacement& placem
     s.objects.clear();
     s.inPath = false;
     s.path.clear();
+    s.clipPointsUsed = 0;
+    s.patternBytesUsed = 0;
 
     size_t pos = 0;
     bool ended = false;
@@ -537,10 +572,13 @@ bool Player::Impl::playObjectRecord(uint32_t type, Bytes rec) {
         const Bytes info = rec.sub(rec.u32(16), rec.u32(20));
         const Bytes bits = rec.sub(rec.u32(24), rec.u32(28));
         // A pattern tile larger than this is a hostile one, not a brush.
-        if (info.u32(0) >= 12 && std::abs(int64_t(info.i32(4))) * std::abs(int64_t(info.i32(8))) <= (1 << 20)) {
+        const int64_t pixels = std::abs(int64_t(info.i32(4))) * std::abs(int64_t(info.i32(8)));
+        if (info.u32(0) >= 12 && pixels <= (1 << 20) && size_t(pixels) * 3 <= kMaxPatternBytes - patternBytesUsed) {
             DibResult r = decodeDib(info, bits, rec.u32(12) == 1);
-            if (r.image)
+            if (r.image) {
+                patternBytesUsed += r.image->data.size();
                 o->brush.pattern = std::make_shared<const Image>(std::move(*r.image));
+            }
         }
         if (!o->brush.pattern) {
             warnOnce("a pattern brush without a usable bitmap is drawn as solid grey");
@@ -655,26 +693,7 @@ bool Player::Impl::playPathRecord(uint32_t type, Bytes rec) {
         inPath = false;
         Path p = std::move(path);
         path.clear();
-        const uint32_t mode = rec.u32(8);
-        if (mode == RGN_COPY) {
-            auto clip = std::make_shared<ClipRegion>();
-            clip->entries.push_back({std::move(p), dc.polyFill});
-            dc.clip = std::move(clip);
-        } else if (mode == RGN_AND) {
-            intersectClip(p, dc.polyFill);
-        } else if (mode == RGN_DIFF) {
-            Path outside;
-            outside.addRect(-1e5, -1e5, 2e5, 2e5);
-            outside.append(p);
-            intersectClip(outside, FillRule::EvenOdd);
-        } else if (mode == RGN_OR && !dc.clip) {
-            // Everything or'ed with anything is still everything.
-        } else {
-            warnOnce("clipping by union or exclusive-or of paths is taken as the new path alone");
-            auto clip = std::make_shared<ClipRegion>();
-            clip->entries.push_back({std::move(p), dc.polyFill});
-            dc.clip = std::move(clip);
-        }
+        combineClip(std::move(p), dc.polyFill, rec.u32(8));
         return true;
     }
     default:

@@ -35,6 +35,10 @@ inline constexpr size_t kMaxSaveDepth = 256;
 inline constexpr size_t kMaxClipEntries = 32;
 // At most this many path points are kept for one path bracket.
 inline constexpr size_t kMaxPathPoints = size_t(1) << 22;
+// Clip regions and pattern brushes made on one page may hold at most this many path points
+// and pixel bytes in all; past that, further ones are skipped with a warning.
+inline constexpr size_t kMaxClipPoints = size_t(1) << 23;
+inline constexpr size_t kMaxPatternBytes = size_t(64) << 20;
 
 // The facts from the EMR_HEADER record that placing a page needs.
 struct EmfHeader {

@@ -269,24 +269,7 @@ bool Player::Impl::playRegionRecord(uint32_t type, Bytes rec) {
             warnOnce("a clipping region that runs past its record is ignored");
             return true;
         }
-        if (mode == RGN_COPY) {
-            auto clip = std::make_shared<ClipRegion>();
-            clip->entries.push_back({std::move(p), FillRule::NonZero});
-            dc.clip = std::move(clip);
-        } else if (mode == RGN_AND) {
-            intersectClip(p, FillRule::NonZero);
-        } else if (mode == RGN_DIFF) {
-            Path outside;
-            outside.addRect(-1e5, -1e5, 2e5, 2e5);
-            outside.append(p);
-            intersectClip(outside, FillRule::EvenOdd);
-        } else if (mode == RGN_OR && !dc.clip) {
-        } else {
-            warnOnce("clipping by union or exclusive-or of regions is taken as the new region alone");
-            auto clip = std::make_shared<ClipRegion>();
-            clip->entries.push_back({std::move(p), FillRule::NonZero});
-            dc.clip = std::move(clip);
-        }
+        combineClip(std::move(p), FillRule::NonZero, mode);
         return true;
     }
     case EMR_INTERSECTCLIPRECT:
@@ -308,10 +291,10 @@ bool Player::Impl::playRegionRecord(uint32_t type, Bytes rec) {
         if (dc.clip) {
             const Matrix m = logicalToPage();
             const Point o = m.applyVector({double(rec.i32(8)), double(rec.i32(12))});
-            auto clip = std::make_shared<ClipRegion>(*dc.clip);
-            for (auto& e : clip->entries)
+            std::vector<ClipRegion::Entry> entries = dc.clip->entries;
+            for (auto& e : entries)
                 e.path = e.path.transformed(Matrix::translate(o.x, o.y));
-            dc.clip = std::move(clip);
+            setClipEntries(std::move(entries));
         }
         return true;
     case EMR_FILLRGN:

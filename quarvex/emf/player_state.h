@@ -103,6 +103,8 @@ struct Player::Impl {
     Path path;
     bool pathHasOpenFigure = false;
     size_t records = 0;
+    size_t clipPointsUsed = 0;    // clip path points made on this page
+    size_t patternBytesUsed = 0;  // pattern brush pixels decoded on this page
     bool damaged = false;
     std::set<std::string> warned;
 
@@ -120,8 +122,12 @@ struct Player::Impl {
     StrokeStyle strokeStyle() const;
     // Fills (with the brush) and strokes (with the pen) a closed shape, or adds it to the path.
     void drawShape(const Path& pagePath, bool fill, bool stroke);
-    void setClip(std::shared_ptr<const ClipRegion> clip) { dc.clip = std::move(clip); }
+    // The clip becomes the intersection of entries, when the page's budget of clip path
+    // points allows (every clip region made counts, since saved states keep theirs).
+    bool setClipEntries(std::vector<ClipRegion::Entry> entries);
     void intersectClip(const Path& pagePath, FillRule rule);
+    // Combines a page-space path with the clip as a region mode (RGN_AND, RGN_COPY, ...) says.
+    void combineClip(Path pagePath, FillRule rule, uint32_t mode);
 
     // --- record groups
     void playRecord(uint32_t type, Bytes rec);

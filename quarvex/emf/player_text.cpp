@@ -172,11 +172,11 @@ void Player::Impl::drawText(Point reference, const std::u32string& text, const s
     if (rect && (options & ETO_OPAQUE) && !inPath)
         device.fillPath(rectPath(rect[0], rect[1], rect[2], rect[3]), FillRule::NonZero, Paint::solid(dc.bkColor), rs);
     if (rect && (options & ETO_CLIPPED)) {
-        auto clip = std::make_shared<ClipRegion>();
-        if (dc.clip)
-            *clip = *dc.clip;
-        clip->entries.push_back({rectPath(rect[0], rect[1], rect[2], rect[3]), FillRule::NonZero});
-        rs.clip = std::move(clip);
+        // The clip of this record only: made like any other and put back afterwards.
+        const std::shared_ptr<const ClipRegion> kept = dc.clip;
+        intersectClip(rectPath(rect[0], rect[1], rect[2], rect[3]), FillRule::NonZero);
+        rs.clip = dc.clip;
+        dc.clip = kept;
     }
     if (text.empty())
         return;

@@ -126,6 +126,27 @@ TEST(EmfSpool, HeaderSizePastTheEndAndCutRecords) {
     }
 }
 
+TEST(EmfSpool, OffsetRecordsAreCheckedNeverFollowed) {
+    // Page offset records that point at themselves, before the file or far back are only
+    // checked: reading goes forward record by record, so they cannot make it loop.
+    const Buffer page = EmfWriter().rec(RECTANGLE, {10, 10, 100, 100}).finish();
+    Buffer spool = test::makeSpool({page});
+    for (uint64_t back : {uint64_t(0), uint64_t(1) << 40, uint64_t(8)}) {
+        Buffer s = spool;
+        const size_t ext = s.size() - 16;
+        test::set32(s, ext + 8, uint32_t(back));
+        test::set32(s, ext + 12, uint32_t(back >> 32));
+        // Many more of them after it.
+        for (int i = 0; i < 1000; ++i)
+            s.insert(s.end(), s.begin() + long(ext), s.begin() + long(ext) + 16);
+        const SpoolContents c = readSpool(s.data(), s.size());
+        EXPECT_EQ(c.pages.size(), 1u);
+        EXPECT_EQ(c.used, s.size());
+        Played r(s);
+        EXPECT_EQ(r.device.pageCount(), 1);
+    }
+}
+
 TEST(EmfPlayer, PlainEmfPageFromItsFrame) {
     const Buffer emf = EmfWriter(100, 50, 4).rec(RECTANGLE, {0, 0, 200, 100}).finish();
     Played r(emf);
