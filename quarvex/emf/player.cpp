@@ -511,31 +511,30 @@ bool Player::Impl::playStateRecord(uint32_t type, Bytes rec) {
 }
 
 bool Player::Impl::playObjectRecord(uint32_t type, Bytes rec) {
-    auto slot = [&](uint32_t index) -> GdiObject* {
+    // A fresh object of that kind in the handle table; null for a handle out of range.
+    auto fresh = [&](uint32_t index, GdiObject::Kind kind) -> GdiObject* {
         if (index == 0 || index >= 0x10000)
             return nullptr;
         if (index >= objects.size())
             objects.resize(size_t(index) + 1);
+        objects[index] = GdiObject{};
+        objects[index].kind = kind;
         return &objects[index];
     };
     switch (type) {
     case EMR_CREATEPEN: {
-        GdiObject* o = slot(rec.u32(8));
+        GdiObject* o = fresh(rec.u32(8), GdiObject::Kind::Pen);
         if (!o)
             return true;
-        *o = GdiObject{};
-        o->kind = GdiObject::Kind::Pen;
         o->pen.style = rec.u32(12);
         o->pen.width = std::fabs(double(rec.i32(16)));
         o->pen.color = colorRef(rec.u32(24));
         return true;
     }
     case EMR_EXTCREATEPEN: {
-        GdiObject* o = slot(rec.u32(8));
+        GdiObject* o = fresh(rec.u32(8), GdiObject::Kind::Pen);
         if (!o)
             return true;
-        *o = GdiObject{};
-        o->kind = GdiObject::Kind::Pen;
         o->pen.style = rec.u32(28);
         o->pen.width = double(rec.u32(32));
         o->pen.color = colorRef(rec.u32(40));
@@ -547,11 +546,9 @@ bool Player::Impl::playObjectRecord(uint32_t type, Bytes rec) {
         return true;
     }
     case EMR_CREATEBRUSHINDIRECT: {
-        GdiObject* o = slot(rec.u32(8));
+        GdiObject* o = fresh(rec.u32(8), GdiObject::Kind::Brush);
         if (!o)
             return true;
-        *o = GdiObject{};
-        o->kind = GdiObject::Kind::Brush;
         o->brush.style = rec.u32(12);
         o->brush.color = colorRef(rec.u32(16));
         o->brush.hatch = rec.u32(20);
@@ -561,11 +558,9 @@ bool Player::Impl::playObjectRecord(uint32_t type, Bytes rec) {
     }
     case EMR_CREATEMONOBRUSH:
     case EMR_CREATEDIBPATTERNBRUSHPT: {
-        GdiObject* o = slot(rec.u32(8));
+        GdiObject* o = fresh(rec.u32(8), GdiObject::Kind::Brush);
         if (!o)
             return true;
-        *o = GdiObject{};
-        o->kind = GdiObject::Kind::Brush;
         o->brush.style = 5;
         o->brush.color = Rgb::black();
         o->brush.monoPattern = type == EMR_CREATEMONOBRUSH;
@@ -588,11 +583,9 @@ bool Player::Impl::playObjectRecord(uint32_t type, Bytes rec) {
         return true;
     }
     case EMR_EXTCREATEFONTINDIRECTW: {
-        GdiObject* o = slot(rec.u32(8));
+        GdiObject* o = fresh(rec.u32(8), GdiObject::Kind::Font);
         if (!o)
             return true;
-        *o = GdiObject{};
-        o->kind = GdiObject::Kind::Font;
         FontObject& f = o->font;
         f.height = rec.i32(12);
         f.width = rec.i32(16);
@@ -845,13 +838,7 @@ bool Player::Impl::playShapeRecord(uint32_t type, Bytes rec) {
     case EMR_RECTANGLE: {
         double l, t, r, b;
         boxOf(8, l, t, r, b);
-        Path p;
-        p.moveTo(m.apply({l, t}));
-        p.lineTo(m.apply({r, t}));
-        p.lineTo(m.apply({r, b}));
-        p.lineTo(m.apply({l, b}));
-        p.close();
-        drawShape(p, true, true);
+        drawShape(rectPath(m, l, t, r, b), true, true);
         return true;
     }
     case EMR_ROUNDRECT: {

@@ -137,7 +137,6 @@ bool Player::Impl::playBitmapRecord(uint32_t type, Bytes rec) {
                 const double f0 = double(i) / kBands, f1 = double(i + 1) / kBands, fm = (i + 0.5) / kBands;
                 Rgb c{uint8_t(std::lround(c0[0] + (c1[0] - c0[0]) * fm)), uint8_t(std::lround(c0[1] + (c1[1] - c0[1]) * fm)),
                       uint8_t(std::lround(c0[2] + (c1[2] - c0[2]) * fm))};
-                Path p;
                 Point q0 = p0, q1 = p1;
                 if (mode == 0) {
                     q0.x = p0.x + (p1.x - p0.x) * f0;
@@ -146,12 +145,7 @@ bool Player::Impl::playBitmapRecord(uint32_t type, Bytes rec) {
                     q0.y = p0.y + (p1.y - p0.y) * f0;
                     q1.y = p0.y + (p1.y - p0.y) * f1;
                 }
-                p.moveTo(m.apply({q0.x, q0.y}));
-                p.lineTo(m.apply({q1.x, q0.y}));
-                p.lineTo(m.apply({q1.x, q1.y}));
-                p.lineTo(m.apply({q0.x, q1.y}));
-                p.close();
-                device.fillPath(p, FillRule::NonZero, Paint::solid(c), rs);
+                device.fillPath(rectPath(m, q0.x, q0.y, q1.x, q1.y), FillRule::NonZero, Paint::solid(c), rs);
             }
         }
         return true;
@@ -169,12 +163,7 @@ bool Player::Impl::playBitmapRecord(uint32_t type, Bytes rec) {
     const Paint texture = brushPaint(dc.brush);
     if (!usesSource(rop3)) {
         // A pattern or destination operation over the destination rectangle.
-        Path p;
-        p.moveTo(m.apply({double(xDest), double(yDest)}));
-        p.lineTo(m.apply({double(xDest) + cxDest, double(yDest)}));
-        p.lineTo(m.apply({double(xDest) + cxDest, double(yDest) + cyDest}));
-        p.lineTo(m.apply({double(xDest), double(yDest) + cyDest}));
-        p.close();
+        const Path p = rectPath(m, xDest, yDest, double(xDest) + cxDest, double(yDest) + cyDest);
         device.fillPath(p, FillRule::NonZero, texture.kind == Paint::Kind::None ? Paint::solid(Rgb::white()) : texture, rs);
         return true;
     }
@@ -275,16 +264,8 @@ bool Player::Impl::playRegionRecord(uint32_t type, Bytes rec) {
     case EMR_INTERSECTCLIPRECT:
     case EMR_EXCLUDECLIPRECT: {
         const Matrix m = logicalToPage();
-        const double l = rec.i32(8), t = rec.i32(12), r = rec.i32(16), b = rec.i32(20);
-        Path p;
-        if (type == EMR_EXCLUDECLIPRECT)
-            p.addRect(-1e5, -1e5, 2e5, 2e5);
-        p.moveTo(m.apply({l, t}));
-        p.lineTo(m.apply({r, t}));
-        p.lineTo(m.apply({r, b}));
-        p.lineTo(m.apply({l, b}));
-        p.close();
-        intersectClip(p, type == EMR_EXCLUDECLIPRECT ? FillRule::EvenOdd : FillRule::NonZero);
+        const Path p = rectPath(m, rec.i32(8), rec.i32(12), rec.i32(16), rec.i32(20));
+        combineClip(p, FillRule::NonZero, type == EMR_EXCLUDECLIPRECT ? RGN_DIFF : RGN_AND);
         return true;
     }
     case EMR_OFFSETCLIPRGN:

@@ -145,6 +145,17 @@ struct Player::Impl {
     bool regionPath(Bytes rgnData, Path& out) const;     // player_bitmap.cpp
 };
 
+// The rectangle with corners (l, t) and (r, b), mapped by m, as a closed path.
+inline Path rectPath(const Matrix& m, double l, double t, double r, double b) {
+    Path p;
+    p.moveTo(m.apply({l, t}));
+    p.lineTo(m.apply({r, t}));
+    p.lineTo(m.apply({r, b}));
+    p.lineTo(m.apply({l, b}));
+    p.close();
+    return p;
+}
+
 // A COLORREF (0x00bbggrr).
 inline Rgb colorRef(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16)}; }
 

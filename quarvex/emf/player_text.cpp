@@ -160,21 +160,12 @@ void Player::Impl::drawText(Point reference, const std::u32string& text, const s
     rs.patternTransparent = false;
     rs.clip = dc.clip;
 
-    auto rectPath = [&](double l, double t, double r, double b) {
-        Path p;
-        p.moveTo(m.apply({l, t}));
-        p.lineTo(m.apply({r, t}));
-        p.lineTo(m.apply({r, b}));
-        p.lineTo(m.apply({l, b}));
-        p.close();
-        return p;
-    };
     if (rect && (options & ETO_OPAQUE) && !inPath)
-        device.fillPath(rectPath(rect[0], rect[1], rect[2], rect[3]), FillRule::NonZero, Paint::solid(dc.bkColor), rs);
+        device.fillPath(rectPath(m, rect[0], rect[1], rect[2], rect[3]), FillRule::NonZero, Paint::solid(dc.bkColor), rs);
     if (rect && (options & ETO_CLIPPED)) {
         // The clip of this record only: made like any other and put back afterwards.
         const std::shared_ptr<const ClipRegion> kept = dc.clip;
-        intersectClip(rectPath(rect[0], rect[1], rect[2], rect[3]), FillRule::NonZero);
+        intersectClip(rectPath(m, rect[0], rect[1], rect[2], rect[3]), FillRule::NonZero);
         rs.clip = dc.clip;
         dc.clip = kept;
     }

@@ -63,6 +63,22 @@ int32_t f32bits(float f) {
     return v;
 }
 
+// The body of an EMR_STRETCHDIBITS record (after type and size) with a 24-bit w x h
+// BITMAPINFOHEADER at offset 80 and the pixels to follow at offset 120 (16 bytes declared).
+Buffer stretchDibits(int x, int y, int w, int h, int cx, int cy) {
+    Buffer rec;
+    for (int v : {0, 0, 0, 0, x, y, /*xSrc*/ 0, 0, w, h, /*offBmi*/ 80, 40, /*offBits*/ 120, 16, /*usage*/ 0,
+                  /*rop*/ 0x00CC0020, cx, cy})
+        test::put32(rec, uint32_t(v));
+    for (int v : {40, w, h})
+        test::put32(rec, uint32_t(v));
+    test::put16(rec, 1);
+    test::put16(rec, 24);
+    for (int i = 0; i < 6; ++i)
+        test::put32(rec, 0);
+    return rec;
+}
+
 TEST(EmfRecognise, TellsSpoolEmfAndXpsApart) {
     const Buffer emf = EmfWriter().finish();
     const Buffer spool = test::makeSpool({emf});
@@ -240,16 +256,7 @@ TEST(EmfPlayer, BinaryRasterOperationsBecomeRop3) {
 
 TEST(EmfPlayer, StretchDibitsDrawsTheBitmapWithItsRop) {
     // A 2x2 24-bit bottom-up DIB: bottom row blue, red; top row green, white.
-    Buffer rec;
-    for (int v : {0, 0, 0, 0, /*xDest*/ 10, 20, /*xSrc*/ 0, 0, /*cxSrc*/ 2, 2, /*offBmi*/ 80, 40,
-                  /*offBits*/ 120, 16, /*usage*/ 0, /*rop*/ 0x00CC0020, /*cxDest*/ 40, 40})
-        test::put32(rec, uint32_t(v));
-    for (int v : {40, 2, 2})
-        test::put32(rec, uint32_t(v));
-    test::put16(rec, 1);
-    test::put16(rec, 24);
-    for (int i = 0; i < 6; ++i)
-        test::put32(rec, 0);
+    Buffer rec = stretchDibits(10, 20, 2, 2, 40, 40);
     const uint8_t bits[16] = {255, 0, 0, 0, 0, 255, 0, 0, 0, 255, 0, 255, 255, 255, 0, 0};
     rec.insert(rec.end(), bits, bits + 16);
     const Buffer emf = EmfWriter().raw(STRETCHDIBITS, rec).finish();
@@ -316,15 +323,7 @@ TEST(EmfHostile, BadRecordSizesEndThePage) {
 }
 
 TEST(EmfHostile, HugeBitmapsAndCountsAreRefused) {
-    Buffer rec;
-    for (int v : {0, 0, 0, 0, 0, 0, 0, 0, 60000, 60000, 80, 40, 120, 16, 0, 0x00CC0020, 100, 100})
-        test::put32(rec, uint32_t(v));
-    for (int v : {40, 60000, 60000})
-        test::put32(rec, uint32_t(v));
-    test::put16(rec, 1);
-    test::put16(rec, 24);
-    for (int i = 0; i < 6; ++i)
-        test::put32(rec, 0);
+    Buffer rec = stretchDibits(0, 0, 60000, 60000, 100, 100);
     rec.resize(rec.size() + 16, 0);
     Played r(EmfWriter().raw(STRETCHDIBITS, rec).finish());
     EXPECT_TRUE(r.warned("too large to draw"));
