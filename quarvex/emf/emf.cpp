@@ -12,12 +12,13 @@ namespace qx::emf {
 namespace {
 
 constexpr double kPtPerMm = 72.0 / 25.4;
-// Sheets are kept between 1 mm and about 5 m a side.
-constexpr double kMinSideMm = 1, kMaxSideMm = 5000;
+// Sheets are kept between 1 mm and 1.2 m a side (A0 is 841 x 1189 mm): a frame beyond that is
+// damage, not paper, and would only ask for memory.
+constexpr double kMinSideMm = 1, kMaxSideMm = 1200;
 
 // Where the page goes: the devmode's sheet with the device's origin at its corner, or the
 // metafile's frame as the whole sheet.
-PagePlacement placePage(const EmfHeader& h, const SpoolPage* spooled) {
+PagePlacement placePage(const EmfHeader& h, const SpoolPage* spooled, Diagnostics& diag) {
     PagePlacement p;
     // The frame is inclusive-inclusive, in hundredths of a millimetre.
     double wMm = (double(h.frameRight) - h.frameLeft + 1) / 100.0;
@@ -35,6 +36,8 @@ PagePlacement placePage(const EmfHeader& h, const SpoolPage* spooled) {
     }
     if (!(wMm >= kMinSideMm && hMm >= kMinSideMm && wMm <= kMaxSideMm && hMm <= kMaxSideMm)) {
         // No usable frame: Letter.
+        diag.warning("EMF: a page of " + std::to_string(long(wMm)) + " x " + std::to_string(long(hMm)) +
+                     " mm is no sheet; drawn on Letter");
         wMm = 215.9;
         hMm = 279.4;
         p.originXMm = p.originYMm = 0;
@@ -56,7 +59,7 @@ void playPage(Bytes emf, const SpoolPage* spooled, JobContext& ctx, Player& play
         ctx.diag.warning("EMF: page " + std::to_string(pageNumber) + " is damaged before anything is drawn; skipped");
         return;
     }
-    const PagePlacement placement = placePage(header, spooled);
+    const PagePlacement placement = placePage(header, spooled, ctx.diag);
     ctx.device.beginPage(placement.page);
     player.play(emf, header, placement);
     ctx.device.endPage();

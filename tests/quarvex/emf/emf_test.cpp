@@ -337,6 +337,15 @@ TEST(EmfHostile, HugeBitmapsAndCountsAreRefused) {
     EXPECT_TRUE(g.warned("clipping region"));
 }
 
+TEST(EmfHostile, AFrameLargerThanAnySheetIsDrawnOnLetter) {
+    Buffer emf = EmfWriter().rec(RECTANGLE, {0, 0, 10, 10}).finish();
+    test::set32(emf, 32, 499999); // 5 m square
+    test::set32(emf, 36, 499999);
+    Played r(emf);
+    EXPECT_NE(r.calls.find("beginPage 612x792"), std::string::npos) << r.calls;
+    EXPECT_TRUE(r.warned("is no sheet"));
+}
+
 TEST(EmfHostile, MissingEndOfFileIsAWarning) {
     Buffer emf = EmfWriter().rec(RECTANGLE, {0, 0, 10, 10}).finish();
     emf.resize(emf.size() - 20);
