@@ -384,9 +384,14 @@ void Player::Impl::playRecord(uint32_t type, Bytes rec) {
         playRegionRecord(type, rec))
         return;
     switch (type) {
+    case EMR_COMMENT:
+        // GDI+ writes its own records into comments; an "EMF+ only" metafile (the header
+        // record's dual flag clear) has no GDI records to draw.
+        if (rec.u32(12) == 0x2B464D45 && rec.u16(16) == 0x4001 && !(rec.u16(18) & 1))
+            warnOnce("the page is drawn in EMF+ records only, which are not read");
+        return;
     // Records that change nothing on paper.
     case EMR_HEADER:
-    case EMR_COMMENT:
     case EMR_SETBRUSHORGEX:
     case EMR_SETMAPPERFLAGS:
     case EMR_SETSTRETCHBLTMODE:
