@@ -3,9 +3,11 @@
 // (player.cpp: state, objects, paths and shapes; player_text.cpp: text; player_bitmap.cpp:
 // bitmaps and regions).
 
+#include "emf/file_face.h"
 #include "emf/player.h"
 
 #include <array>
+#include <map>
 #include <set>
 #include <string>
 
@@ -107,6 +109,10 @@ struct Player::Impl {
     size_t patternBytesUsed = 0;  // pattern brush pixels decoded on this page
     bool damaged = false;
     std::set<std::string> warned;
+    // Font files opened for faces that no resident font stands in for, by file name (null:
+    // not found); kept for the whole job.
+    std::map<std::string, std::unique_ptr<FileFace>> fileFaces;
+    const FileFace* fileFaceFor(const FontObject& font); // player_text.cpp
 
     // --- coordinates (player.cpp)
     Matrix pageToDeviceUnits() const;     // logical -> reference device pixels

@@ -4,7 +4,9 @@
 // metric-compatible stand-ins in Debian, which the font library carries as resident fonts:
 // Arial and other sans serif faces are drawn with Liberation Sans, Times New Roman and other
 // serif faces with Liberation Serif, Courier New and other fixed-pitch faces with a Courier
-// metric face (Nimbus Mono PS or Liberation Mono). Where the record gives the advance of each
+// metric face (Nimbus Mono PS or Liberation Mono). Faces that name DejaVu, and Verdana-like
+// sans serifs (Verdana, Tahoma, Segoe UI, Bitstream Vera), whose shapes and widths DejaVu Sans
+// follows most closely, are drawn with the DejaVu files beside the resident fonts. Where the record gives the advance of each
 // character (the Dx array, which printer drivers and office programs always write) the
 // characters land exactly where the document put them, whatever the stand-in's own widths.
 
@@ -57,6 +59,23 @@ int pickFont(const FontLibrary& fonts, const FontObject& f) {
     if (index < 0)
         index = fonts.selectByName(base);
     return index;
+}
+
+// The DejaVu file for a face, or "" when a resident font stands in for it.
+std::string dejaVuFile(const FontObject& f) {
+    const std::string face = lower(f.face);
+    auto has = [&](const char* w) { return face.find(w) != std::string::npos; };
+    const bool dejavu = has("dejavu");
+    if (!dejavu && !has("verdana") && !has("tahoma") && !has("segoe") && !has("vera"))
+        return "";
+    std::string base = "DejaVuSans", slant = "Oblique";
+    if (has("mono"))
+        base = "DejaVuSansMono";
+    else if (dejavu && has("serif") && !has("sans"))
+        base = "DejaVuSerif", slant = "Italic";
+    const bool bold = f.weight >= 600;
+    const std::string suffix = bold && f.italic ? "-Bold" + slant : bold ? "-Bold" : f.italic ? "-" + slant : "";
+    return base + suffix + ".ttf";
 }
 
 // Windows-1252's characters in 0x80..0x9f; the rest of the code page is Latin-1.
@@ -150,6 +169,19 @@ bool Player::Impl::playTextRecord(uint32_t type, Bytes rec) {
     }
 }
 
+const FileFace* Player::Impl::fileFaceFor(const FontObject& font) {
+    const std::string file = dejaVuFile(font);
+    if (file.empty() || !fonts)
+        return nullptr;
+    auto it = fileFaces.find(file);
+    if (it == fileFaces.end()) {
+        std::vector<std::string> folders = fonts->folders();
+        folders.push_back("/usr/share/fonts/truetype/dejavu");
+        it = fileFaces.emplace(file, FileFace::open(file, folders)).first;
+    }
+    return it->second.get();
+}
+
 void Player::Impl::drawText(Point reference, const std::u32string& text, const std::vector<double>& dx,
                             uint32_t options, const int32_t* rect, bool graphicsAdvanced) {
     constexpr uint32_t ETO_OPAQUE = 0x2, ETO_CLIPPED = 0x4;
@@ -179,12 +211,17 @@ void Player::Impl::drawText(Point reference, const std::u32string& text, const s
         warnOnce("text inside a path is left out of the path");
         return;
     }
-    const int font = pickFont(*fonts, dc.font);
-    if (font < 0 || !fonts->available(font)) {
+    const FileFace* file = fileFaceFor(dc.font);
+    const int font = file ? -1 : pickFont(*fonts, dc.font);
+    if (!file && (font < 0 || !fonts->available(font))) {
         warnOnce("no font file stands in for \"" + dc.font.face + "\"; its text is left out");
         return;
     }
-    const FontMetrics metrics = fonts->metrics(font);
+    const FontMetrics metrics = file ? file->metrics() : fonts->metrics(font);
+    auto advanceOf = [&](char32_t c) { return file ? file->advance(c) : fonts->advance(font, c); };
+    auto render = [&](char32_t c, const Matrix& m) {
+        return file ? file->render(c, m) : fonts->renderGlyph(font, c, m);
+    };
     // The em size in logical units.
     double em;
     if (dc.font.height < 0)
@@ -205,7 +242,7 @@ void Player::Impl::drawText(Point reference, const std::u32string& text, const s
     // Advances: the record's, else the stand-in font's own.
     std::vector<double> adv(text.size());
     for (size_t i = 0; i < text.size(); ++i)
-        adv[i] = i < dx.size() ? dx[i] : fonts->advance(font, text[i]) * em;
+        adv[i] = i < dx.size() ? dx[i] : advanceOf(text[i]) * em;
     double total = 0;
     for (double a : adv)
         total += a;
@@ -255,7 +292,7 @@ void Player::Impl::drawText(Point reference, const std::u32string& text, const s
     for (size_t i = 0; i < text.size(); ++i) {
         const Point pen = pageToDevice.apply(m.apply(along(s, 0)));
         s += adv[i];
-        if (auto g = fonts->renderGlyph(font, text[i], fontToDevice)) {
+        if (auto g = render(text[i], fontToDevice)) {
             if (g->mask.width > 0 && g->mask.height > 0) {
                 const Matrix maskToPage =
                     deviceToPage * Matrix::translate(std::round(pen.x) + g->left, std::round(pen.y) + g->top);

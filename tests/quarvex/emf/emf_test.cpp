@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <sstream>
 #include <string>
 
 namespace qx::emf {
@@ -286,6 +287,27 @@ TEST(EmfPlayer, TextIsDrawnWithTheResidentStandIn) {
     Played r(emf, &fonts);
     EXPECT_EQ(r.count("mask"), 5u) << r.calls;
     EXPECT_FALSE(r.diag.hasWarnings()) << r.calls;
+}
+
+TEST(EmfPlayer, DejaVuAndVerdanaLikeFacesUseTheDejaVuFiles) {
+    FontLibrary fonts({kStageFonts}, false);
+    for (const std::u16string face : {u"DejaVu Sans", u"DejaVu Serif", u"Verdana", u"Tahoma"}) {
+        const Buffer emf = EmfWriter().font(1, -40, face, 700).rec(SELECTOBJECT, {1}).text(40, 100, u"Hi!").finish();
+        Played r(emf, &fonts);
+        EXPECT_EQ(r.count("mask"), 3u) << r.calls;
+        EXPECT_FALSE(r.diag.hasWarnings());
+    }
+    // The same text in DejaVu Sans and in Arial (Liberation Sans) advances differently when the
+    // record gives no advances: DejaVu is wider.
+    auto lastMaskX = [&](const std::u16string& face) {
+        Played r(EmfWriter().font(1, -40, face).rec(SELECTOBJECT, {1}).text(0, 100, u"mmmm").finish(), &fonts);
+        const std::string& last = r.device.calls()[r.device.calls().size() - 2];
+        std::istringstream m(last.substr(last.find('[') + 1));
+        double a, b, c, d, e;
+        m >> a >> b >> c >> d >> e;
+        return e; // where the mask's left edge lands
+    };
+    EXPECT_GT(lastMaskX(u"DejaVu Sans"), lastMaskX(u"Arial"));
 }
 
 // Hostile input: every one of these finishes with a warning or quietly, draws a bounded amount
