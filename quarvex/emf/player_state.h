@@ -1,7 +1,7 @@
 #pragma once
 // The player's inner state, shared by the files that play the different kinds of record
-// (player.cpp: state, objects, paths and shapes; player_text.cpp: text; player_bitmap.cpp:
-// bitmaps and regions).
+// (player.cpp: state, objects and paths; player_shapes.cpp: shapes; player_text.cpp: text;
+// player_bitmap.cpp: bitmaps and regions).
 
 #include "emf/file_face.h"
 #include "emf/player.h"
