@@ -105,7 +105,7 @@ private:
 };
 
 std::string refusal(const std::string& what) {
-    return "the input looks like " + what + ", which is not converted (only PCL 5, PCL XL, PostScript, PDF and PJL print files are)";
+    return "the input looks like " + what + ", which is not converted (only PCL 5, PCL XL, PostScript, PDF, PJL and EMF spool print files are)";
 }
 
 } // namespace
@@ -238,6 +238,8 @@ int convert(const Options& options) {
         if (writer.pageCount() == 0) {
             if (result.skippedJobs > 0)
                 finalError(refusal(result.firstSkippedWhat));
+            else if (kind == input::Kind::EmfSpool || kind == input::Kind::Emf)
+                finalError("no page: the input looks like " + input::describe(kind) + " but prints nothing");
             else
                 finalError("no page: the input prints nothing");
             break;

@@ -12,6 +12,9 @@
 #if QX_HAVE_POSTSCRIPT
 #include "postscript/postscript.h"
 #endif
+#if QX_HAVE_EMF
+#include "emf/emf.h"
+#endif
 
 namespace qx::input {
 
@@ -79,6 +82,9 @@ Interpreters Interpreters::builtIn() {
     in.postscript = &qx::postscript::runPostScript;
     in.pdf = &qx::postscript::runPdf;
 #endif
+#if QX_HAVE_EMF
+    in.emf = &qx::emf::run;
+#endif
     return in;
 }
 
@@ -135,6 +141,8 @@ JobLoopResult JobLoop::run(const uint8_t* data, size_t size) {
         } else if (kind == Kind::PostScript || kind == Kind::Pdf) {
             interpreter = kind == Kind::PostScript ? m_interpreters.postscript : m_interpreters.pdf;
             start = p;
+        } else if (kind == Kind::EmfSpool || kind == Kind::Emf) {
+            interpreter = m_interpreters.emf; // the header's leading NULs belong to it
         } else {
             // Reported by the caller, which knows whether anything else was converted.
             pos = skipJob(kind, what, p);

@@ -23,6 +23,7 @@ struct Interpreters {
     Interpreter pclxl = nullptr;
     Interpreter postscript = nullptr;
     Interpreter pdf = nullptr;
+    Interpreter emf = nullptr;   // EMF spool files and EMF metafiles
 
     // The interpreters built into this program.
     static Interpreters builtIn();

@@ -52,6 +52,17 @@ bool looksLikePclEscape(const uint8_t* d, size_t n) {
     return c >= 0x30 && c <= 0x7e;       // two-character
 }
 
+// An XPS package names its parts in the ZIP's local headers and central directory: the fixed
+// document sequence (or its relationship) shows among the first or last part names.
+bool looksLikeXps(const uint8_t* d, size_t n) {
+    static constexpr char kNeedle[] = "FixedDocument";
+    const size_t len = sizeof kNeedle - 1;
+    auto found = [&](const uint8_t* b, const uint8_t* e) { return std::search(b, e, kNeedle, kNeedle + len) != e; };
+    const size_t head = std::min<size_t>(n, 1 << 20);
+    const size_t tail = std::min<size_t>(n, 1 << 16);
+    return found(d, d + head) || found(d + n - tail, d + n);
+}
+
 } // namespace
 
 bool startsWithUel(const uint8_t* data, size_t size) {
@@ -73,7 +84,7 @@ Kind recognise(const uint8_t* data, size_t size) {
     // so they are looked for before blanks are skipped.
     if (size >= 44 && data[0] == 1 && data[1] == 0 && data[2] == 0 && data[3] == 0 &&
         std::memcmp(data + 40, " EMF", 4) == 0)
-        return Kind::EmfSpool;
+        return Kind::Emf;
     if (size >= 8 && data[0] == 0 && data[1] == 0 && data[2] == 1 && data[3] == 0)
         return Kind::EmfSpool;
 
@@ -103,6 +114,8 @@ Kind recognise(const uint8_t* data, size_t size) {
         startsWith(d, n, "\xff\xd8\xff") || startsWith(d, n, "GIF87a") || startsWith(d, n, "GIF89a") ||
         (startsWith(d, n, "BM") && n >= 26 && d[14] >= 12 && d[15] == 0 && d[16] == 0 && d[17] == 0))
         return Kind::Image;
+    if (startsWith(d, n, "PK\x03\x04") && looksLikeXps(d, n))
+        return Kind::Xps;
     if (startsWith(d, n, "PK\x03\x04") || startsWith(d, n, "\x1f\x8b") || startsWith(d, n, "BZh") ||
         startsWith(d, n, "\xfd" "7zXZ") || startsWith(d, n, "7z\xbc\xaf"))
         return Kind::Archive;
@@ -138,6 +151,8 @@ std::string describe(Kind kind) {
     case Kind::PostScript: return "PostScript";
     case Kind::Pdf: return "a PDF document";
     case Kind::EmfSpool: return "a Windows EMF spool file";
+    case Kind::Emf: return "a Windows EMF metafile";
+    case Kind::Xps: return "an XPS document (XPS spool file)";
     case Kind::Image: return "an image file";
     case Kind::Archive: return "a compressed archive";
     case Kind::Binary: return "binary data of no known printer language";
@@ -147,7 +162,7 @@ std::string describe(Kind kind) {
 
 bool isConvertible(Kind kind) {
     return kind == Kind::Uel || kind == Kind::Pjl || kind == Kind::Pcl5 || kind == Kind::PclXl ||
-           kind == Kind::PostScript || kind == Kind::Pdf;
+           kind == Kind::PostScript || kind == Kind::Pdf || kind == Kind::EmfSpool || kind == Kind::Emf;
 }
 
 } // namespace qx::input

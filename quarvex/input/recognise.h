@@ -16,6 +16,8 @@ enum class Kind : uint8_t {
     PostScript,
     Pdf,
     EmfSpool,    // a Windows spool file of EMF records
+    Emf,         // a Windows EMF metafile on its own
+    Xps,         // an XPS document (a ZIP package with a fixed document sequence)
     Image,       // an image file (TIFF, PNG, JPEG, GIF, BMP)
     Archive,     // a compressed or archive file
     Binary,      // other data

@@ -290,6 +290,7 @@ TEST(Quarvex, UnreadableInput) {
                          "Permission denied");
 }
 
+// Damaged EMF and EMF spool files that print nothing are named as EMF in the messages too.
 TEST(Quarvex, RefusesWhatIsNotPclWithWhatItLooksLike) {
     const fs::path dir = freshDir("kinds");
     std::string emf(120, '\0');
@@ -306,6 +307,7 @@ TEST(Quarvex, RefusesWhatIsNotPclWithWhatItLooksLike) {
         {"doc.pdf", {"%PDF-1.4\n1 0 obj<<>>endobj\ntrailer<<>>\n%%EOF\n", "no page"}}, // a PDF without pages
         {"job.emf", {emf, "EMF"}},
         {"job.spl", {spl, "EMF"}},
+        {"job.xps", {std::string("PK\x03\x04", 4) + std::string(26, '\0') + "FixedDocumentSequence.fdseq", "XPS"}},
         {"noise.prn", {random, "binary"}},
         {"blank.pcl", {"\r\n\r\n", "no printable data"}},
         {"empty.pcl", {"", "no printable data"}},

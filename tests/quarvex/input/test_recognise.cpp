@@ -61,7 +61,7 @@ TEST(Recognise, RefusedKinds) {
     EXPECT_EQ(kindOf("%!PS-Adobe-3.0\n"), Kind::PostScript);
     EXPECT_EQ(kindOf("\x04%!PS\n"), Kind::PostScript);
     EXPECT_EQ(kindOf("%PDF-1.7\n%\xe2\xe3\xcf\xd3\n"), Kind::Pdf);
-    EXPECT_EQ(kindOf(emfHeader()), Kind::EmfSpool);
+    EXPECT_EQ(kindOf(emfHeader()), Kind::Emf);
     EXPECT_EQ(kindOf(std::string("\x00\x00\x01\x00\x10\x00\x00\x00\x00\x00\x00\x00", 12)), Kind::EmfSpool);
     EXPECT_EQ(kindOf(std::string("II*\0\x08\0\0\0", 8)), Kind::Image);
     EXPECT_EQ(kindOf("\x89PNG\r\n\x1a\n"), Kind::Image);

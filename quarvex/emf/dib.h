@@ -1,0 +1,30 @@
+#pragma once
+// Device-independent bitmaps as EMF records carry them: a BITMAPINFOHEADER (or the older
+// BITMAPCOREHEADER), its colour table, and the pixel rows, bottom-up unless the height is
+// negative, each row padded to 4 bytes. Uncompressed 1, 4, 8, 16, 24 and 32 bits a pixel,
+// bit-field masks for 16 and 32, and the RLE4/RLE8 run encodings are read; JPEG and PNG
+// payloads are not (the caller skips them with a warning).
+
+#include "emf/bytes.h"
+#include "render/device.h"
+
+#include <cstddef>
+#include <optional>
+#include <string>
+
+namespace qx::emf {
+
+// The largest bitmap decoded, in pixels: a bigger one is skipped rather than allowed to take
+// memory far beyond what its page needs.
+inline constexpr size_t kMaxDibPixels = size_t(1) << 25;
+
+struct DibResult {
+    std::optional<Image> image; // RGB, rows top to bottom
+    std::string problem;        // why there is no image
+};
+
+// info: the BITMAPINFO (header and colour table); bits: the pixel data. paletteIndices: the
+// colour table holds 16-bit palette indices (DIB_PAL_COLORS), which are taken as grey levels.
+DibResult decodeDib(Bytes info, Bytes bits, bool paletteIndices = false);
+
+} // namespace qx::emf

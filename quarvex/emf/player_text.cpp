@@ -1,0 +1,314 @@
+// Text records: EMR_EXTTEXTOUTW and EMR_EXTTEXTOUTA, drawn with the resident fonts.
+//
+// Metafiles name their fonts (LOGFONT face names); the faces Windows documents use most have
+// metric-compatible stand-ins in Debian, which the font library carries as resident fonts:
+// Arial and other sans serif faces are drawn with Liberation Sans, Times New Roman and other
+// serif faces with Liberation Serif, Courier New and other fixed-pitch faces with a Courier
+// metric face (Nimbus Mono PS or Liberation Mono). Faces that name DejaVu, and Verdana-like
+// sans serifs (Verdana, Tahoma, Segoe UI, Bitstream Vera), whose shapes and widths DejaVu Sans
+// follows most closely, are drawn with the DejaVu files beside the resident fonts. Where the record gives the advance of each
+// character (the Dx array, which printer drivers and office programs always write) the
+// characters land exactly where the document put them, whatever the stand-in's own widths.
+
+#include "emf/player_state.h"
+
+#include "common/diagnostics.h"
+#include "emf/records.h"
+#include "fonts/font_library.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+
+namespace qx::emf {
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+// Glyphs bigger than this many device pixels a side are not rendered.
+constexpr double kMaxEmPixels = 4000;
+
+std::string lower(std::string s) {
+    for (char& c : s)
+        c = char(std::tolower(static_cast<unsigned char>(c)));
+    return s;
+}
+
+// The resident font that stands in for a LOGFONT.
+int pickFont(const FontLibrary& fonts, const FontObject& f) {
+    const std::string face = lower(f.face);
+    auto has = [&](const char* w) { return face.find(w) != std::string::npos; };
+    std::string base;
+    if (has("symbol"))
+        return fonts.selectByName("Symbol");
+    if (has("wingding") || has("dingbat"))
+        return fonts.selectByName("Wingdings");
+    const int family = f.pitchAndFamily & 0xf0;
+    if (has("courier") || has("mono") || has("consol") || has("console") || has("fixed") ||
+        (face.empty() && (f.pitchAndFamily & 3) == 1) || (face.empty() && family == 0x30))
+        base = "Courier";
+    else if ((has("times") || has("serif") || has("roman") || has("georgia") || has("cambria") || has("garamond") ||
+              has("book") || has("palatino") || has("century") || (face.empty() && family == 0x10)) &&
+             !has("sans"))
+        base = "Times New";
+    else
+        base = "Arial";
+    const bool bold = f.weight >= 600;
+    const std::string suffix = bold && f.italic ? "BdIt" : bold ? "Bd" : f.italic ? "It" : "";
+    int index = fonts.selectByName(base + suffix);
+    if (index < 0)
+        index = fonts.selectByName(base);
+    return index;
+}
+
+// The DejaVu file for a face, or "" when a resident font stands in for it.
+std::string dejaVuFile(const FontObject& f) {
+    const std::string face = lower(f.face);
+    auto has = [&](const char* w) { return face.find(w) != std::string::npos; };
+    const bool dejavu = has("dejavu");
+    if (!dejavu && !has("verdana") && !has("tahoma") && !has("segoe") && !has("vera"))
+        return "";
+    std::string base = "DejaVuSans", slant = "Oblique";
+    if (has("mono"))
+        base = "DejaVuSansMono";
+    else if (dejavu && has("serif") && !has("sans"))
+        base = "DejaVuSerif", slant = "Italic";
+    const bool bold = f.weight >= 600;
+    const std::string suffix = bold && f.italic ? "-Bold" + slant : bold ? "-Bold" : f.italic ? "-" + slant : "";
+    return base + suffix + ".ttf";
+}
+
+// Windows-1252's characters in 0x80..0x9f; the rest of the code page is Latin-1.
+char32_t fromCp1252(uint8_t c) {
+    static constexpr char16_t k80[32] = {0x20ac, 0,      0x201a, 0x0192, 0x201e, 0x2026, 0x2020, 0x2021,
+                                         0x02c6, 0x2030, 0x0160, 0x2039, 0x0152, 0,      0x017d, 0,
+                                         0,      0x2018, 0x2019, 0x201c, 0x201d, 0x2022, 0x2013, 0x2014,
+                                         0x02dc, 0x2122, 0x0161, 0x203a, 0x0153, 0,      0x017e, 0x0178};
+    if (c >= 0x80 && c < 0xa0)
+        return k80[c - 0x80];
+    return c;
+}
+
+Matrix linear(const Matrix& m) { return {m.a, m.b, m.c, m.d, 0, 0}; }
+
+} // namespace
+
+bool Player::Impl::playTextRecord(uint32_t type, Bytes rec) {
+    switch (type) {
+    case EMR_EXTTEXTOUTW:
+    case EMR_EXTTEXTOUTA: {
+        const bool advanced = rec.u32(24) == 2;
+        const Point reference{double(rec.i32(36)), double(rec.i32(40))};
+        const uint32_t chars = rec.u32(44);
+        const uint32_t offString = rec.u32(48);
+        const uint32_t options = rec.u32(52);
+        constexpr uint32_t ETO_GLYPH_INDEX = 0x10, ETO_NO_RECT = 0x100, ETO_PDY = 0x2000;
+        const bool hasRect = !(options & ETO_NO_RECT);
+        int32_t rect[4] = {rec.i32(56), rec.i32(60), rec.i32(64), rec.i32(68)};
+        const uint32_t offDx = rec.u32(hasRect ? 72 : 56);
+        const bool wide = type == EMR_EXTTEXTOUTW;
+        if (!rec.has(offString, size_t(chars) * (wide ? 2 : 1))) {
+            warnOnce("a text record whose characters run past its end is left out");
+            return true;
+        }
+        if (options & ETO_GLYPH_INDEX) {
+            warnOnce("text given as glyph numbers of a font that is not embedded is left out");
+            // The opaque box still shows.
+            drawText(reference, {}, {}, options, hasRect ? rect : nullptr, advanced);
+            return true;
+        }
+        std::u32string text;
+        text.reserve(chars);
+        for (uint32_t i = 0; i < chars; ++i) {
+            if (!wide) {
+                text.push_back(fromCp1252(rec.u8(offString + i)));
+                continue;
+            }
+            char32_t c = rec.u16(offString + size_t(i) * 2);
+            if (c >= 0xd800 && c < 0xdc00 && i + 1 < chars) {
+                const char32_t lo = rec.u16(offString + size_t(i + 1) * 2);
+                if (lo >= 0xdc00 && lo < 0xe000) {
+                    c = 0x10000 + ((c - 0xd800) << 10) + (lo - 0xdc00);
+                    ++i;
+                }
+            }
+            text.push_back(c);
+        }
+        std::vector<double> dx;
+        const size_t per = (options & ETO_PDY) ? 2 : 1;
+        if (offDx != 0 && rec.has(offDx, size_t(chars) * per * 4)) {
+            for (uint32_t i = 0; i < chars; ++i)
+                dx.push_back(double(rec.i32(offDx + size_t(i) * per * 4)));
+            // Surrogate pairs take two entries; keep one advance per character drawn.
+            if (text.size() < dx.size()) {
+                std::vector<double> merged;
+                size_t k = 0;
+                for (uint32_t i = 0; i < chars && k < dx.size(); ++i) {
+                    const char16_t c = rec.u16(offString + size_t(i) * 2);
+                    if (wide && c >= 0xd800 && c < 0xdc00 && i + 1 < chars) {
+                        merged.push_back(dx[k] + (k + 1 < dx.size() ? dx[k + 1] : 0));
+                        k += 2;
+                        ++i;
+                    } else {
+                        merged.push_back(dx[k++]);
+                    }
+                }
+                dx = std::move(merged);
+            }
+        }
+        drawText(reference, text, dx, options, hasRect ? rect : nullptr, advanced);
+        return true;
+    }
+    case EMR_POLYTEXTOUTA:
+    case EMR_POLYTEXTOUTW:
+    case EMR_SMALLTEXTOUT:
+        warnOnce("text records of type " + std::to_string(type) + " are not drawn");
+        return true;
+    default:
+        return false;
+    }
+}
+
+const FileFace* Player::Impl::fileFaceFor(const FontObject& font) {
+    const std::string file = dejaVuFile(font);
+    if (file.empty() || !fonts)
+        return nullptr;
+    auto it = fileFaces.find(file);
+    if (it == fileFaces.end()) {
+        std::vector<std::string> folders = fonts->folders();
+        folders.push_back("/usr/share/fonts/truetype/dejavu");
+        it = fileFaces.emplace(file, FileFace::open(file, folders)).first;
+    }
+    return it->second.get();
+}
+
+void Player::Impl::drawText(Point reference, const std::u32string& text, const std::vector<double>& dx,
+                            uint32_t options, const int32_t* rect, bool graphicsAdvanced) {
+    constexpr uint32_t ETO_OPAQUE = 0x2, ETO_CLIPPED = 0x4;
+    const Matrix m = logicalToPage();
+    const Matrix lin = linear(m);
+    RenderState rs;
+    rs.sourceTransparent = false;
+    rs.patternTransparent = false;
+    rs.clip = dc.clip;
+
+    if (rect && (options & ETO_OPAQUE) && !inPath)
+        device.fillPath(rectPath(m, rect[0], rect[1], rect[2], rect[3]), FillRule::NonZero, Paint::solid(dc.bkColor), rs);
+    if (rect && (options & ETO_CLIPPED)) {
+        // The clip of this record only: made like any other and put back afterwards.
+        const std::shared_ptr<const ClipRegion> kept = dc.clip;
+        intersectClip(rectPath(m, rect[0], rect[1], rect[2], rect[3]), FillRule::NonZero);
+        rs.clip = dc.clip;
+        dc.clip = kept;
+    }
+    if (text.empty())
+        return;
+    if (!fonts) {
+        warnOnce("text is left out: no fonts");
+        return;
+    }
+    if (inPath) {
+        warnOnce("text inside a path is left out of the path");
+        return;
+    }
+    const FileFace* file = fileFaceFor(dc.font);
+    const int font = file ? -1 : pickFont(*fonts, dc.font);
+    if (!file && (font < 0 || !fonts->available(font))) {
+        warnOnce("no font file stands in for \"" + dc.font.face + "\"; its text is left out");
+        return;
+    }
+    const FontMetrics metrics = file ? file->metrics() : fonts->metrics(font);
+    auto advanceOf = [&](char32_t c) { return file ? file->advance(c) : fonts->advance(font, c); };
+    auto render = [&](char32_t c, const Matrix& m) {
+        return file ? file->render(c, m) : fonts->renderGlyph(font, c, m);
+    };
+    // The em size in logical units.
+    double em;
+    if (dc.font.height < 0)
+        em = -double(dc.font.height);
+    else if (dc.font.height > 0)
+        em = dc.font.height / std::max(metrics.ascent + metrics.descent, 0.5);
+    else
+        em = 12 / std::max(lengthScale(), 1e-9);
+
+    // Baseline direction and up direction in logical units. GDI keeps text upright on the
+    // device when the mapping turns the y axis over, unless the advanced graphics mode is on.
+    const double esc = dc.font.escapement / 10.0 * kPi / 180;
+    Point u{std::cos(esc), -std::sin(esc)};
+    Point v{-std::sin(esc), -std::cos(esc)};
+    if (lin.a * lin.d - lin.b * lin.c < 0 && !graphicsAdvanced)
+        u.y = -u.y, v.y = -v.y;
+
+    // Advances: the record's, else the stand-in font's own.
+    std::vector<double> adv(text.size());
+    for (size_t i = 0; i < text.size(); ++i)
+        adv[i] = i < dx.size() ? dx[i] : advanceOf(text[i]) * em;
+    double total = 0;
+    for (double a : adv)
+        total += a;
+
+    Point start = (dc.textAlign & 1) ? dc.current : reference; // TA_UPDATECP
+    const uint32_t horizontal = dc.textAlign & 6;
+    double shift = 0;
+    if (horizontal == 6)
+        shift = -total / 2;
+    else if (horizontal == 2)
+        shift = -total;
+    double lift = 0; // along v
+    const uint32_t vertical = dc.textAlign & 24;
+    if (vertical == 0)
+        lift = -metrics.ascent * em;
+    else if (vertical == 8)
+        lift = metrics.descent * em;
+    Point origin{start.x + u.x * shift + v.x * lift, start.y + u.y * shift + v.y * lift};
+    if (dc.textAlign & 1)
+        dc.current = {start.x + u.x * total, start.y + u.y * total};
+
+    auto along = [&](double s, double up) { return Point{origin.x + u.x * s + v.x * up, origin.y + u.y * s + v.y * up}; };
+    auto band = [&](double up0, double up1) {
+        Path p;
+        p.moveTo(m.apply(along(0, up0)));
+        p.lineTo(m.apply(along(total, up0)));
+        p.lineTo(m.apply(along(total, up1)));
+        p.lineTo(m.apply(along(0, up1)));
+        p.close();
+        return p;
+    };
+    if (dc.bkOpaque && !(options & ETO_OPAQUE))
+        device.fillPath(band(-metrics.descent * em, metrics.ascent * em), FillRule::NonZero, Paint::solid(dc.bkColor), rs);
+
+    const Matrix pageToDevice = device.pageToDevice();
+    const Matrix deviceToPage = pageToDevice.inverted().value_or(Matrix{});
+    const Point uPage = lin.apply(u), vPage = lin.apply(v);
+    const Matrix fontToPage{uPage.x * em, uPage.y * em, vPage.x * em, vPage.y * em, 0, 0};
+    const Matrix fontToDevice = linear(pageToDevice) * fontToPage;
+    const double emPixels = std::max(std::hypot(fontToDevice.a, fontToDevice.b), std::hypot(fontToDevice.c, fontToDevice.d));
+    if (!(emPixels <= kMaxEmPixels)) {
+        warnOnce("characters too large to draw are left out");
+        return;
+    }
+    const Paint paint = Paint::solid(dc.textColor);
+    double s = 0;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const Point pen = pageToDevice.apply(m.apply(along(s, 0)));
+        s += adv[i];
+        if (auto g = render(text[i], fontToDevice)) {
+            if (g->mask.width > 0 && g->mask.height > 0) {
+                const Matrix maskToPage =
+                    deviceToPage * Matrix::translate(std::round(pen.x) + g->left, std::round(pen.y) + g->top);
+                device.fillMask(g->mask, maskToPage, paint, rs);
+            }
+        }
+    }
+    const double thickness = std::max(metrics.underlineThickness, 0.04) * em;
+    if (dc.font.underline) {
+        const double y = -metrics.underlinePosition * em;
+        device.fillPath(band(y - thickness / 2, y + thickness / 2), FillRule::NonZero, paint, rs);
+    }
+    if (dc.font.strikeOut) {
+        const double y = metrics.capHeight * em * 0.45;
+        device.fillPath(band(y - thickness / 2, y + thickness / 2), FillRule::NonZero, paint, rs);
+    }
+}
+
+} // namespace qx::emf

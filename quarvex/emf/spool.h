@@ -1,0 +1,53 @@
+#pragma once
+// The Windows EMF spool container (the "EMF" data type of the print spooler, as Microsoft
+// publishes it in the Enhanced Metafile Spool Format): a header record (version 0x00010000,
+// its size, the offsets of the document and output names), then data records of an 8-byte
+// head (record type, size of the data that follows) rounded up to 4 bytes. Page content records
+// carry one whole EMF metafile each; devmode records carry the DEVMODEW that the pages after
+// them print with; font records carry fonts the pages use; page offset records point back at
+// page content records and add nothing new.
+
+#include "emf/bytes.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace qx::emf {
+
+// What a DEVMODEW says about the sheet.
+struct DevMode {
+    double paperWidthMm = 0;  // 0 = not said
+    double paperHeightMm = 0;
+    bool landscape = false;
+    int dpiX = 0;             // 0 = not said
+    int dpiY = 0;
+};
+
+// Reads a DEVMODEW structure (the fields the sheet depends on).
+DevMode parseDevMode(Bytes devmode);
+
+struct SpoolPage {
+    Bytes emf;               // the page's metafile
+    bool hasDevMode = false; // a devmode record came before the page
+    DevMode devMode;
+    bool monochrome = false; // a black-and-white page content record
+};
+
+struct SpoolContents {
+    std::string documentName; // from the header, as UTF-8; may be empty
+    std::vector<SpoolPage> pages;
+    size_t fontRecords = 0;   // embedded font definitions (drawn with substitute fonts)
+    std::vector<std::string> problems; // damage found, one phrase each
+    size_t used = 0;          // bytes of the input that belong to the spool file
+};
+
+// True when data starts with an EMF spool header.
+bool isSpoolHeader(const uint8_t* data, size_t size);
+
+// Splits a spool file into its pages. Never reads outside data; damage ends the walk with a
+// problem noted and keeps the pages found before it.
+SpoolContents readSpool(const uint8_t* data, size_t size);
+
+} // namespace qx::emf
