@@ -9,6 +9,7 @@ packages=(
     fonts-liberation fonts-urw-base35 fonts-dejavu-core
     ghostscript netpbm groff python3 python3-pil
     xvfb xauth
+    clang-14 libclang-rt-14-dev
 )
 missing=()
 for p in "${packages[@]}"; do
