@@ -283,14 +283,7 @@ void expectLikeGhostscript(const Bitmap& ours, const Bitmap& ref, const Comparis
 // ---------------------------------------------------------------- the jobs
 
 std::vector<uint8_t> pclxlDownloadJob(const TrueTypeSource& src, const std::string& chars, const std::vector<Placed>& glyphs) {
-    std::vector<uint8_t> header = {0, 0, 0x02, 0x75, 1, 0};
-    TrueTypeSource::put16(header, uint16_t(chars.size()));
-    const std::vector<uint8_t> gt = src.globalData(true);
-    header.push_back('G');
-    header.push_back('T');
-    TrueTypeSource::put32(header, uint32_t(gt.size()));
-    header.insert(header.end(), gt.begin(), gt.end());
-    header.insert(header.end(), {0xFF, 0xFF, 0, 0, 0, 0});
+    const std::vector<uint8_t> header = src.pclxlFontHeader(true, uint16_t(chars.size()));
 
     XlWriter w;
     w.beginSession(kUnits).openData().beginPage();

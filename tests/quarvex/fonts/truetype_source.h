@@ -75,6 +75,20 @@ public:
         return out;
     }
 
+    // A PCL XL font header (format 0, TrueType, symbol set 19U) for charCount characters, with
+    // the global data in its GT segment.
+    std::vector<uint8_t> pclxlFontHeader(bool withMetrics, uint16_t charCount) const {
+        std::vector<uint8_t> header = {0, 0, 0x02, 0x75, 1, 0};
+        put16(header, charCount);
+        const std::vector<uint8_t> gt = globalData(withMetrics);
+        header.push_back('G');
+        header.push_back('T');
+        put32(header, uint32_t(gt.size()));
+        header.insert(header.end(), gt.begin(), gt.end());
+        header.insert(header.end(), {0xFF, 0xFF, 0, 0, 0, 0});
+        return header;
+    }
+
     // Advance width and left side bearing of a glyph.
     std::pair<uint16_t, int16_t> metrics(uint16_t id) const {
         const uint16_t count = be16(m_tables.at("hhea").first + 34);

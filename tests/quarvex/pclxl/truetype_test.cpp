@@ -26,13 +26,7 @@ TEST_P(TrueType, DownloadedGlyphsAreDrawnWithTheirAdvances) {
     const int charClass = GetParam();
     TrueTypeSource src;
     ASSERT_TRUE(src.load(kFontFile)) << kFontFile << " is missing";
-    std::vector<uint8_t> header = {0, 0, 0x02, 0x75, 1, 0, 0, 2};
-    const std::vector<uint8_t> gt = src.globalData(charClass == 0);
-    header.push_back('G');
-    header.push_back('T');
-    TrueTypeSource::put32(header, uint32_t(gt.size()));
-    header.insert(header.end(), gt.begin(), gt.end());
-    header.insert(header.end(), {0xFF, 0xFF, 0, 0, 0, 0});
+    const std::vector<uint8_t> header = src.pclxlFontHeader(charClass == 0, 2);
 
     XlWriter w;
     w.start();
