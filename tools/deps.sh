@@ -11,6 +11,7 @@ packages=(
     ghostscript netpbm groff python3 python3-pil imagemagick graphicsmagick
     cups cups-filters cups-ppdc
     xvfb xauth
+    clang-14 libclang-rt-14-dev
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -8,6 +8,7 @@
 #include <ft2build.h>
 #include FT_FREETYPE_H
 #include FT_ADVANCES_H
+#include FT_FONT_FORMATS_H
 
 #include <algorithm>
 #include <cctype>
@@ -421,7 +422,12 @@ GlyphBitmap renderFaceGlyph(FT_Face face, FT_UInt gi, const Matrix& m) {
     tm.yx = static_cast<FT_Fixed>(std::lround(-m.b / s * 65536.0));
     tm.yy = static_cast<FT_Fixed>(std::lround(-m.d / s * 65536.0));
     FT_Set_Transform(face, &tm, nullptr);
-    const FT_Error err = FT_Load_Glyph(face, gi, FT_LOAD_TARGET_MONO | FT_LOAD_NO_BITMAP);
+    // TrueType outlines are grid-fitted by the font's own instructions, as printers and
+    // Ghostscript do; PostScript outlines (CFF, Type 1) are filled as designed, since their
+    // hints snapped for one-bit output shift stems and heights by whole pixels.
+    const bool trueType = std::strcmp(FT_Get_Font_Format(face), "TrueType") == 0;
+    const FT_Int32 hinting = trueType ? FT_LOAD_TARGET_MONO : FT_LOAD_NO_HINTING;
+    const FT_Error err = FT_Load_Glyph(face, gi, hinting | FT_LOAD_NO_BITMAP);
     if (err == 0)
         FT_Render_Glyph(face->glyph, FT_RENDER_MODE_MONO);
     FT_Set_Transform(face, nullptr, nullptr);

@@ -30,6 +30,7 @@ public:
         m_inner.endPage();
         ++pages;
     }
+    void discardPage() override { m_inner.discardPage(); }
     Matrix pageToDevice() const override { return m_inner.pageToDevice(); }
     void fillPath(const Path& path, FillRule rule, const Paint& paint, const RenderState& rs) override {
         m_inner.fillPath(path, rule, paint, rs);

@@ -328,7 +328,8 @@ void Interpreter::execute(const Operator& op, int depth) {
     case op::EndPage:
         if (!m_inPage)
             failOp("EndPage without BeginPage");
-        endPage();
+        // Zero copies print nothing; more than one still make one page of the output.
+        endPage(number(op, attr::PageCopies, 1) >= 1);
         break;
 
     // ---- Graphics state ----
@@ -825,13 +826,17 @@ void Interpreter::resetGraphics() {
     m_gs.rs.patternTransparent = false;
 }
 
-void Interpreter::endPage() {
+void Interpreter::endPage(bool print) {
     if (m_image.active && !m_image.pattern)
         m_image.active = false;
-    m_dev.endPage();
+    if (print) {
+        m_dev.endPage();
+        ++m_pagesEjected;
+    } else {
+        m_dev.discardPage();
+    }
     m_inPage = false;
     m_pageMarked = false;
-    ++m_pagesEjected;
     for (auto it = m_patterns.begin(); it != m_patterns.end();)
         it = it->second.persistence < 2 ? m_patterns.erase(it) : std::next(it);
 }

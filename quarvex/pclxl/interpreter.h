@@ -88,7 +88,7 @@ private:
     // Session and page.
     void beginSession(const Operator& op);
     void beginPage(const Operator& op);
-    void endPage();
+    void endPage(bool print = true);
     void resetGraphics();
     double userToPageScale() const;
     void checkCtm() const;

@@ -3,13 +3,12 @@
 #include "fonts/font_library.h"
 #include "pclxl/downloaded_font.h"
 
-#include <ft2build.h>
-#include FT_FREETYPE_H
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <map>
+#include <memory>
+#include <optional>
 #include <tuple>
 
 namespace qx::pclxl {
@@ -88,16 +87,10 @@ Matrix TextStyle::charMatrix() const {
 }
 
 // A downloaded TrueType font made whole: the global tables of the header plus glyf and loca
-// built from the downloaded characters, opened with FreeType.
+// built from the downloaded characters, opened and rendered as the resident fonts are (hinted by
+// the font's own instructions, one bit a pixel), so that both come out as printers draw them.
 class TrueTypeRenderer {
 public:
-    ~TrueTypeRenderer() {
-        if (m_face)
-            FT_Done_Face(m_face);
-        if (m_lib)
-            FT_Done_FreeType(m_lib);
-    }
-
     bool build(const DownloadedFont& font, std::string& error) {
         const std::vector<uint8_t>& gt = font.globalData;
         if (gt.size() < 12) {
@@ -193,13 +186,8 @@ public:
                 m_sfnt.push_back(0);
             ++i;
         }
-        if (FT_Init_FreeType(&m_lib) != 0) {
-            m_lib = nullptr;
-            error = "FreeType did not start";
-            return false;
-        }
-        if (FT_New_Memory_Face(m_lib, m_sfnt.data(), FT_Long(m_sfnt.size()), 0, &m_face) != 0) {
-            m_face = nullptr;
+        m_face = MemoryFace::open(std::move(m_sfnt));
+        if (!m_face) {
             error = "the downloaded TrueType font does not open";
             return false;
         }
@@ -244,41 +232,17 @@ private:
     bool renderUncached(uint16_t glyphId, const Matrix& fontToDevice, Mask& mask, int& left, int& top, Point& adv) {
         if (!m_face)
             return false;
-        const double ppem = std::max(1.0, std::round(std::sqrt(std::fabs(fontToDevice.a * fontToDevice.d -
-                                                                          fontToDevice.b * fontToDevice.c))));
-        if (ppem > kMaxEmPixels)
+        std::optional<GlyphBitmap> g = m_face->renderGlyph(glyphId, fontToDevice);
+        if (!g)
             return false;
-        if (FT_Set_Char_Size(m_face, FT_F26Dot6(ppem * 64), FT_F26Dot6(ppem * 64), 72, 72) != 0)
-            return false;
-        // FreeType works y up: flip the device's y.
-        FT_Matrix m;
-        m.xx = FT_Fixed(fontToDevice.a / ppem * 65536.0);
-        m.xy = FT_Fixed(fontToDevice.c / ppem * 65536.0);
-        m.yx = FT_Fixed(-fontToDevice.b / ppem * 65536.0);
-        m.yy = FT_Fixed(-fontToDevice.d / ppem * 65536.0);
-        FT_Set_Transform(m_face, &m, nullptr);
-        if (FT_Load_Glyph(m_face, glyphId, FT_LOAD_NO_HINTING | FT_LOAD_NO_BITMAP) != 0)
-            return false;
-        if (FT_Render_Glyph(m_face->glyph, FT_RENDER_MODE_MONO) != 0)
-            return false;
-        const FT_Bitmap& bm = m_face->glyph->bitmap;
-        mask.width = int(bm.width);
-        mask.height = int(bm.rows);
-        mask.stride = size_t(std::abs(bm.pitch));
-        mask.bits.assign(mask.stride * mask.height, 0);
-        for (int r = 0; r < mask.height; ++r) {
-            const uint8_t* src = bm.pitch >= 0 ? bm.buffer + size_t(r) * bm.pitch
-                                               : bm.buffer + size_t(mask.height - 1 - r) * size_t(-bm.pitch);
-            std::memcpy(mask.bits.data() + size_t(r) * mask.stride, src, mask.stride);
-        }
-        left = m_face->glyph->bitmap_left;
-        top = -m_face->glyph->bitmap_top;
-        adv = {m_face->glyph->advance.x / 64.0, -m_face->glyph->advance.y / 64.0};
+        mask = std::move(g->mask);
+        left = g->left;
+        top = g->top;
+        adv = {g->advanceX, g->advanceY};
         return true;
     }
 
-    FT_Library m_lib = nullptr;
-    FT_Face m_face = nullptr;
+    std::unique_ptr<MemoryFace> m_face;
     std::vector<uint8_t> m_sfnt;
 };
 

@@ -55,6 +55,7 @@ public:
         : m_target(target), m_maxRectangles(maxRectangles) {}
     void beginPage(const PageSpec&) override {}
     void endPage() override {}
+    void discardPage() override {}
     Matrix pageToDevice() const override { return m_target.pageToDevice(); }
     void fillPath(const Path&, FillRule, const Paint&, const RenderState&) override {}
     void strokePath(const Path&, const StrokeStyle&, const Paint&, const RenderState&) override {}

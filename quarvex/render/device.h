@@ -189,6 +189,9 @@ public:
 
     virtual void beginPage(const PageSpec& page) = 0;
     virtual void endPage() = 0;
+    // Ends the current page without printing it: what was drawn on it is thrown away and it
+    // does not count as a page (a page whose job asks for zero copies).
+    virtual void discardPage() = 0;
     // Page space to device pixels for the current page (valid between beginPage and endPage).
     // Interpreters use it to snap to the pixel grid and to render glyphs at device size.
     virtual Matrix pageToDevice() const = 0;

@@ -1439,6 +1439,11 @@ void RasterDevice::endPage() {
         d->failed = true;
 }
 
+void RasterDevice::discardPage() {
+    d->inPage = false;
+    d->clip = ClipState{};
+}
+
 Matrix RasterDevice::pageToDevice() const { return d->ptd; }
 
 void RasterDevice::fillPath(const Path& path, FillRule rule, const Paint& paint,

@@ -51,6 +51,7 @@ public:
 
     void beginPage(const PageSpec& page) override;
     void endPage() override;
+    void discardPage() override;
     Matrix pageToDevice() const override;
 
     void fillPath(const Path& path, FillRule rule, const Paint& paint, const RenderState& rs) override;

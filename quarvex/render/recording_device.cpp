@@ -86,6 +86,11 @@ void RecordingDevice::endPage() {
     m_calls.push_back("endPage");
 }
 
+void RecordingDevice::discardPage() {
+    m_inPage = false;
+    m_calls.push_back("discardPage");
+}
+
 Matrix RecordingDevice::pageToDevice() const { return Matrix::scale(dpi / 72.0, dpi / 72.0); }
 
 void RecordingDevice::fillPath(const Path& path, FillRule rule, const Paint& paint,

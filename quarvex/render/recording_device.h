@@ -13,6 +13,7 @@ class RecordingDevice : public Device {
 public:
     void beginPage(const PageSpec& page) override;
     void endPage() override;
+    void discardPage() override;
     Matrix pageToDevice() const override;
 
     void fillPath(const Path& path, FillRule rule, const Paint& paint, const RenderState& rs) override;

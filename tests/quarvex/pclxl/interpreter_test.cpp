@@ -3,11 +3,13 @@
 #include "common/diagnostics.h"
 #include "fonts/font_library.h"
 #include "pclxl/pclxl.h"
+#include "render/raster_device.h"
 #include "render/recording_device.h"
 #include "xl_writer.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 
@@ -73,6 +75,59 @@ TEST(Pages, LetterPortraitDeclaresTheSessionResolution) {
     EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
     EXPECT_EQ(r.dev.joined(), "beginPage 612x792 dpi=300x300\nendPage\n");
     EXPECT_EQ(r.used, w.bytes.size());
+}
+
+TEST(Pages, ZeroCopiesPrintNoPageAndMoreCopiesStillOne) {
+    XlWriter w;
+    w.beginSession().openData();
+    w.beginPage().ub(0).a(attr::NullPen).op(op::SetPenSource);
+    w.u16Box(0, 0, 30, 30).a(attr::BoundingBox).op(op::Rectangle);
+    w.u16(0).a(attr::PageCopies).op(op::EndPage);
+    w.beginPage().u16(3).a(attr::PageCopies).op(op::EndPage);
+    w.beginPage().ub(1).a(attr::PageCopies).op(op::EndPage);
+    // A job that closes on an empty page of zero copies, as some drivers end theirs.
+    w.beginPage().ub(0).a(attr::PageCopies).op(op::EndPage);
+    w.endSession();
+    Outcome r;
+    interpret(r, w.bytes);
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.warnings();
+    EXPECT_EQ(r.dev.pageCount(), 2);
+    EXPECT_EQ(r.dev.matching("endPage").size(), 2u);
+    EXPECT_EQ(r.dev.matching("discardPage").size(), 2u);
+    // The rectangle was drawn on the page that is thrown away.
+    ASSERT_GE(r.dev.calls().size(), 3u);
+    EXPECT_EQ(r.dev.calls()[1].rfind("fill ", 0), 0u) << r.dev.joined();
+    EXPECT_EQ(r.dev.calls()[2], "discardPage");
+}
+
+TEST(Pages, AZeroCopyPageLeavesNothingOnTheNextOne) {
+    // Counts the pages that reach the output and the grey pixels that are not white on them.
+    struct InkCounter : PageSink {
+        int pages = 0;
+        size_t inked = 0;
+        bool writePage(const RasterPage& p) override {
+            ++pages;
+            inked += size_t(std::count_if(p.data.begin(), p.data.end(), [](uint8_t v) { return v != 255; }));
+            return true;
+        }
+    } counter;
+    RasterOptions o;
+    o.depth = 8;
+    o.dpiX = o.dpiY = 30;
+    RasterDevice dev(o, counter);
+    XlWriter w;
+    w.beginSession().openData();
+    w.beginPage().ub(0).a(attr::NullPen).op(op::SetPenSource);
+    w.u16Box(0, 0, 1200, 1200).a(attr::BoundingBox).op(op::Rectangle);
+    w.ub(0).a(attr::PageCopies).op(op::EndPage);
+    w.beginPage().ub(2).a(attr::PageCopies).op(op::EndPage);
+    w.endSession();
+    Diagnostics diag("in.pxl", false);
+    JobContext ctx{dev, diag, nullptr, {}};
+    run(w.bytes.data(), w.bytes.size(), ctx);
+    EXPECT_EQ(dev.pagesWritten(), 1);
+    EXPECT_EQ(counter.pages, 1);
+    EXPECT_EQ(counter.inked, 0u);
 }
 
 TEST(Pages, NamedAndCustomSizesAndOrientations) {

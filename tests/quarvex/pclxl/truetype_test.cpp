@@ -4,125 +4,19 @@
 #include "common/diagnostics.h"
 #include "pclxl/pclxl.h"
 #include "render/recording_device.h"
+#include "../fonts/truetype_source.h"
 #include "xl_writer.h"
-
-#include <ft2build.h>
-#include FT_FREETYPE_H
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
-#include <map>
 
 namespace qx::pclxl {
 namespace {
 
 using test::XlWriter;
+using qx::test::TrueTypeSource;
 
 constexpr const char* kFontFile = "/usr/share/fonts/truetype/liberation/LiberationSans-Regular.ttf";
-
-uint16_t be16(const std::vector<uint8_t>& v, size_t at) { return uint16_t(v.at(at) << 8 | v.at(at + 1)); }
-uint32_t be32(const std::vector<uint8_t>& v, size_t at) {
-    return uint32_t(v.at(at)) << 24 | uint32_t(v.at(at + 1)) << 16 | uint32_t(v.at(at + 2)) << 8 | v.at(at + 3);
-}
-void put16(std::vector<uint8_t>& v, uint16_t x) {
-    v.push_back(uint8_t(x >> 8));
-    v.push_back(uint8_t(x));
-}
-void put32(std::vector<uint8_t>& v, uint32_t x) {
-    put16(v, uint16_t(x >> 16));
-    put16(v, uint16_t(x));
-}
-
-struct SourceFont {
-    std::vector<uint8_t> file;
-    std::map<std::string, std::pair<uint32_t, uint32_t>> tables; // offset, length
-
-    bool load() {
-        std::ifstream f(kFontFile, std::ios::binary);
-        if (!f)
-            return false;
-        file.assign(std::istreambuf_iterator<char>(f), {});
-        const uint16_t n = be16(file, 4);
-        for (uint16_t i = 0; i < n; ++i) {
-            const size_t rec = 12 + size_t(i) * 16;
-            tables[std::string(reinterpret_cast<const char*>(&file[rec]), 4)] = {be32(file, rec + 8), be32(file, rec + 12)};
-        }
-        return true;
-    }
-
-    // The global TrueType data a driver sends: a table directory of its own with the tables
-    // the printer needs, glyph outlines left out.
-    std::vector<uint8_t> globalData(bool withMetrics) const {
-        std::vector<std::string> wanted = {"cvt ", "fpgm", "head", "hhea", "hmtx", "maxp", "prep"};
-        if (!withMetrics)
-            wanted = {"cvt ", "fpgm", "head", "maxp", "prep"};
-        std::vector<std::string> present;
-        for (const std::string& t : wanted)
-            if (tables.count(t))
-                present.push_back(t);
-        std::vector<uint8_t> out;
-        put32(out, 0x00010000);
-        put16(out, uint16_t(present.size()));
-        put16(out, 0);
-        put16(out, 0);
-        put16(out, 0);
-        size_t dataAt = 12 + present.size() * 16;
-        std::vector<uint8_t> body;
-        for (const std::string& t : present) {
-            const auto [off, len] = tables.at(t);
-            out.insert(out.end(), t.begin(), t.end());
-            put32(out, 0);
-            put32(out, uint32_t(dataAt + body.size()));
-            put32(out, len);
-            body.insert(body.end(), file.begin() + off, file.begin() + off + len);
-            while (body.size() % 4)
-                body.push_back(0);
-        }
-        out.insert(out.end(), body.begin(), body.end());
-        return out;
-    }
-
-    // Advance width and left side bearing of a glyph.
-    std::pair<uint16_t, int16_t> metrics(uint16_t id) const {
-        const uint16_t count = be16(file, tables.at("hhea").first + 34);
-        const uint32_t hmtx = tables.at("hmtx").first;
-        const uint16_t advance = be16(file, hmtx + size_t(std::min<uint16_t>(id, uint16_t(count - 1))) * 4);
-        const int16_t lsb = int16_t(id < count ? be16(file, hmtx + size_t(id) * 4 + 2)
-                                               : be16(file, hmtx + size_t(count) * 4 + size_t(id - count) * 2));
-        return {advance, lsb};
-    }
-
-    std::vector<uint8_t> glyph(uint16_t id) const {
-        const auto [headOff, headLen] = tables.at("head");
-        (void)headLen;
-        const bool longLoca = be16(file, headOff + 50) == 1;
-        const uint32_t loca = tables.at("loca").first, glyf = tables.at("glyf").first;
-        uint32_t a, b;
-        if (longLoca) {
-            a = be32(file, loca + size_t(id) * 4);
-            b = be32(file, loca + size_t(id) * 4 + 4);
-        } else {
-            a = uint32_t(be16(file, loca + size_t(id) * 2)) * 2;
-            b = uint32_t(be16(file, loca + size_t(id) * 2 + 2)) * 2;
-        }
-        return std::vector<uint8_t>(file.begin() + glyf + a, file.begin() + glyf + b);
-    }
-};
-
-uint16_t glyphIndex(char32_t c) {
-    FT_Library lib;
-    FT_Init_FreeType(&lib);
-    FT_Face face;
-    uint16_t id = 0;
-    if (FT_New_Face(lib, kFontFile, 0, &face) == 0) {
-        id = uint16_t(FT_Get_Char_Index(face, c));
-        FT_Done_Face(face);
-    }
-    FT_Done_FreeType(lib);
-    return id;
-}
 
 // Class 0 characters rely on the metrics tables of the header; class 1 characters bring their
 // own metrics to a header without them.
@@ -130,15 +24,9 @@ class TrueType : public ::testing::TestWithParam<int> {};
 
 TEST_P(TrueType, DownloadedGlyphsAreDrawnWithTheirAdvances) {
     const int charClass = GetParam();
-    SourceFont src;
-    ASSERT_TRUE(src.load()) << kFontFile << " is missing";
-    std::vector<uint8_t> header = {0, 0, 0x02, 0x75, 1, 0, 0, 2};
-    const std::vector<uint8_t> gt = src.globalData(charClass == 0);
-    header.push_back('G');
-    header.push_back('T');
-    put32(header, uint32_t(gt.size()));
-    header.insert(header.end(), gt.begin(), gt.end());
-    header.insert(header.end(), {0xFF, 0xFF, 0, 0, 0, 0});
+    TrueTypeSource src;
+    ASSERT_TRUE(src.load(kFontFile)) << kFontFile << " is missing";
+    const std::vector<uint8_t> header = src.pclxlFontHeader(charClass == 0, 2);
 
     XlWriter w;
     w.start();
@@ -151,17 +39,17 @@ TEST_P(TrueType, DownloadedGlyphsAreDrawnWithTheirAdvances) {
     w.op(op::EndFontHeader);
     w.str("Liberation").a(attr::FontName).op(op::BeginChar);
     for (char c : {'H', 'o'}) {
-        const uint16_t id = glyphIndex(char32_t(c));
+        const uint16_t id = src.glyphIndex(char32_t(c));
         ASSERT_NE(id, 0);
         const std::vector<uint8_t> g = src.glyph(id);
         std::vector<uint8_t> ch = {1, uint8_t(charClass)};
-        put16(ch, uint16_t(g.size() + (charClass == 1 ? 6 : 2)));
+        TrueTypeSource::put16(ch, uint16_t(g.size() + (charClass == 1 ? 6 : 2)));
         if (charClass == 1) {
             const auto [advance, lsb] = src.metrics(id);
-            put16(ch, uint16_t(lsb));
-            put16(ch, advance);
+            TrueTypeSource::put16(ch, uint16_t(lsb));
+            TrueTypeSource::put16(ch, advance);
         }
-        put16(ch, id);
+        TrueTypeSource::put16(ch, id);
         ch.insert(ch.end(), g.begin(), g.end());
         w.u16(uint16_t(c)).a(attr::CharCode).u16(uint16_t(ch.size())).a(attr::CharDataSize).op(op::ReadChar).data(ch);
     }
