@@ -9,6 +9,8 @@ packages=(
     fonts-liberation fonts-urw-base35 fonts-dejavu-core
     ghostscript netpbm groff python3 python3-pil
     xvfb xauth
+    desktop-file-utils appstream help2man man-db dpkg-dev file
+    parallel openssh-server openssh-client
 )
 missing=()
 for p in "${packages[@]}"; do
