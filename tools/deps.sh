@@ -10,7 +10,8 @@ packages=(
     ghostscript netpbm groff python3 python3-pil
     xvfb xauth
     desktop-file-utils appstream help2man man-db dpkg-dev file
-    parallel openssh-server openssh-client
+    parallel openssh-server openssh-client rsync python3-yaml
+    x11-utils x11-apps libxtst6
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -61,6 +61,7 @@ for deb in "${debs[@]}"; do
     [ -n "$(field "$deb" Description)" ] || fail "$name: no description"
     dependencies_installed "$deb"
 done
+field "$engine_deb" Recommends | grep -q parallel || fail "quarvex does not recommend parallel"
 depends_on "$engine_deb" libtiff6 || fail "quarvex does not depend on libtiff6: $(field "$engine_deb" Depends)"
 if [ "$frontend" = 1 ]; then
     depends_on "$frontend_deb" quarvex || fail "quarvel does not depend on quarvex"
@@ -72,6 +73,7 @@ fi
 contents() { dpkg-deb -c "$1" | awk '{ print $6 }' | sed 's#^\./#/#'; }
 contents "$engine_deb" > "$out/engine.list"
 for f in /usr/lib/quarvel/bin/quarvex /usr/bin/quarvex /usr/share/man/man1/quarvex.1.gz \
+         /usr/lib/quarvel/bin/convert-tree /usr/bin/quarvex-convert-tree \
          /usr/lib/quarvel/fonts/NimbusSans-Regular.otf /usr/lib/quarvel/fonts/LiberationMono-Regular.ttf; do
     grep -qx "$f" "$out/engine.list" || fail "quarvex package lacks $f"
 done

@@ -19,8 +19,8 @@ else
 fi
 
 bundle=$prefix/lib/quarvel
-expect_files=(lib/quarvel/bin/quarvex share/man/man1/quarvex.1.gz)
-expect_links=(bin/quarvex)
+expect_files=(lib/quarvel/bin/quarvex lib/quarvel/bin/convert-tree share/man/man1/quarvex.1.gz)
+expect_links=(bin/quarvex bin/quarvex-convert-tree)
 if [ "$frontend" = 1 ]; then
     expect_files+=(lib/quarvel/bin/quarvel lib/quarvel/plugins/imageformats/libqico.so
                    share/applications/example.tarnbeck.Quarvel.desktop
@@ -38,7 +38,7 @@ for l in "${expect_links[@]}"; do
     [ -L "$prefix/$l" ] || fail "not a link: $l"
     target=$(readlink "$prefix/$l")
     case $target in /*) fail "$l is an absolute link ($target): the tree could not be moved";; esac
-    [ "$(readlink -f "$prefix/$l")" = "$(readlink -f "$bundle/bin/$(basename "$l")")" ] ||
+    [ "$(dirname "$(readlink -f "$prefix/$l")")" = "$(readlink -f "$bundle/bin")" ] ||
         fail "$l does not lead into the bundle"
 done
 for f in "$bundle"/bin/*; do
@@ -71,6 +71,17 @@ rm -rf "$work/nofonts/lib/quarvel/fonts"
 rc=$(run_bare_engine "$work/nofonts/bin/quarvex" "$work" -b 1 -c 7 -o "$work/nofonts.tif" -i "$work/fonts.pcl")
 [ "$rc" = 3 ] || fail "without its fonts the engine exited $rc, expected 3 (text skipped)"
 rm -rf "$work/nofonts"
+
+# The installed convert-tree finds the engine beside it.
+mkdir -p "$work/tree/in/sub"
+cp "$work/fonts.pcl" "$work/tree/in/sub/letter.pcl"
+env -i PATH=/usr/bin:/bin HOME="$work" FONTCONFIG_FILE="$work/empty-fonts.conf" \
+    "$prefix/bin/quarvex-convert-tree" -j 1 "$work/tree/in" "$work/tree/out" 2> "$work/tree.log" ||
+    fail "installed convert-tree: $(cat "$work/tree.log")"
+rc=$(run_bare_engine "$build/stage/bin/quarvex" "$work" -o "$work/stage-24.tif" -i "$work/fonts.pcl")
+[ "$rc" = 0 ] || fail "staged quarvex exited $rc"
+cmp -s "$work/tree/out/sub/letter.tif" "$work/stage-24.tif" ||
+    fail "installed convert-tree did not write the engine's output"
 
 # A two-page PCL XL file from a real producer converts too.
 data=$(dirname "$0")/../quarvex/data

@@ -82,6 +82,19 @@ run_tree "$in"
 run_tree --bogus "$in" "$out"
 [ $rc = 2 ] || fail "an unknown option exited $rc, expected 2"
 
+# Two shares (as two tasks of a job array): together every file once, and the clash is seen
+# even when its two inputs fall into different shares.
+cp "$in/fax/cover.prn" "$in/fax/cover.pcl"
+rc0=0 rc1=0
+"$tree" --engine "$engine" --shard 0/2 "$in" "$work/out-shard" 2> "$work/log0" || rc0=$?
+"$tree" --engine "$engine" --shard 1/2 "$in" "$work/out-shard" 2> "$work/log1" || rc1=$?
+[ "$(find "$work/out-shard" -name '*.tif' | wc -l)" = 4 ] || fail "two shares did not convert the four files"
+grep -h "print files" "$work/log0" "$work/log1" | grep -q "3 print files" || fail "shares are not 3 and 2 files"
+cat "$work/log0" "$work/log1" | grep -q "fax/cover.prn: refused" || fail "the clash across shares was missed"
+# One share holds the clash (1), the other the truncated file (3).
+[ "$rc0 $rc1" = "1 3" ] || [ "$rc0 $rc1" = "3 1" ] || fail "shares exited $rc0 and $rc1, expected 1 and 3"
+rm "$in/fax/cover.pcl"
+
 # Stopped and started again: a tree of 16 files, an engine that notes each input it starts and
 # takes a moment. SIGTERM after a few have started: the run ends with 4, running engines finish,
 # and the second run converts exactly the rest.
