@@ -42,3 +42,16 @@ first = ImageOps.invert(im.convert("L")).getbbox()
 print(getattr(im, "n_frames", 1) if first else 0)
 PY
 }
+
+# check_engine_renders ENGINE WORK LABEL: in a fresh WORK folder, the engine (started as given,
+# in a bare environment without fontconfig fonts) converts the resident-font job into an inked
+# one-page G4 TIFF, WORK/out.tif. Leaves WORK/fonts.pcl and WORK/empty-fonts.conf for more runs.
+check_engine_renders() {
+    local engine=$1 work=$2 label=$3 rc
+    mkdir -p "$work"
+    make_empty_fontconfig "$work/empty-fonts.conf"
+    make_resident_font_job "$work/fonts.pcl"
+    rc=$(run_bare_engine "$engine" "$work" -b 1 -c 7 -o "$work/out.tif" -i "$work/fonts.pcl")
+    [ "$rc" = 0 ] || fail "$label quarvex exited $rc: $(cat "$work/engine.err")"
+    [ "$(tiff_pages "$work/out.tif")" = 1 ] || fail "$label quarvex wrote no inked page"
+}

@@ -136,12 +136,7 @@ done
 
 # The unpacked engine converts a real file with its own fonts, through its launcher.
 work=$out/run
-mkdir -p "$work"
-make_empty_fontconfig "$work/empty-fonts.conf"
-make_resident_font_job "$work/fonts.pcl"
-rc=$(run_bare_engine "$root/usr/bin/quarvex" "$work" -b 1 -c 7 -o "$work/out.tif" -i "$work/fonts.pcl")
-[ "$rc" = 0 ] || fail "packaged quarvex exited $rc: $(cat "$work/engine.err")"
-[ "$(tiff_pages "$work/out.tif")" = 1 ] || fail "packaged quarvex wrote no inked page"
+check_engine_renders "$root/usr/bin/quarvex" "$work" packaged
 file -b "$root/usr/lib/quarvel/bin/quarvex" | grep -q ', stripped' || fail "engine not stripped"
 echo "packages: $(cd "$out" && ls *.deb | tr '\n' ' ')"
 for deb in "${debs[@]}"; do echo "$(field "$deb" Package) Depends: $(field "$deb" Depends)"; done

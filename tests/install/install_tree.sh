@@ -54,12 +54,7 @@ inst_fonts=$(cd "$bundle/fonts" && ls | sort)
 # The installed engine, started through its launcher in a bare environment, renders resident-font
 # text from its own fonts folder, and gives the same bytes as the build's engine.
 work=$root/run
-mkdir -p "$work"
-make_empty_fontconfig "$work/empty-fonts.conf"
-make_resident_font_job "$work/fonts.pcl"
-rc=$(run_bare_engine "$prefix/bin/quarvex" "$work" -b 1 -c 7 -o "$work/out.tif" -i "$work/fonts.pcl")
-[ "$rc" = 0 ] || fail "installed quarvex exited $rc: $(cat "$work/engine.err")"
-[ "$(tiff_pages "$work/out.tif")" = 1 ] || fail "installed quarvex wrote no inked page"
+check_engine_renders "$prefix/bin/quarvex" "$work" installed
 rc=$(run_bare_engine "$build/stage/bin/quarvex" "$work" -b 1 -c 7 -o "$work/stage.tif" -i "$work/fonts.pcl")
 [ "$rc" = 0 ] || fail "staged quarvex exited $rc"
 cmp -s "$work/out.tif" "$work/stage.tif" || fail "installed and staged engines give different output"
