@@ -25,7 +25,7 @@ field() { dpkg-deb -f "$1" "$2"; }
 
 # depends_on DEB PACKAGE: the Depends field names PACKAGE (possibly with a version).
 depends_on() {
-    field "$1" Depends | tr ',' '\n' | sed 's/^ *//; s/ .*//' | grep -qx "$2"
+    field "$1" Depends | tr ',' '\n' | sed 's/^ *//; s/ .*//' | grep -x "$2" > /dev/null
 }
 
 # dependencies_installed DEB: every dependency (or one of its alternatives) is an installed
@@ -61,11 +61,11 @@ for deb in "${debs[@]}"; do
     [ -n "$(field "$deb" Description)" ] || fail "$name: no description"
     dependencies_installed "$deb"
 done
-field "$engine_deb" Recommends | grep -q parallel || fail "quarvex does not recommend parallel"
+field "$engine_deb" Recommends | grep parallel > /dev/null || fail "quarvex does not recommend parallel"
 depends_on "$engine_deb" libtiff6 || fail "quarvex does not depend on libtiff6: $(field "$engine_deb" Depends)"
 if [ "$frontend" = 1 ]; then
     depends_on "$frontend_deb" quarvex || fail "quarvel does not depend on quarvex"
-    field "$frontend_deb" Depends | grep -q "quarvex (= $version)" || fail "quarvel: quarvex not pinned to $version"
+    field "$frontend_deb" Depends | grep -F "quarvex (= $version)" > /dev/null || fail "quarvel: quarvex not pinned to $version"
     depends_on "$frontend_deb" libqt6widgets6 || fail "quarvel does not depend on libqt6widgets6"
 fi
 
@@ -102,7 +102,8 @@ package_of() {
         candidates+=("${p#/usr}" "/usr${p#/usr}")
     done
     for p in "${candidates[@]}"; do
-        dpkg -S "$p" 2>/dev/null | head -1 | cut -d: -f1 && return 0
+        p=$(dpkg -S "$p" 2> /dev/null | sed -n '1s/:.*//p')
+        [ -z "$p" ] || { echo "$p"; return 0; }
     done
     return 0
 }
@@ -119,10 +120,10 @@ declare -A owner_of
 for deb in "${debs[@]}"; do
     while IFS= read -r path; do
         elf=$root$path
-        file -b "$elf" | grep -q '^ELF' || continue
+        file -b "$elf" | grep '^ELF' > /dev/null || continue
         while IFS= read -r lib; do
             if [ -z "${owner_of[$lib]:-}" ]; then
-                libpath=$(ldconfig -p | awk -v l="$lib" '$1 == l { print $NF; exit }')
+                libpath=$(ldconfig -p | awk -v l="$lib" '$1 == l && !found { print $NF; found = 1 }')
                 [ -n "$libpath" ] || fail "$path needs $lib, which this system does not have"
                 owner_of[$lib]=$(package_of "$libpath")
                 [ -n "${owner_of[$lib]}" ] || fail "$path needs $lib ($libpath), which no Debian package holds"
@@ -137,6 +138,6 @@ done
 # The unpacked engine converts a real file with its own fonts, through its launcher.
 work=$out/run
 check_engine_renders "$root/usr/bin/quarvex" "$work" packaged
-file -b "$root/usr/lib/quarvel/bin/quarvex" | grep -q ', stripped' || fail "engine not stripped"
+file -b "$root/usr/lib/quarvel/bin/quarvex" | grep ', stripped' > /dev/null || fail "engine not stripped"
 echo "packages: $(cd "$out" && ls *.deb | tr '\n' ' ')"
 for deb in "${debs[@]}"; do echo "$(field "$deb" Package) Depends: $(field "$deb" Depends)"; done

@@ -89,8 +89,8 @@ rc0=0 rc1=0
 "$tree" --engine "$engine" --shard 0/2 "$in" "$work/out-shard" 2> "$work/log0" || rc0=$?
 "$tree" --engine "$engine" --shard 1/2 "$in" "$work/out-shard" 2> "$work/log1" || rc1=$?
 [ "$(find "$work/out-shard" -name '*.tif' | wc -l)" = 4 ] || fail "two shares did not convert the four files"
-grep -h "print files" "$work/log0" "$work/log1" | grep -q "3 print files" || fail "shares are not 3 and 2 files"
-cat "$work/log0" "$work/log1" | grep -q "fax/cover.prn: refused" || fail "the clash across shares was missed"
+grep -h "print files" "$work/log0" "$work/log1" | grep "3 print files" > /dev/null || fail "shares are not 3 and 2 files"
+grep -h "fax/cover.prn: refused" "$work/log0" "$work/log1" > /dev/null || fail "the clash across shares was missed"
 # One share holds the clash (1), the other the truncated file (3).
 [ "$rc0 $rc1" = "1 3" ] || [ "$rc0 $rc1" = "3 1" ] || fail "shares exited $rc0 and $rc1, expected 1 and 3"
 rm "$in/fax/cover.pcl"
