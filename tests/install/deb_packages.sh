@@ -69,6 +69,14 @@ if [ "$frontend" = 1 ]; then
     depends_on "$frontend_deb" libqt6widgets6 || fail "quarvel does not depend on libqt6widgets6"
 fi
 
+# apt resolves the packages' dependencies from Debian's archive (as "apt install ./*.deb" on a
+# fresh machine would), and refuses the front end without its engine.
+apt-get install --simulate --no-install-recommends "${debs[@]}" > "$out/apt.log" 2>&1 ||
+    { cat "$out/apt.log"; fail "apt cannot install the packages"; }
+if [ "$frontend" = 1 ] && apt-get install --simulate --no-install-recommends "$frontend_deb" > "$out/apt-alone.log" 2>&1; then
+    fail "apt would install quarvel without quarvex"
+fi
+
 # The file lists.
 contents() { dpkg-deb -c "$1" | awk '{ print $6 }' | sed 's#^\./#/#'; }
 contents "$engine_deb" > "$out/engine.list"
