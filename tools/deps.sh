@@ -12,6 +12,9 @@ packages=(
     cups cups-filters cups-ppdc
     xvfb xauth
     clang-14 libclang-rt-14-dev
+    desktop-file-utils appstream help2man man-db dpkg-dev file
+    parallel openssh-server openssh-client rsync python3-yaml
+    x11-utils x11-apps libxtst6
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -3,7 +3,9 @@
 
 Writes resources/MyIco/Image/*.ico (16, 24, 32, 48 and 64 pixel images, 32-bit with alpha;
 the two Convert button icons lead with a 42 pixel image)
-and resources/MyImage/Image/bg1.png (730x450) and bg2.png (372x299).
+and resources/MyImage/Image/bg1.png (730x450) and bg2.png (372x299), and the application icon for
+the desktop's icon theme as packaging/icons/quarvel-N.png (N = 16 to 256 pixels; the scalable
+packaging/icons/quarvel.svg beside them is drawn by hand from the same design).
 
 Every icon is described once in a 64x64 design grid and rendered separately for each size at
 four times that size, then reduced with a box filter, which gives clean anti-aliased edges.
@@ -20,6 +22,8 @@ import sys
 from PIL import Image, ImageChops, ImageDraw, ImageFilter
 
 SIZES = (16, 24, 32, 48, 64)
+# The sizes of the application icon in the hicolor icon theme.
+THEME_SIZES = (16, 22, 24, 32, 48, 64, 128, 256)
 # The Convert button loads its icon as a plain pixmap, which takes the first image of the file,
 # and sizes the icon to it; those two icons therefore lead with a 42 pixel image that fits the
 # 50 pixel high button.
@@ -417,6 +421,10 @@ def main():
     for name, draw in ICONS.items():
         sizes = ((LEAD_SIZE[name],) if name in LEAD_SIZE else ()) + SIZES
         write_ico(os.path.join(ico_dir, name + ".ico"), [render(draw, s) for s in sizes])
+    theme_dir = os.path.join(root, "packaging", "icons")
+    os.makedirs(theme_dir, exist_ok=True)
+    for size in THEME_SIZES:
+        render(icon_main, size).save(os.path.join(theme_dir, "quarvel-%d.png" % size), optimize=True)
     make_bg1(os.path.join(img_dir, "bg1.png"))
     make_bg2(os.path.join(img_dir, "bg2.png"))
 
