@@ -163,6 +163,7 @@ private:
 
     // Instructions
     void execute(char a, char b, const std::vector<double>& p);
+    bool executeLabelInstruction(int code, const std::vector<double>& p);
     void warnOnce(const std::string& message);
 
     // Geometry
