@@ -64,6 +64,7 @@ void Interpreter::setPictureFrame(const PictureFrame& frame) {
     // A new frame also empties the polygon buffer and puts the pen on P1.
     m_polygonMode = false;
     m_polygon.clear();
+    m_polygonPoints = 0;
     m_pen = m_p1;
     m_labelStart = m_pen;
 }
@@ -84,6 +85,7 @@ void Interpreter::defaults(bool full) {
         m_penDown = false;
         m_polygonMode = false;
         m_polygon.clear();
+        m_polygonPoints = 0;
         m_selectedPen = 1;
         m_pen = {0, 0};
         m_penWidths.assign(std::max<size_t>(m_pens.size(), 2), 0.35);
@@ -127,6 +129,7 @@ void Interpreter::defaults(bool full) {
     m_labelOrigin = 1;
     m_terminator = 3;
     m_terminatorPrinted = false;
+    m_transparentData = false;
     updateTransforms();
 }
 

@@ -26,7 +26,7 @@
 //
 // Instructions drawn: IN DF SP PU PD PA PR PE PW WU LA LT UL SC IP IR RO IW CI AA AR AT RT BZ BR
 // EA ER RA RR EW WG PM EP FP FT RF AC TR SV MC NP PC CR CT LB DT SD AD SS SA SI SR DI DR LO CP
-// ES SM. Accepted without effect: BP CO MG WD BL PS PG RP PP CF DV LM QL TD VS FS IV NR AF AH PB
+// ES SM TD. Accepted without effect: BP CO MG WD BL PS PG RP PP CF DV LM QL VS FS IV NR AF AH PB
 // SB EC FR and the O* output instructions. Anything else is skipped with one warning a mnemonic.
 
 #include "render/device.h"
@@ -178,6 +178,7 @@ private:
 
     // Pen moves
     void moveTo(Point plu);
+    bool polygonHasRoom(size_t n);
     void plotPairs(const std::vector<double>& p, bool relative);
     void arcTo(Point centre, double sweepDeg, double chordDeg);
     void threePointArc(Point mid, Point end, double chordDeg);
@@ -198,7 +199,7 @@ private:
     void ensurePage();
 
     // Labels
-    void label(const std::string& text);
+    void label(const uint8_t* text, size_t size, bool terminated);
     void labelLine(const std::u32string& line, Point start);
     void drawSymbol();
     Point labelDirection() const;
@@ -261,6 +262,7 @@ private:
     // Polygon mode
     bool m_polygonMode = false;
     std::vector<Subpoly> m_polygon;
+    size_t m_polygonPoints = 0;       // points in the buffer, at most kMaxPolygonPoints
     bool m_polyNewSub = true;
 
     // Labels
@@ -275,6 +277,7 @@ private:
     int m_labelOrigin = 1;
     uint8_t m_terminator = 3;
     bool m_terminatorPrinted = false;
+    bool m_transparentData = false;   // TD1: control codes in labels are printed
     Point m_labelStart;               // carriage return point, plotter units
     uint8_t m_symbol = 0;             // SM: the character marking each point; 0 = none
 };

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <string>
 
 namespace qx::hpgl2 {
 
@@ -60,18 +61,18 @@ size_t Interpreter::run(const uint8_t* data, size_t size) {
             continue;
         }
         if (a == 'L' && b == 'B') {
-            std::string text;
-            size_t pos = reader.position();
-            while (pos < size && data[pos] != kEsc && data[pos] != m_terminator)
-                text.push_back(static_cast<char>(data[pos++]));
-            if (pos < size && data[pos] == m_terminator) {
-                if (m_terminatorPrinted)
-                    text.push_back(static_cast<char>(m_terminator));
-                ++pos;
-            }
-            reader.setPosition(pos);
+            // The label runs to its terminator and nothing else ends it, not even ESC: in
+            // transparent data every code is text.
             flush();
-            label(text);
+            const size_t from = reader.position();
+            size_t pos = from;
+            while (pos < size && data[pos] != m_terminator)
+                ++pos;
+            const bool terminated = pos < size;
+            if (!terminated)
+                warnOnce("HP-GL/2: a label has no terminator; it runs to the end of the data");
+            label(data + from, pos - from, terminated);
+            reader.setPosition(terminated ? pos + 1 : pos);
             continue;
         }
         if (a == 'D' && b == 'T') {
@@ -404,6 +405,9 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
         for (Point q : arcPoints(m_pen, radius, start, 2 * kPi, chordAngle(p, 1)))
             pts.push_back(q);
         if (m_polygonMode) {
+            if (!polygonHasRoom(pts.size()))
+                return;
+            m_polygonPoints += pts.size();
             m_polygon.push_back(Subpoly{pts, true, true});
             m_polyNewSub = true;
         } else {
@@ -451,6 +455,7 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
             m_polygonMode = true;
             m_polygon.clear();
             m_polygon.push_back(Subpoly{{m_pen}, false, false});
+            m_polygonPoints = 1;
             m_polyNewSub = false;
         } else if (m_polygonMode) {
             // The closing side is edged only when the pen is down as the subpolygon closes.
@@ -602,7 +607,7 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
     // Accepted without effect here: plot size and page advance belong to PCL, the rest changes
     // nothing this engine draws.
     static const char* const kIgnored[] = {"PS", "PG", "RP", "PP", "CF", "DV", "LM",
-                                           "QL", "TD", "VS", "FS", "IV", "OI", "OP", "OS", "OE",
+                                           "QL", "VS", "FS", "IV", "OI", "OP", "OS", "OE",
                                            "OW", "OH", "OF", "OD", "OA", "OC", "OG", "NR", "AF", "AH",
                                            "PB", "SB", "EC", "FR"};
     for (const char* m : kIgnored)

@@ -18,6 +18,13 @@ constexpr uint8_t kEsc = 0x1B;
 constexpr double kMaxPlu = 1e8;
 // The largest em, in device pixels, that labels are rendered at.
 constexpr double kMaxGlyphPixels = 6000;
+// Labels are drawn in pieces of at most this many characters: more than a line of any page.
+constexpr size_t kMaxLabelLine = 4096;
+// The polygon buffer holds this many points, as a printer with 4 MB of memory free for it
+// (8 bytes a point); points beyond are dropped with a warning.
+constexpr size_t kMaxPolygonPoints = 500000;
+// A line drawn with the pen down is handed to the device in pieces of this many points.
+constexpr size_t kMaxStrokePoints = 65536;
 
 inline double clampPlu(double v) {
     if (!std::isfinite(v))

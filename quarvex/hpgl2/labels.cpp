@@ -69,7 +69,7 @@ double Interpreter::lineFeedPlu() const {
     return line * (1 + m_extraSpace.y); // ES: extra lines
 }
 
-void Interpreter::label(const std::string& text) {
+void Interpreter::label(const uint8_t* text, size_t size, bool terminated) {
     if (!m_fonts) {
         warnOnce("HP-GL/2: labels need fonts; skipped");
         return;
@@ -80,15 +80,32 @@ void Interpreter::label(const std::string& text) {
     }
     const Point dir = labelDirection();
     const Point down{dir.y, -dir.x};
+    // The text is drawn as it comes, a line (or a piece of a line no page can hold whole) at a
+    // time, so that a label of any length needs no more memory than one line.
     std::u32string line;
     Point start = m_pen;
     auto drawLine = [&] {
         if (!line.empty())
             labelLine(line, start);
         line.clear();
+        start = m_pen;
     };
-    for (unsigned char c : text) {
-        if (c == '\r') {
+    auto print = [&](uint8_t c) {
+        const Font& f = m_alternateSelected ? m_alternate : m_standard;
+        // A code that the symbol set leaves undefined prints nothing.
+        const char32_t u = symbolSetToUnicode(static_cast<uint16_t>(std::clamp(f.symbolSet, 0, 65535)), c);
+        if (u == 0)
+            return;
+        line.push_back(u);
+        if (line.size() >= kMaxLabelLine)
+            drawLine();
+    };
+    for (size_t i = 0; i < size; ++i) {
+        const uint8_t c = text[i];
+        if (m_transparentData) {
+            // Transparent data (TD1): control codes are characters like the others.
+            print(c);
+        } else if (c == '\r') {
             // Back to the carriage return point of this line.
             drawLine();
             m_pen = start = m_labelStart;
@@ -100,18 +117,16 @@ void Interpreter::label(const std::string& text) {
         } else if (c == 0x0E || c == 0x0F) {
             // Shift out: the alternate font; shift in: the standard font.
             drawLine();
-            start = m_pen;
             m_alternateSelected = c == 0x0E;
             if (selectFont() < 0)
                 return;
         } else if (c >= 0x20) {
-            const Font& f = m_alternateSelected ? m_alternate : m_standard;
-            char32_t u = symbolSetToUnicode(static_cast<uint16_t>(std::clamp(f.symbolSet, 0, 65535)), c);
-            if (u == 0)
-                u = c < 0x80 ? c : U'?';
-            line.push_back(u);
+            print(c);
         }
     }
+    // DT's mode 0 prints the terminator as the label's last character.
+    if (terminated && m_terminatorPrinted && (m_transparentData || m_terminator >= 0x20))
+        print(m_terminator);
     drawLine();
 }
 
@@ -237,6 +252,11 @@ bool Interpreter::executeLabelInstruction(int code, const std::vector<double>& p
             default: break;
             }
         }
+        return true;
+    }
+    if (is("TD")) {
+        // Transparent data: 1 prints control codes in labels as characters.
+        m_transparentData = toInt(at(0, 0)) == 1;
         return true;
     }
     if (is("ES")) {

@@ -5,27 +5,44 @@
 
 #include <algorithm>
 #include <cmath>
+#include <string>
 
 namespace qx::hpgl2 {
 
 using namespace internal;
 
+// Whether n more points fit in the polygon buffer. It fills up as a printer's does: the points
+// beyond are dropped, with a warning.
+bool Interpreter::polygonHasRoom(size_t n) {
+    if (m_polygonPoints + n <= kMaxPolygonPoints)
+        return true;
+    warnOnce("HP-GL/2: the polygon buffer is full; the points beyond " + std::to_string(kMaxPolygonPoints) +
+             " are dropped");
+    return false;
+}
+
 void Interpreter::moveTo(Point target) {
     target = clampPlu(target);
     if (m_polygonMode) {
-        if (m_polygon.empty() || m_polyNewSub) {
-            m_polygon.push_back(Subpoly{{m_pen}, false, false});
-            m_polyNewSub = false;
-        }
-        if (!m_penDown) {
-            Subpoly& sub = m_polygon.back();
-            if (sub.pts.size() <= 1)
-                sub.pts = {target};
-            else
-                m_polygon.push_back(Subpoly{{target}, false, false});
-        } else {
-            m_polygon.back().pts.push_back(target);
-            m_polygon.back().edged = true;
+        if (polygonHasRoom(2)) {
+            if (m_polygon.empty() || m_polyNewSub) {
+                m_polygon.push_back(Subpoly{{m_pen}, false, false});
+                m_polyNewSub = false;
+                ++m_polygonPoints;
+            }
+            if (!m_penDown) {
+                Subpoly& sub = m_polygon.back();
+                if (sub.pts.size() <= 1) {
+                    sub.pts = {target};
+                } else {
+                    m_polygon.push_back(Subpoly{{target}, false, false});
+                    ++m_polygonPoints;
+                }
+            } else {
+                m_polygon.back().pts.push_back(target);
+                m_polygon.back().edged = true;
+                ++m_polygonPoints;
+            }
         }
     } else if (m_penDown) {
         if (!m_strokeHasSegments) {
@@ -34,6 +51,9 @@ void Interpreter::moveTo(Point target) {
         }
         m_stroke.lineTo(pluToPage(target));
         m_strokeHasSegments = true;
+        // A long line goes to the device in pieces, so that it needs no more memory than that.
+        if (m_stroke.points().size() >= kMaxStrokePoints)
+            flush();
     } else {
         flush();
     }
