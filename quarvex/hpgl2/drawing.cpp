@@ -73,6 +73,13 @@ Paint Interpreter::linePaint() const {
     return Paint::solid({mix(pen.color.r), mix(pen.color.g), mix(pen.color.b)});
 }
 
+// The size of a device pixel in page space.
+double Interpreter::devicePixel() const {
+    const Matrix ptd = m_dev.pageToDevice();
+    const double scale = std::sqrt(std::fabs(ptd.a * ptd.d - ptd.b * ptd.c));
+    return scale > 1e-9 && std::isfinite(scale) ? 1.0 / scale : 1.0;
+}
+
 StrokeStyle Interpreter::strokeStyle() const {
     StrokeStyle s;
     const size_t index = m_penWidths.empty()
@@ -85,6 +92,11 @@ StrokeStyle Interpreter::strokeStyle() const {
         s.width = w * 72.0 / 25.4;
     if (!std::isfinite(s.width) || s.width < 0)
         s.width = 0;
+    // A printer draws pens a whole number of dots wide, the thinnest one dot: the width is
+    // rounded to device pixels, and a pen of less than one and a half is the device's thinnest.
+    const double pixel = devicePixel();
+    const double dots = std::round(s.width / pixel);
+    s.width = dots <= 1 ? 0 : dots * pixel;
     s.cap = m_cap;
     s.join = m_join;
     s.miterLimit = std::max(1.0, m_miterLimit);
@@ -102,8 +114,9 @@ StrokeStyle Interpreter::strokeStyle() const {
         const double length = m_patternAbsolute ? m_patternLength * 72.0 / 25.4
                                                 : m_patternLength / 100.0 * diagonalPlu() * pluScaleToPage();
         if (sum > 0 && length > 0 && std::isfinite(length) && pattern.size() >= 2) {
-            // Dots (dashes of no length) are drawn as short dashes so that butt ends show them.
-            const double dot = std::max(s.width, 0.5);
+            // Dots (dashes of no length) are drawn as dashes as long as the pen is wide, at
+            // least one device pixel, so that butt ends show them.
+            const double dot = std::max(s.width, pixel);
             for (size_t i = 0; i < pattern.size(); ++i) {
                 double v = pattern[i] / sum * length;
                 if (i % 2 == 0 && v < dot) {
@@ -132,9 +145,7 @@ void Interpreter::flush() {
     const auto& pts = m_stroke.points();
     if (m_lineTypeSet && m_lineType == 0) {
         // Line type 0: a dot at each point, nothing between them.
-        const Matrix ptd = m_dev.pageToDevice();
-        const double pixel = 1.0 / std::max(1e-9, std::sqrt(std::fabs(ptd.a * ptd.d - ptd.b * ptd.c)));
-        const double side = std::max(style.width, pixel);
+        const double side = std::max(style.width, devicePixel());
         Path dots;
         for (Point q : pts)
             dots.addRect(q.x - side / 2, q.y - side / 2, side, side);

@@ -192,6 +192,7 @@ private:
     void fillPlu(const std::vector<std::vector<Point>>& polys, bool evenOdd);
     void edgeOrFill(const std::vector<Point>& poly, bool fill);
     StrokeStyle strokeStyle() const;
+    double devicePixel() const;
     Paint penPaint() const;
     Paint linePaint() const;
     RenderState renderState(bool forFill) const;

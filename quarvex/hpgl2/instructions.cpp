@@ -106,8 +106,18 @@ size_t Interpreter::run(const uint8_t* data, size_t size) {
             reader.setPosition(pos);
             continue;
         }
-        reader.numbers(p);
+        // Parameters are taken in pieces, so that an instruction of millions of points needs
+        // no more memory than one piece: the pen moves take each piece as an instruction of
+        // its own, the others only the first (no other instruction has more parameters).
+        bool more = reader.numbers(p, kMaxParameters);
         execute(a, b, p);
+        const bool continues = (a == 'P' && (b == 'A' || b == 'R' || b == 'D' || b == 'U')) ||
+                               (a == 'B' && (b == 'Z' || b == 'R'));
+        while (more) {
+            more = reader.numbers(p, kMaxParameters);
+            if (continues && !p.empty())
+                execute(a, b, p);
+        }
     }
     flush();
     if (reader.strayBytes() > 0)
@@ -221,6 +231,11 @@ void Interpreter::execute(char a, char b, const std::vector<double>& p) {
     flush();
 
     if (is("IN")) {
+        // IN sets up the eight-pen palette of a colour printer: white, black, red, green,
+        // yellow, blue, magenta, cyan.
+        m_pens.resize(8);
+        for (size_t i = 0; i < m_pens.size(); ++i)
+            m_pens[i] = defaultPenColour(static_cast<int>(i));
         defaults(true);
         return;
     }

@@ -23,6 +23,9 @@ constexpr size_t kMaxLabelLine = 4096;
 // The polygon buffer holds this many points, as a printer with 4 MB of memory free for it
 // (8 bytes a point); points beyond are dropped with a warning.
 constexpr size_t kMaxPolygonPoints = 500000;
+// Parameters are read in pieces of this many numbers: the most any instruction takes (RF's
+// 255 by 255 pens), a whole number of point pairs and of Bézier sextets.
+constexpr size_t kMaxParameters = 65538;
 // A line drawn with the pen down is handed to the device in pieces of this many points.
 constexpr size_t kMaxStrokePoints = 65536;
 
