@@ -8,6 +8,7 @@ packages=(
     libgtest-dev
     fonts-liberation fonts-urw-base35 fonts-dejavu-core
     ghostscript netpbm groff python3 python3-pil
+    plotutils gnuplot-nox hp2xx
     xvfb xauth
 )
 missing=()

@@ -366,5 +366,6 @@ text_job text_lineprinter 80 2 612x1008 "${ESC}&l3a0o8d96F" "${ESC}(8U${ESC}(s0p
 printf '%s\t%s\t%s\t-\t%s\t%s\t%s\t%s\n' pcl5/text_two_jobs.pcl hand-wrapped 300 2 pcl5 ink 612x792 >> "$MANIFEST"
 log "pcl5/text_two_jobs.pcl"
 
+"$(dirname "$0")/hpgl2_corpus.sh" "$OUT"
 mv "$MANIFEST" "$OUT/manifest.tsv"
 log "$(($(wc -l < "$OUT/manifest.tsv") - 1)) files in $OUT/manifest.tsv"
