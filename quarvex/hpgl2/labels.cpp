@@ -139,8 +139,9 @@ void Interpreter::labelLine(const std::u32string& line, Point start) {
     if (font < 0)
         return;
     const Font& f = m_alternateSelected ? m_alternate : m_standard;
-    const FontMetrics fm = m_fonts->metrics(font);
-    const double capEm = fm.capHeight > 0.2 ? fm.capHeight : 0.7;
+    // SI and SR scale the printer's own faces, whose cap height is 0.7 of the em (and whose
+    // nominal character is half an em wide), whatever face stands in for them here.
+    const double capEm = 0.7;
     const bool sized = m_relativeSize || m_charWidthCm > 0;
     const bool stick = isStickTypeface(f.typeface);
     // SI / SR give the cap height and the character width: a scalable font's em is twice that

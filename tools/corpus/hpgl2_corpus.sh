@@ -46,6 +46,9 @@ spline right then up then right
 .PE
 PIC
 
+# A coloured curve (pen 3, green) with its axes and tick labels.
+printf '0 0\n1 1\n2 4\n3 9\n4 16\n' | pair graph_colour_plotutils graph -C
+
 pair boxes_pic2plot pic2plot <<'PIC'
 .PS
 box wid 2 ht 1 "Input"

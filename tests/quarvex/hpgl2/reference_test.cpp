@@ -134,6 +134,6 @@ TEST(Hpgl2Reference, PlotutilsPlotsMatchTheirPostScript) {
         ASSERT_EQ(page.height, ref.height);
         EXPECT_GE(inkFScore(page, ref), 0.9);
     }
-    EXPECT_GE(pairs, 2);
+    EXPECT_GE(pairs, 3);
     std::filesystem::remove_all(dir);
 }
