@@ -34,17 +34,8 @@ pair() {
     printf '%s\t%s\n' "$name" "$DPI" >> "$MANIFEST"
 }
 
-pair shapes_pic2plot pic2plot <<'PIC'
-.PS
-box "Start"
-arrow
-circle "Mid"
-arrow
-ellipse "End"
-arc cw
-spline right then up then right
-.PE
-PIC
+# The picture of the HP-GL/2 tests' own data.
+pair shapes_pic2plot pic2plot < "$(dirname "$0")/../../tests/quarvex/hpgl2/data/shapes.pic"
 
 # A coloured curve (pen 3, green) with its axes and tick labels.
 printf '0 0\n1 1\n2 4\n3 9\n4 16\n' | pair graph_colour_plotutils graph -C
