@@ -52,6 +52,13 @@ ScanConverter::ScanConverter(const std::vector<std::vector<Point>>& polylines, F
     restart(m_edges.empty() ? 0 : m_edges.front().first);
 }
 
+// Adds an edge to the active list with its x at the centre of the given row.
+void ScanConverter::activate(const Edge& e, int64_t row) {
+    Edge a = e;
+    a.x = e.x + static_cast<double>(row - e.first) * e.dxdy;
+    m_active.push_back(a);
+}
+
 void ScanConverter::restart(int64_t row) {
     m_active.clear();
     m_next = static_cast<size_t>(
@@ -60,7 +67,7 @@ void ScanConverter::restart(int64_t row) {
         m_edges.begin());
     for (size_t i = 0; i < m_next; ++i)
         if (m_edges[i].end > row)
-            m_active.push_back(m_edges[i]);
+            activate(m_edges[i], row);
     m_row = row;
 }
 
@@ -69,31 +76,41 @@ void ScanConverter::fill(uint8_t* data, int stride, int x0, int y0, int w, int h
         return;
     if (y0 != m_row)
         restart(y0);
-    const double left = x0, right = static_cast<double>(x0) + w;
+    const int64_t rightPixel = static_cast<int64_t>(x0) + w;
     m_delta.assign(static_cast<size_t>(w), 0);
     for (int r = 0; r < h; ++r) {
         const int64_t row = static_cast<int64_t>(y0) + r;
         while (m_next < m_edges.size() && m_edges[m_next].first <= row) {
             if (m_edges[m_next].end > row)
-                m_active.push_back(m_edges[m_next]);
+                activate(m_edges[m_next], row);
             ++m_next;
         }
         // Each crossing changes the winding of the pixels whose centres lie at or right of it;
         // a running sum along the row gives every pixel's winding without sorting.
-        size_t keep = 0, landed = 0;
-        for (size_t i = 0; i < m_active.size(); ++i) {
-            const Edge e = m_active[i];
+        // Active edges carry their x at the current row and step it by one row each time.
+        size_t landed = 0, keep = 0;
+        const size_t count = m_active.size();
+        for (size_t i = 0; i < count; ++i) {
+            Edge& e = m_active[i];
             if (e.end <= row)
                 continue;
-            m_active[keep++] = e;
-            const double at = std::ceil(e.x + static_cast<double>(row - e.first) * e.dxdy - 0.5);
-            if (at >= right)
-                continue;
-            m_delta[at <= left ? 0 : static_cast<size_t>(at - left)] += e.dir;
-            ++landed;
+            // The first pixel whose centre lies at or right of the crossing: ceil(x - 0.5),
+            // by integer conversion (x is bounded, so it fits).
+            const double v = e.x - 0.5;
+            e.x += e.dxdy;
+            int64_t at = static_cast<int64_t>(v);
+            at += static_cast<double>(at) < v;
+            if (at < rightPixel) {
+                m_delta[at <= x0 ? 0 : static_cast<size_t>(at - x0)] += e.dir;
+                ++landed;
+            }
+            // Edges that have ended drop out; the others move up over them.
+            if (keep != i)
+                m_active[keep] = e;
+            ++keep;
         }
-        m_active.resize(keep, Edge{});
-        m_crossings += keep;
+        m_active.resize(keep);
+        m_crossings += m_active.size();
         m_row = row + 1;
         if (landed == 0)
             continue;

@@ -33,7 +33,7 @@ public:
 
 private:
     struct Edge {
-        double x;      // x at the centre of the first row
+        double x;      // x at the centre of the first row (active edges: of the current row)
         double dxdy;   // x change per row
         int64_t first; // first row whose centre the edge crosses
         int64_t end;   // the row after the last
@@ -41,6 +41,7 @@ private:
     };
 
     void restart(int64_t row);
+    void activate(const Edge& e, int64_t row);
 
     FillRule m_rule;
     std::vector<Edge> m_edges;       // sorted by first row
