@@ -651,3 +651,22 @@ TEST(Hpgl2Interpreter, ExtraSpaceWidensLabels) {
     EXPECT_NEAR(t.gl.penPosition().x, 36 + 2 * 1.5 * 1.5 * cm, 1e-6);
     EXPECT_EQ(t.dev.masks, 2);
 }
+
+TEST(Hpgl2Interpreter, ThinPensAreOneDeviceDotAndDotsOneDotLong) {
+    // gnuplot's dotted grid: a 0.12 mm pen (1.4 dots at 300 dpi) with line type 1 (dots).
+    Gl t;
+    t.run("IN;PW0.12;LT1,.25;PD;PA1016,0;PU;PW0.25;LT;PD;PA0,0;PU;");
+    ASSERT_EQ(t.dev.strokes.size(), 2u);
+    // The thinnest pen: the device's one-pixel line; each dot one pixel (0.24 pt) long.
+    EXPECT_EQ(t.dev.strokes[0].style.width, 0);
+    ASSERT_EQ(t.dev.strokes[0].style.dashes.size(), 2u);
+    EXPECT_NEAR(t.dev.strokes[0].style.dashes[0], 72.0 / 300, 1e-9);
+    // 0.25 mm is 2.95 dots: three.
+    EXPECT_NEAR(t.dev.strokes[1].style.width, 3 * 72.0 / 300, 1e-9);
+    // At 75 dpi the 0.25 mm pen is less than one and a half dots: the thinnest.
+    Gl low;
+    low.dev.dpi = 75;
+    low.run("IN;PW0.25;PD;PA1016,0;PU;");
+    ASSERT_EQ(low.dev.strokes.size(), 1u);
+    EXPECT_EQ(low.dev.strokes[0].style.width, 0);
+}
