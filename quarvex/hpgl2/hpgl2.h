@@ -12,7 +12,8 @@
 //                                       // size / orientation / margin changes (see PictureFrame)
 //   // ESC%#B with # = 0: keep the HP-GL/2 pen position; # = 1: the pen goes to the PCL cursor
 //   gl.enterMode(hash == 1 ? std::optional<Point>(cursorInPageSpace) : std::nullopt);
-//   size_t used = gl.run(data + pos, size - pos);   // stops AT an ESC byte, or at the end
+//   size_t used = gl.run(data + pos, size - pos);   // stops AT an ESC byte outside a label,
+//                                                   // or at the end
 //   // PCL parses the escape sequence found at data + pos + used itself:
 //   //   ESC%#A  back to PCL (# = 1: the PCL cursor moves to gl.penPosition());
 //   //   ESC E   reset: gl.reset() after PCL's own reset; UEL: the job ends;
@@ -23,6 +24,13 @@
 // corner of the picture frame and y up; everything reaches the Device in page space (points,
 // top-left origin, y down). Every drawing is clipped to the picture frame (and to the input
 // window of IW).
+//
+// Pens are drawn a whole number of device dots wide, the thinnest one dot. IN sets up the
+// eight-pen palette of a colour printer. A label runs to its terminator and nothing else ends
+// it (ESC included: with TD1 every code is text); it is drawn as it comes, so its length costs
+// no memory. The polygon buffer holds 500,000 points, as a printer's fills up: the points
+// beyond are dropped with a warning. Parameters are read in pieces, so one instruction of
+// millions of points needs one piece of memory.
 //
 // Instructions drawn: IN DF SP PU PD PA PR PE PW WU LA LT UL SC IP IR RO IW CI AA AR AT RT BZ BR
 // EA ER RA RR EW WG PM EP FP FT RF AC TR SV MC NP PC CR CT LB DT SD AD SS SA SI SR DI DR LO CP
@@ -127,8 +135,8 @@ public:
     // ESC%0B (the pen stays where HP-GL/2 left it).
     void enterMode(std::optional<Point> penAtPage = std::nullopt);
 
-    // Interprets instructions from data until an ESC byte or the end; returns the offset of the
-    // ESC (or size). Everything drawn so far has reached the device when it returns.
+    // Interprets instructions from data until an ESC byte between instructions or the end;
+    // returns the offset of the ESC (or size). Everything drawn so far has reached the device when it returns.
     size_t run(const uint8_t* data, size_t size);
 
     // The pen position in page space (for ESC%1A, which moves the PCL cursor there).
