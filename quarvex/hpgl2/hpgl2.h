@@ -136,7 +136,8 @@ public:
     void enterMode(std::optional<Point> penAtPage = std::nullopt);
 
     // Interprets instructions from data until an ESC byte between instructions or the end;
-    // returns the offset of the ESC (or size). Everything drawn so far has reached the device when it returns.
+    // returns the offset of the ESC (or size). Everything drawn so far has reached the device
+    // when it returns.
     size_t run(const uint8_t* data, size_t size);
 
     // The pen position in page space (for ESC%1A, which moves the PCL cursor there).

@@ -189,7 +189,8 @@ TEST(Hpgl2Bounded, PolygonBufferIsBoundedWithAWarning) {
 TEST(Hpgl2Bounded, LongPenDownLineReachesTheDeviceInPieces) {
     std::string job = "IN;SP1;PA0,0;PD";
     for (int i = 0; i < 300000; ++i)
-        job += std::to_string(i % 2 ? 5000 : 0) + "," + std::to_string(i % 1000) + (i + 1 < 300000 ? "," : ";");
+        job += std::to_string(i % 2 ? 5000 : 0) + "," + std::to_string(i % 1000) +
+               (i + 1 < 300000 ? "," : ";");
     Counted t;
     t.run(job + "PU;");
     EXPECT_GE(t.dev.strokes, 4u);

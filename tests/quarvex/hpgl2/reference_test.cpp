@@ -108,7 +108,8 @@ const FontLibrary& fonts() {
 
 TEST(Hpgl2Reference, PlotutilsPlotsMatchTheirPostScript) {
     const auto dir = std::filesystem::temp_directory_path() / ("qx_hpgl2_ref_" + std::to_string(getpid()));
-    const std::string command = std::string("'") + QX_HPGL2_CORPUS_SCRIPT + "' '" + dir.string() + "' > /dev/null";
+    const std::string command =
+        std::string("'") + QX_HPGL2_CORPUS_SCRIPT + "' '" + dir.string() + "' > /dev/null";
     ASSERT_EQ(std::system(command.c_str()), 0) << command;
     std::ifstream manifest(dir / "hpgl2" / "manifest.tsv");
     std::string name;

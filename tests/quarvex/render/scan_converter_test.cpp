@@ -43,7 +43,8 @@ std::vector<uint8_t> cairoFill(const std::vector<std::vector<Point>>& polys, Fil
 }
 
 // Filled in bands of `rows` rows and, when split, in two slices side by side.
-std::vector<uint8_t> scanFill(const std::vector<std::vector<Point>>& polys, FillRule rule, int rows, bool split) {
+std::vector<uint8_t> scanFill(const std::vector<std::vector<Point>>& polys, FillRule rule, int rows,
+                              bool split) {
     ScanConverter scan(polys, rule);
     std::vector<uint8_t> out(size_t(kW) * kH, 0);
     const int sliceW = split ? kW / 2 : kW;
@@ -68,7 +69,8 @@ size_t differences(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b)
 
 // Differences away from the boundaries (pixels whose neighbours agree with them in a and in b),
 // and the number of boundary pixels.
-size_t interiorDifferences(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b, size_t* boundaryPixels = nullptr) {
+size_t interiorDifferences(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b,
+                           size_t* boundaryPixels = nullptr) {
     size_t n = 0, edge = 0;
     for (int y = 0; y < kH; ++y)
         for (int x = 0; x < kW; ++x) {
