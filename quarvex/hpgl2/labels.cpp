@@ -205,9 +205,22 @@ void Interpreter::labelLine(const std::u32string& line, Point start) {
     const auto inv = m_dev.pageToDevice().inverted();
     const Paint paint = penPaint();
     const RenderState rs = renderState(false);
+    // The picture frame in device pixels, widened by an em: glyphs beyond it are clipped away
+    // whole, so they are not rendered at all.
+    double fx0 = 1e300, fy0 = 1e300, fx1 = -1e300, fy1 = -1e300;
+    const Matrix frameToDevice = m_dev.pageToDevice() * m_frame.frameToPage;
+    const Point corners[4] = {
+        {0, 0}, {m_frame.width, 0}, {0, m_frame.height}, {m_frame.width, m_frame.height}};
+    for (Point c : corners) {
+        const Point q = frameToDevice.apply(c);
+        fx0 = std::min(fx0, q.x - emPixels), fx1 = std::max(fx1, q.x + emPixels);
+        fy0 = std::min(fy0, q.y - emPixels), fy1 = std::max(fy1, q.y + emPixels);
+    }
     for (size_t i = 0; i < line.size(); ++i) {
         const char32_t u = line[i];
-        if (u != U' ' && inv && render) {
+        const Point here = toDevice.apply(pen);
+        const bool inFrame = here.x >= fx0 && here.x <= fx1 && here.y >= fy0 && here.y <= fy1;
+        if (u != U' ' && inv && render && inFrame) {
             if (auto g = m_fonts->renderGlyph(font, u, fontToDevice)) {
                 if (g->mask.width > 0 && g->mask.height > 0) {
                     // A fixed cell centres its glyph.

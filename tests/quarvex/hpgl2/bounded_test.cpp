@@ -114,7 +114,7 @@ std::string zigzagPolygon(int points) {
 
 TEST(Hpgl2Bounded, TransparentDataLabelPrintsEveryCodeUpToItsTerminator) {
     // Every code from 0 to 255 but the terminator, ESC included: only the terminator ends it.
-    std::string job = "\x1b" "E\x1b%0BIN;DT!;TD1;SP1;PA1000,1000;LB";
+    std::string job = "\x1b" "E\x1b%0BIN;DT!;TD1;SP1;SI0.03,0.05;PA1000,1000;LB";
     for (int c = 0; c < 256; ++c)
         if (c != '!')
             job.push_back(static_cast<char>(c));
@@ -125,7 +125,8 @@ TEST(Hpgl2Bounded, TransparentDataLabelPrintsEveryCodeUpToItsTerminator) {
     EXPECT_EQ(pcl5::run(reinterpret_cast<const uint8_t*>(job.data()), job.size(), ctx), job.size());
     EXPECT_TRUE(diag.lines().empty()) << diag.lines().front();
     EXPECT_EQ(dev.pageCount(), 1);
-    // The printable codes of Roman-8 in both halves: 94 + about 90, less the terminator.
+    // The printable codes of Roman-8 in both halves: 94 + about 90, less the terminator (small
+    // enough for the whole line to fit on the page).
     EXPECT_GE(dev.masks, 170);
 }
 
@@ -175,9 +176,9 @@ TEST(Hpgl2Bounded, LabelWithoutTerminatorConvertsInBoundedMemory) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
     std::filesystem::remove(input);
     std::filesystem::remove(output);
-    // The same label in a size that shows: every character is drawn.
+    // A label in a size that shows: every character is drawn.
     Counted t;
-    const std::string shown(100000, 'A');
+    const std::string shown(200, 'A');
     t.run("IN;SP1;SI0.05,0.05;PA100,100;LB" + shown);
     EXPECT_EQ(t.dev.masks, shown.size());
 }
@@ -201,6 +202,17 @@ TEST(Hpgl2Bounded, PolygonBufferIsBoundedWithAWarning) {
         return t.dev.fills == 1 && t.dev.fillPoints <= 500000 && t.dev.fillPoints > 499000 &&
                t.diag.hasWarnings();
     }));
+}
+
+TEST(Hpgl2Bounded, GlyphsBeyondThePictureFrameAreNotRendered) {
+    // A label a hundred thousand characters long at 12 points: only the ones on the page are
+    // rendered, the pen still moves past all of them.
+    Counted t;
+    const std::string text(100000, 'A');
+    t.run("IN;SP1;PA100,100;LB" + text + "\x03");
+    EXPECT_GT(t.dev.masks, 20u);
+    EXPECT_LT(t.dev.masks, 200u);
+    EXPECT_GT(t.gl.penPosition().x, 100000 * 5.0);
 }
 
 TEST(Hpgl2Bounded, LongPenDownLineReachesTheDeviceInPieces) {
