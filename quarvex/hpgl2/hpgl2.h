@@ -12,7 +12,8 @@
 //                                       // size / orientation / margin changes (see PictureFrame)
 //   // ESC%#B with # = 0: keep the HP-GL/2 pen position; # = 1: the pen goes to the PCL cursor
 //   gl.enterMode(hash == 1 ? std::optional<Point>(cursorInPageSpace) : std::nullopt);
-//   size_t used = gl.run(data + pos, size - pos);   // stops AT an ESC byte, or at the end
+//   size_t used = gl.run(data + pos, size - pos);   // stops AT an ESC byte outside a label,
+//                                                   // or at the end
 //   // PCL parses the escape sequence found at data + pos + used itself:
 //   //   ESC%#A  back to PCL (# = 1: the PCL cursor moves to gl.penPosition());
 //   //   ESC E   reset: gl.reset() after PCL's own reset; UEL: the job ends;
@@ -24,9 +25,16 @@
 // top-left origin, y down). Every drawing is clipped to the picture frame (and to the input
 // window of IW).
 //
+// Pens are drawn a whole number of device dots wide, the thinnest one dot. IN sets up the
+// eight-pen palette of a colour printer. A label runs to its terminator and nothing else ends
+// it (ESC included: with TD1 every code is text); it is drawn as it comes, so its length costs
+// no memory. The polygon buffer holds 500,000 points, as a printer's fills up: the points
+// beyond are dropped with a warning. Parameters are read in pieces, so one instruction of
+// millions of points needs one piece of memory.
+//
 // Instructions drawn: IN DF SP PU PD PA PR PE PW WU LA LT UL SC IP IR RO IW CI AA AR AT RT BZ BR
 // EA ER RA RR EW WG PM EP FP FT RF AC TR SV MC NP PC CR CT LB DT SD AD SS SA SI SR DI DR LO CP
-// ES SM. Accepted without effect: BP CO MG WD BL PS PG RP PP CF DV LM QL TD VS FS IV NR AF AH PB
+// ES SM TD. Accepted without effect: BP CO MG WD BL PS PG RP PP CF DV LM QL VS FS IV NR AF AH PB
 // SB EC FR and the O* output instructions. Anything else is skipped with one warning a mnemonic.
 
 #include "render/device.h"
@@ -127,8 +135,9 @@ public:
     // ESC%0B (the pen stays where HP-GL/2 left it).
     void enterMode(std::optional<Point> penAtPage = std::nullopt);
 
-    // Interprets instructions from data until an ESC byte or the end; returns the offset of the
-    // ESC (or size). Everything drawn so far has reached the device when it returns.
+    // Interprets instructions from data until an ESC byte between instructions or the end;
+    // returns the offset of the ESC (or size). Everything drawn so far has reached the device
+    // when it returns.
     size_t run(const uint8_t* data, size_t size);
 
     // The pen position in page space (for ESC%1A, which moves the PCL cursor there).
@@ -163,6 +172,7 @@ private:
 
     // Instructions
     void execute(char a, char b, const std::vector<double>& p);
+    bool executeLabelInstruction(int code, const std::vector<double>& p);
     void warnOnce(const std::string& message);
 
     // Geometry
@@ -177,6 +187,7 @@ private:
 
     // Pen moves
     void moveTo(Point plu);
+    bool polygonHasRoom(size_t n);
     void plotPairs(const std::vector<double>& p, bool relative);
     void arcTo(Point centre, double sweepDeg, double chordDeg);
     void threePointArc(Point mid, Point end, double chordDeg);
@@ -190,6 +201,7 @@ private:
     void fillPlu(const std::vector<std::vector<Point>>& polys, bool evenOdd);
     void edgeOrFill(const std::vector<Point>& poly, bool fill);
     StrokeStyle strokeStyle() const;
+    double devicePixel() const;
     Paint penPaint() const;
     Paint linePaint() const;
     RenderState renderState(bool forFill) const;
@@ -197,7 +209,7 @@ private:
     void ensurePage();
 
     // Labels
-    void label(const std::string& text);
+    void label(const uint8_t* text, size_t size, bool terminated);
     void labelLine(const std::u32string& line, Point start);
     void drawSymbol();
     Point labelDirection() const;
@@ -260,6 +272,7 @@ private:
     // Polygon mode
     bool m_polygonMode = false;
     std::vector<Subpoly> m_polygon;
+    size_t m_polygonPoints = 0;       // points in the buffer, at most kMaxPolygonPoints
     bool m_polyNewSub = true;
 
     // Labels
@@ -274,6 +287,7 @@ private:
     int m_labelOrigin = 1;
     uint8_t m_terminator = 3;
     bool m_terminatorPrinted = false;
+    bool m_transparentData = false;   // TD1: control codes in labels are printed
     Point m_labelStart;               // carriage return point, plotter units
     uint8_t m_symbol = 0;             // SM: the character marking each point; 0 = none
 };

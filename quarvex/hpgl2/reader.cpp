@@ -78,11 +78,26 @@ bool Reader::number(double& v) {
     return true;
 }
 
+bool Reader::numbers(std::vector<double>& out, size_t max) {
+    out.clear();
+    double v = 0;
+    while (out.size() < max && number(v))
+        out.push_back(v);
+    if (out.size() >= max)
+        return true;
+    numbersEnd();
+    return false;
+}
+
 void Reader::numbers(std::vector<double>& out) {
     out.clear();
     double v = 0;
     while (number(v))
         out.push_back(v);
+    numbersEnd();
+}
+
+void Reader::numbersEnd() {
     while (m_pos < m_size && isSeparator(m_data[m_pos]))
         ++m_pos;
     if (m_pos < m_size && m_data[m_pos] == ';') {

@@ -22,6 +22,9 @@ public:
     bool nextMnemonic(char& a, char& b);
     // Reads numeric parameters up to the end of the instruction, and a ';' that ends it.
     void numbers(std::vector<double>& out);
+    // The same, at most max of them: true when it stopped there and more may follow (the next
+    // call reads on), false when the instruction has ended.
+    bool numbers(std::vector<double>& out, size_t max);
     // Skips the parameters of an instruction whose syntax is unknown: up to ';', the next
     // letter or an ESC. Quoted strings are skipped whole.
     void skipParameters();
@@ -41,6 +44,7 @@ public:
 
 private:
     bool number(double& v);
+    void numbersEnd();
 
     const uint8_t* m_data;
     size_t m_size;

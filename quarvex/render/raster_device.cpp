@@ -14,6 +14,7 @@
 
 #include "render/page_geometry.h"
 #include "render/raster_ops.h"
+#include "render/scan_converter.h"
 
 #include <cairo.h>
 
@@ -107,6 +108,8 @@ constexpr double kCairoLimitPx = 4.0e6;
 
 // The budget of one coverage band.
 constexpr size_t kBandBytes = size_t(1) << 20;
+// Paths of at least this many points are filled by the scan converter rather than by cairo.
+constexpr size_t kScanConvertFrom = 512;
 
 // Coverage is rendered in slices at most this wide (cairo's image surfaces stop at 32767
 // pixels a side); a multiple of 8, so that slices of a clip mask start on whole bytes.
@@ -355,6 +358,9 @@ struct RasterDevice::Impl {
         band.resize(size_t(bstride) * rows);
         if (region->entries.size() > 1)
             band2.resize(size_t(bstride) * rows);
+        std::vector<std::unique_ptr<raster::ScanConverter>> scans;
+        for (const ClipRegion::Entry& e : region->entries)
+            scans.push_back(scanConverterFor(e.path, e.rule));
         for (int sx = box.x0; sx < box.x1; sx += kMaxSliceWidth) {
             const int w = std::min(kMaxSliceWidth, box.x1 - sx);
             const size_t byteOffset = size_t(sx - box.x0) / 8; // slices start on whole bytes
@@ -365,13 +371,17 @@ struct RasterDevice::Impl {
                     const ClipRegion::Entry& e = region->entries[i];
                     uint8_t* target = i == 0 ? band.data() : band2.data();
                     std::memset(target, 0, bytes);
-                    withCairo(target, bstride, sx, by, w, bh, [&](cairo_t* cr) {
-                        appendPath(cr, e.path);
-                        cairo_set_fill_rule(cr, e.rule == FillRule::EvenOdd
-                                                    ? CAIRO_FILL_RULE_EVEN_ODD
-                                                    : CAIRO_FILL_RULE_WINDING);
-                        cairo_fill(cr);
-                    });
+                    if (scans[i]) {
+                        scans[i]->fill(target, bstride, sx, by, w, bh);
+                    } else {
+                        withCairo(target, bstride, sx, by, w, bh, [&](cairo_t* cr) {
+                            appendPath(cr, e.path);
+                            cairo_set_fill_rule(cr, e.rule == FillRule::EvenOdd
+                                                        ? CAIRO_FILL_RULE_EVEN_ODD
+                                                        : CAIRO_FILL_RULE_WINDING);
+                            cairo_fill(cr);
+                        });
+                    }
                     if (i > 0)
                         for (size_t k = 0; k < bytes; ++k)
                             band[k] &= band2[k];
@@ -811,6 +821,18 @@ struct RasterDevice::Impl {
                     compositeCoverage(by + r, sx, band.data() + size_t(r) * bstride, w);
             }
         }
+    }
+
+    // Paths of many edges are filled by the active-edge scan converter: cairo's fill of a
+    // self-intersecting path grows with the square of its edges. Small paths keep cairo's.
+    std::unique_ptr<raster::ScanConverter> scanConverterFor(const Path& path, FillRule rule) const {
+        if (path.points().size() < kScanConvertFrom)
+            return nullptr;
+        auto lines = flatten(path);
+        for (auto& line : lines)
+            for (Point& p : line)
+                p = ptd.apply(p);
+        return std::make_unique<raster::ScanConverter>(lines, rule);
     }
 
     // ---- one-pixel lines --------------------------------------------------------------------
@@ -1453,6 +1475,12 @@ void RasterDevice::fillPath(const Path& path, FillRule rule, const Paint& paint,
     const IRect box = intersect(deviceBounds(path.points(), d->ptd, 1), d->clip.bound);
     if (box.empty())
         return;
+    if (auto scan = d->scanConverterFor(path, rule)) {
+        d->rasterise(box, [&](uint8_t* data, int bstride, int x0, int y0, int w, int h) {
+            scan->fill(data, bstride, x0, y0, w, h);
+        });
+        return;
+    }
     d->rasterise(box, [&](uint8_t* data, int bstride, int x0, int y0, int w, int h) {
         d->withCairo(data, bstride, x0, y0, w, h, [&](cairo_t* cr) {
             d->appendPath(cr, path);

@@ -431,5 +431,6 @@ HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 export SOURCE_DATE_EPOCH LC_ALL
 
 bash "$HERE/groff_corpus.sh" "$OUT" "$MANIFEST" # groff -Tlj4 man pages against groff's own layout
+bash "$HERE/hpgl2_corpus.sh" "$OUT" # plotutils plots, PCL against their PostScript
 mv "$MANIFEST" "$OUT/manifest.tsv"
 log "$(($(wc -l < "$OUT/manifest.tsv") - 1)) files in $OUT/manifest.tsv"

@@ -51,7 +51,7 @@ TEST(Hpgl2Interpreter, PenDownAbsoluteLine) {
     t.run("IN;SP1;PD;PA1016,1016;PU;");
     ASSERT_EQ(t.dev.strokes.size(), 1u);
     EXPECT_EQ(t.stroke(0), "M36,432 L108,360");
-    EXPECT_NEAR(t.dev.strokes[0].style.width, 0.35 * 72 / 25.4, 1e-9);
+    EXPECT_NEAR(t.dev.strokes[0].style.width, printedWidth(0.35 * 72 / 25.4), 1e-9);
     EXPECT_EQ(RecordingDevice::describe(t.dev.strokes[0].paint), "#000000");
     EXPECT_TRUE(t.host.open);
     EXPECT_TRUE(t.diag.lines().empty());
@@ -297,10 +297,10 @@ TEST(Hpgl2Interpreter, PenWidthsMetricAndRelative) {
     Gl t;
     t.run("IN;PW1;PD;PA1016,0;PU;WU1;PW1;PD;PA0,0;PU;WU0;NP4;PW0.5,2;SP2;PD;PA1016,0;PU;");
     ASSERT_EQ(t.dev.strokes.size(), 3u);
-    EXPECT_NEAR(t.dev.strokes[0].style.width, 72 / 25.4, 1e-9);
+    EXPECT_NEAR(t.dev.strokes[0].style.width, printedWidth(72 / 25.4), 1e-9);
     // 1% of the P1-P2 diagonal (the frame's, 10 by 5 inches).
-    EXPECT_NEAR(t.dev.strokes[1].style.width, 0.01 * std::hypot(720.0, 360.0), 1e-9);
-    EXPECT_NEAR(t.dev.strokes[2].style.width, 0.5 * 72 / 25.4, 1e-9);
+    EXPECT_NEAR(t.dev.strokes[1].style.width, printedWidth(0.01 * std::hypot(720.0, 360.0)), 1e-9);
+    EXPECT_NEAR(t.dev.strokes[2].style.width, printedWidth(0.5 * 72 / 25.4), 1e-9);
 }
 
 TEST(Hpgl2Interpreter, LineAttributes) {
@@ -346,7 +346,7 @@ TEST(Hpgl2Interpreter, PenColours) {
     t.run("IN;SP0;PD;PA1016,0;PU;SP2;PD;PA0,0;PU;NP8;SP2;PD;PA1016,0;PU;PC2,148,0,211;PD;PA0,0;PU;");
     ASSERT_EQ(t.dev.strokes.size(), 4u);
     EXPECT_EQ(RecordingDevice::describe(t.dev.strokes[0].paint), "#ffffff");
-    EXPECT_EQ(RecordingDevice::describe(t.dev.strokes[1].paint), "#ffffff"); // two pens: 2 is 0
+    EXPECT_EQ(RecordingDevice::describe(t.dev.strokes[1].paint), "#ff0000"); // IN's eight pens: 2 is red
     EXPECT_EQ(RecordingDevice::describe(t.dev.strokes[2].paint), "#ff0000");
     EXPECT_EQ(RecordingDevice::describe(t.dev.strokes[3].paint), "#9400d3");
 }
@@ -384,7 +384,7 @@ TEST(Hpgl2Interpreter, DefaultsKeepTheCoordinateSystem) {
     ASSERT_EQ(t.dev.strokes.size(), 1u);
     // DF ends the scaling but keeps P1/P2 and the pen widths.
     EXPECT_EQ(t.stroke(0), "M108,432 L36,432");
-    EXPECT_NEAR(t.dev.strokes[0].style.width, 2 * 72 / 25.4, 1e-9);
+    EXPECT_NEAR(t.dev.strokes[0].style.width, printedWidth(2 * 72 / 25.4), 1e-9);
 }
 
 TEST(Hpgl2Interpreter, UnknownInstructionsWarnOnceEach) {
@@ -565,7 +565,7 @@ TEST(Hpgl2Interpreter, LineTypeZeroDotsThePoints) {
     EXPECT_EQ(p.points().size(), 12u);
     Box b;
     b.add(p);
-    const double w = 0.35 * 72 / 25.4;
+    const double w = printedWidth(0.35 * 72 / 25.4);
     EXPECT_NEAR(b.x0, 36 - w / 2, 1e-9);
     EXPECT_NEAR(b.y0, 360 - w / 2, 1e-9);
 }
@@ -650,4 +650,23 @@ TEST(Hpgl2Interpreter, ExtraSpaceWidensLabels) {
     const double cm = 72 / 2.54;
     EXPECT_NEAR(t.gl.penPosition().x, 36 + 2 * 1.5 * 1.5 * cm, 1e-6);
     EXPECT_EQ(t.dev.masks, 2);
+}
+
+TEST(Hpgl2Interpreter, ThinPensAreOneDeviceDotAndDotsOneDotLong) {
+    // gnuplot's dotted grid: a 0.12 mm pen (1.4 dots at 300 dpi) with line type 1 (dots).
+    Gl t;
+    t.run("IN;PW0.12;LT1,.25;PD;PA1016,0;PU;PW0.25;LT;PD;PA0,0;PU;");
+    ASSERT_EQ(t.dev.strokes.size(), 2u);
+    // The thinnest pen: the device's one-pixel line; each dot one pixel (0.24 pt) long.
+    EXPECT_EQ(t.dev.strokes[0].style.width, 0);
+    ASSERT_EQ(t.dev.strokes[0].style.dashes.size(), 2u);
+    EXPECT_NEAR(t.dev.strokes[0].style.dashes[0], 72.0 / 300, 1e-9);
+    // 0.25 mm is 2.95 dots: three.
+    EXPECT_NEAR(t.dev.strokes[1].style.width, 3 * 72.0 / 300, 1e-9);
+    // At 75 dpi the 0.25 mm pen is less than one and a half dots: the thinnest.
+    Gl low;
+    low.dev.dpi = 75;
+    low.run("IN;PW0.25;PD;PA1016,0;PU;");
+    ASSERT_EQ(low.dev.strokes.size(), 1u);
+    EXPECT_EQ(low.dev.strokes[0].style.width, 0);
 }

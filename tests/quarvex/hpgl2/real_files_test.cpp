@@ -151,7 +151,7 @@ TEST(Hpgl2RealFiles, PlotutilsGraphGeometry) {
     EXPECT_NEAR(last.path.points().front().x, 133.2, 1e-9);
     EXPECT_NEAR(last.path.points().back().y, 756 - 6800 * 0.8128 * 72 / 1016 - 72, 1e-9);
     // Relative pen width: 0.0832% of the P1-P2 diagonal.
-    EXPECT_NEAR(last.style.width, 0.000832 * std::hypot(8128.0, 8128.0) * 72 / 1016, 1e-9);
+    EXPECT_NEAR(last.style.width, printedWidth(0.000832 * std::hypot(8128.0, 8128.0) * 72 / 1016), 1e-9);
 }
 
 TEST(Hpgl2RealFiles, GnuplotSineMonochrome) {
@@ -164,7 +164,7 @@ TEST(Hpgl2RealFiles, GnuplotSineMonochrome) {
     size_t longest = 0;
     for (const auto& s : job.dev.strokes) {
         longest = std::max(longest, s.path.points().size());
-        EXPECT_NEAR(s.style.width, 0.25 * 72 / 25.4, 1e-9);
+        EXPECT_NEAR(s.style.width, printedWidth(0.25 * 72 / 25.4), 1e-9);
     }
     EXPECT_GT(longest, 90u); // the sampled sine
     EXPECT_GT(job.dev.masks, 20); // tic labels and the key

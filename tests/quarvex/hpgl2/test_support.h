@@ -7,10 +7,18 @@
 #include "render/recording_device.h"
 
 #include <algorithm>
+#include <cmath>
 #include <string>
 #include <vector>
 
 namespace qx::hpgl2::test {
+
+// The width a pen of widthPt points is drawn at on a device of dpi: a whole number of dots, and
+// 0 (the device's thinnest line) for one dot.
+inline double printedWidth(double widthPt, double dpi = 300) {
+    const double dots = std::round(widthPt * dpi / 72);
+    return dots <= 1 ? 0 : dots * 72 / dpi;
+}
 
 class CaptureDevice : public RecordingDevice {
 public:

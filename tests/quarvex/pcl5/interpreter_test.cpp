@@ -337,8 +337,8 @@ TEST(Pcl5Hpgl, LinesInPlotterUnitsFromTheDefaultFrameCorner) {
     EXPECT_FALSE(r.warnings);
     auto strokes = r.starting("stroke");
     ASSERT_EQ(strokes.size(), 1u);
-    // Lower left of the frame: x 18 pt, y 36 + 720 pt; a 0.35 mm pen.
-    EXPECT_EQ(strokes[0], "stroke w=0.99 #000000 rop=252 srcT patT clip=1 M18,756 L90,756 L90,684");
+    // Lower left of the frame: x 18 pt, y 36 + 720 pt; a 0.35 mm pen, 4 dots at 300 dpi.
+    EXPECT_EQ(strokes[0], "stroke w=0.96 #000000 rop=252 srcT patT clip=1 M18,756 L90,756 L90,684");
     EXPECT_EQ(r.starting("mask").size(), 1u); // PCL text after the return
 }
 

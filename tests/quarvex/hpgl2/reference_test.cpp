@@ -1,0 +1,140 @@
+// HP-GL/2 plots against an independent reference of the same document: plotutils writes each
+// plot as a PCL job and as PostScript (tools/corpus/hpgl2_corpus.sh); Ghostscript renders the
+// PostScript. The engine's page must carry the same ink in the same place: an ink F-score of
+// at least 0.9, a pixel counting as matched when the other side has ink within one pixel, with
+// no shift (both sides are placed on the Letter page by the producer itself).
+
+#include "common/diagnostics.h"
+#include "common/job.h"
+#include "fonts/font_library.h"
+#include "pcl5/pcl5.h"
+#include "render/raster_device.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+using namespace qx;
+
+namespace {
+
+struct Grey {
+    int width = 0, height = 0;
+    std::vector<uint8_t> pixels;
+    bool ink(int x, int y) const { return pixels[size_t(y) * width + x] < 200; }
+    bool inkNear(int x, int y) const {
+        for (int dy = -1; dy <= 1; ++dy)
+            for (int dx = -1; dx <= 1; ++dx) {
+                const int nx = x + dx, ny = y + dy;
+                if (nx >= 0 && ny >= 0 && nx < width && ny < height && ink(nx, ny))
+                    return true;
+            }
+        return false;
+    }
+};
+
+Grey readPgm(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    // The header's fields, skipping comment lines (Ghostscript writes one).
+    auto field = [&] {
+        std::string token;
+        while (in >> token && token[0] == '#')
+            in.ignore(1 << 20, '\n');
+        return token;
+    };
+    Grey g;
+    const std::string magic = field();
+    g.width = std::atoi(field().c_str());
+    g.height = std::atoi(field().c_str());
+    const int maxval = std::atoi(field().c_str());
+    in.get();
+    if (g.width <= 0 || g.height <= 0 || g.width > 20000 || g.height > 20000)
+        return Grey{};
+    g.pixels.resize(size_t(g.width) * g.height);
+    in.read(reinterpret_cast<char*>(g.pixels.data()), std::streamsize(g.pixels.size()));
+    if (magic != "P5" || maxval != 255 || !in)
+        g = Grey{};
+    return g;
+}
+
+struct PageGrabber : PageSink {
+    std::vector<Grey> pages;
+    bool writePage(const RasterPage& page) override {
+        Grey g;
+        g.width = page.width;
+        g.height = page.height;
+        g.pixels.resize(size_t(g.width) * g.height);
+        for (int y = 0; y < page.height; ++y)
+            std::copy(page.row(y), page.row(y) + page.width, g.pixels.begin() + size_t(y) * g.width);
+        pages.push_back(std::move(g));
+        return true;
+    }
+};
+
+// F-score of a's ink against b's, each pixel matched by ink within one pixel on the other side.
+double inkFScore(const Grey& a, const Grey& b) {
+    size_t na = 0, nb = 0, aMatched = 0, bMatched = 0;
+    for (int y = 0; y < a.height; ++y)
+        for (int x = 0; x < a.width; ++x) {
+            if (a.ink(x, y)) {
+                ++na;
+                aMatched += b.inkNear(x, y);
+            }
+            if (b.ink(x, y)) {
+                ++nb;
+                bMatched += a.inkNear(x, y);
+            }
+        }
+    if (na == 0 || nb == 0)
+        return 0;
+    const double precision = double(aMatched) / na, recall = double(bMatched) / nb;
+    return precision + recall > 0 ? 2 * precision * recall / (precision + recall) : 0;
+}
+
+const FontLibrary& fonts() {
+    static FontLibrary lib({std::string(QX_STAGE_DIR) + "/fonts"}, false);
+    return lib;
+}
+
+} // namespace
+
+TEST(Hpgl2Reference, PlotutilsPlotsMatchTheirPostScript) {
+    const auto dir = std::filesystem::temp_directory_path() / ("qx_hpgl2_ref_" + std::to_string(getpid()));
+    const std::string command =
+        std::string("'") + QX_HPGL2_CORPUS_SCRIPT + "' '" + dir.string() + "' > /dev/null";
+    ASSERT_EQ(std::system(command.c_str()), 0) << command;
+    std::ifstream manifest(dir / "hpgl2" / "manifest.tsv");
+    std::string name;
+    int dpi = 0, pairs = 0;
+    while (manifest >> name >> dpi) {
+        SCOPED_TRACE(name);
+        ++pairs;
+        std::ifstream in(dir / "hpgl2" / (name + ".pcl"), std::ios::binary);
+        const std::string job{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+        const Grey ref = readPgm((dir / "hpgl2" / (name + ".ref.pgm")).string());
+        ASSERT_GT(ref.width, 0);
+        PageGrabber sink;
+        RasterOptions options;
+        options.depth = 8;
+        options.dpiX = options.dpiY = dpi;
+        RasterDevice dev(options, sink);
+        Diagnostics diag(name, false);
+        JobContext ctx{dev, diag, &fonts(), {}};
+        pcl5::run(reinterpret_cast<const uint8_t*>(job.data()), job.size(), ctx);
+        ASSERT_EQ(sink.pages.size(), 1u);
+        const Grey& page = sink.pages[0];
+        ASSERT_EQ(page.width, ref.width);
+        ASSERT_EQ(page.height, ref.height);
+        EXPECT_GE(inkFScore(page, ref), 0.9);
+    }
+    EXPECT_GE(pairs, 3);
+    std::filesystem::remove_all(dir);
+}
