@@ -37,6 +37,7 @@ class CountingDevice : public Device {
 public:
     void beginPage(const PageSpec&) override { ++pages; }
     void endPage() override {}
+    void discardPage() override {}
     Matrix pageToDevice() const override { return Matrix::scale(300.0 / 72, 300.0 / 72); }
     void fillPath(const Path& path, FillRule, const Paint&, const RenderState&) override {
         ++fills;
