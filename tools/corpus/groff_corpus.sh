@@ -63,7 +63,7 @@ for page in ls:1 cp:1 groff_char:7; do
 from PIL import Image
 print(getattr(Image.open(sys.argv[1]), "n_frames", 1))' "$OUT/ref/$base.tif")
     if [ -n "$MANIFEST" ]; then
-        printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t-\n' "pcl5/$base.pcl" groff-lj4 300 "ref/$base.tif" "$pages" pcl5 0.97 >> "$MANIFEST"
+        printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t-\n' "pcl5/$base.pcl" groff-lj4 300 "ref/$base.tif" "$pages" pcl5 0.97@sheet >> "$MANIFEST"
     fi
     log "$base.pcl ($pages pages)"
 done

@@ -18,8 +18,10 @@
 # test moves it to where the job's commands put it (the logical page's left edge for the paper
 # and orientation the job selects, and its left offset registration). A producer that places
 # its page for one printer model beyond what its commands say is given that offset here, as
-# "SHARE@DX,DY" (pixels, engine to reference), with the reason beside it. size is the expected page size in points (WxH) or "-" (take it from
-# the reference).
+# "SHARE@DX,DY" (pixels, engine to reference), with the reason beside it. "SHARE@sheet" marks a
+# reference drawn on the sheet where the job's own commands put each mark (groff's LaserJet
+# layout), compared as it lies. size is the expected page size in points (WxH) or "-" (take it
+# from the reference).
 #
 # Deterministic: the same system gives the same files. Needs gs, groff, netpbm, python3 (PIL);
 # ImageMagick, GraphicsMagick and MuPDF's tools add their producers when installed.
