@@ -1,5 +1,6 @@
 #include "postscript/ghostscript.h"
 
+#include "common/stall_guard.h"
 #include "postscript/prologue.h"
 
 #include <ghostscript/gdevdsp.h>
@@ -11,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 namespace qx::postscript {
 
@@ -225,6 +227,9 @@ void Ghostscript::line(const std::string& text) {
 void Ghostscript::deliverPage() {
     if (!m_device || !m_image || m_width <= 0 || m_height <= 0)
         return;
+    // The whole hand-over, down to the TIFF writer, is one step for the stall watchdog: it
+    // never ends the run with a page half written.
+    std::lock_guard<std::mutex> handOver(stall::pageLock());
     PageSpec spec;
     if (m_report && usable(m_report->widthPt) && usable(m_report->heightPt)) {
         spec.widthPt = m_report->widthPt;
@@ -301,6 +306,7 @@ void Ghostscript::deliverPage() {
     }
     m_device->endPage();
     ++m_outcome.pages;
+    stall::progress();
 }
 
 JobOutcome Ghostscript::run(const JobSetup& job, Device& device) {
@@ -339,7 +345,12 @@ JobOutcome Ghostscript::run(const JobSetup& job, Device& device) {
 
     gsapi_add_control_path(m_instance, GS_PERMIT_FILE_READING, job.path.c_str());
     int exitCode = 0;
-    const int code = gsapi_run_string(m_instance, ps.c_str(), 0, &exitCode);
+    int code = 0;
+    {
+        // A job that never finishes a page (an endless loop) is ended by the watchdog.
+        const stall::Section guarded(job.language == JobSetup::Language::Pdf ? "PDF job" : "PostScript job");
+        code = gsapi_run_string(m_instance, ps.c_str(), 0, &exitCode);
+    }
     gsapi_remove_control_path(m_instance, GS_PERMIT_FILE_READING, job.path.c_str());
     if (!m_pending.empty()) {
         line(m_pending);
