@@ -64,8 +64,8 @@ struct Ghostscript::Callbacks {
     }
     static int sync(void*, void*) { return 0; }
     static int page(void* handle, void*, int, int) {
-        self(handle)->deliverPage();
-        return 0;
+        // A refused page fails the job's showpage, which ends the job as a PostScript error.
+        return self(handle)->deliverPage() ? 0 : gs_error_limitcheck;
     }
 
     static int callout(void*, void* handle, const char* deviceName, int id, int bytes, void* data) {
@@ -224,9 +224,13 @@ void Ghostscript::line(const std::string& text) {
     }
 }
 
-void Ghostscript::deliverPage() {
+bool Ghostscript::deliverPage() {
     if (!m_device || !m_image || m_width <= 0 || m_height <= 0)
-        return;
+        return true;
+    if (m_outcome.pages >= m_job->maxPages) {
+        m_outcome.tooManyPages = true;
+        return false;
+    }
     // The whole hand-over, down to the TIFF writer, is one step for the stall watchdog: it
     // never ends the run with a page half written.
     std::lock_guard<std::mutex> handOver(stall::pageLock());
@@ -307,6 +311,7 @@ void Ghostscript::deliverPage() {
     m_device->endPage();
     ++m_outcome.pages;
     stall::progress();
+    return true;
 }
 
 JobOutcome Ghostscript::run(const JobSetup& job, Device& device) {

@@ -488,6 +488,33 @@ TEST(PostScriptFiles, AnEndlessLoopBeforeAnyPageWritesNothingAndExitsOne) {
     EXPECT_EQ(filesIn(dir), (std::vector<std::string>{"loop.ps", "old.tif"}));
 }
 
+TEST(PostScriptFiles, AJobPrintingPagesForeverIsStoppedAtItsMostPages) {
+    // QX_MAX_JOB_PAGES makes the most pages a small job may print 3 here.
+    ::setenv("QX_MAX_JOB_PAGES", "3", 1);
+    const ShortPageLimit limit;
+    const fs::path dir = workDir() / "endless_pages";
+    fs::create_directories(dir);
+    // The next job in the file still runs, on the same interpreter.
+    writeFile(dir / "forever.prn", "\x1b%-12345X@PJL ENTER LANGUAGE = POSTSCRIPT\r\n%!PS\n{ showpage } loop\n"
+                                   "\x1b%-12345X@PJL ENTER LANGUAGE = POSTSCRIPT\r\n%!PS\n"
+                                   "/Helvetica findfont 20 scalefont setfont 72 700 moveto (next) show showpage\n"
+                                   "\x1b%-12345X");
+    const RunResult r = quarvex({"-r", "72x72"}, dir / "forever.prn", dir / "forever.tif", kEndlessCpuCap);
+    EXPECT_EQ(r.status, 3) << r.err;
+    EXPECT_NE(r.err.find("the PostScript job printed more than 3 pages (an endless loop?)"), std::string::npos) << r.err;
+    const auto pages = readTiff(dir / "forever.tif");
+    ASSERT_EQ(pages.size(), 4u);
+    EXPECT_GT(std::count(pages[3].pixels.begin(), pages[3].pixels.end(), 0), 10) << "the next job's page is blank";
+
+    // A job that catches the refusal and goes on printing is stopped by the page watchdog.
+    writeFile(dir / "caught.ps", "%!PS\n{ { showpage } stopped pop } loop\n");
+    const RunResult c = quarvex({"-r", "72x72"}, dir / "caught.ps", dir / "caught.tif", kEndlessCpuCap);
+    ::unsetenv("QX_MAX_JOB_PAGES");
+    EXPECT_EQ(c.status, 3) << c.err;
+    EXPECT_NE(c.err.find("the 3 page(s) finished before it are written"), std::string::npos) << c.err;
+    EXPECT_EQ(readTiff(dir / "caught.tif").size(), 3u);
+}
+
 TEST(PostScriptFiles, JobsCannotReadOtherFiles) {
     // Ghostscript runs with -dSAFER: a job may read only itself.
     const fs::path ps = workDir() / "snoop.ps";
