@@ -136,6 +136,20 @@ class TestEndToEnd : public QObject {
         QCOMPARE(child<QProgressBar>(w, "progressBarA")->value(), 0);
     }
 
+    // The engine run by hand on input with options writes the very bytes of byWindow.
+    void sameAsCommandLine(const QString& byWindow, const QString& input, QStringList options)
+    {
+        const QString byHand = m_tmp.filePath(QFileInfo(byWindow).completeBaseName() + "_by_hand.tif");
+        options << "-o" << byHand << "-i" << input;
+        QProcess engine;
+        engine.start(QCoreApplication::applicationDirPath() + "/quarvex", options);
+        QVERIFY(engine.waitForFinished(kWait));
+        QCOMPARE(engine.exitCode(), 0);
+        QFile a(byWindow), b(byHand);
+        QVERIFY(a.open(QIODevice::ReadOnly) && b.open(QIODevice::ReadOnly));
+        QVERIFY2(a.readAll() == b.readAll(), "the window's TIFF differs from the command line's");
+    }
+
 private slots:
     void initTestCase()
     {
@@ -223,15 +237,7 @@ private slots:
         QCOMPARE(t.compression, uint16_t(COMPRESSION_CCITTFAX4));
         QVERIFY(t.inkPixels > 100);
 
-        const QString byHand = m_tmp.filePath("postscript_by_hand.tif");
-        QProcess engine;
-        engine.start(QCoreApplication::applicationDirPath() + "/quarvex",
-                     {"-b", "1", "-c", "7", "-o", byHand, "-i", input});
-        QVERIFY(engine.waitForFinished(kWait));
-        QCOMPARE(engine.exitCode(), 0);
-        QFile a(byWindow), b(byHand);
-        QVERIFY(a.open(QIODevice::ReadOnly) && b.open(QIODevice::ReadOnly));
-        QVERIFY2(a.readAll() == b.readAll(), "the window's TIFF differs from the command line's");
+        sameAsCommandLine(byWindow, input, {"-b", "1", "-c", "7"});
     }
 
     void emfSpoolSameAsCommandLine()
@@ -254,15 +260,7 @@ private slots:
         QCOMPARE(t.samples, uint16_t(3));
         QVERIFY2(t.inkPixels > 100, "the first page came out blank");
 
-        const QString byHand = m_tmp.filePath("emfspool_by_hand.tif");
-        QProcess engine;
-        engine.start(QCoreApplication::applicationDirPath() + "/quarvex",
-                     {"-b", "24", "-c", "2", "-o", byHand, "-i", input});
-        QVERIFY(engine.waitForFinished(kWait));
-        QCOMPARE(engine.exitCode(), 0);
-        QFile a(byWindow), b(byHand);
-        QVERIFY(a.open(QIODevice::ReadOnly) && b.open(QIODevice::ReadOnly));
-        QVERIFY2(a.readAll() == b.readAll(), "the window's TIFF differs from the command line's");
+        sameAsCommandLine(byWindow, input, {"-b", "24", "-c", "2"});
     }
 
     void textInResidentFonts()
