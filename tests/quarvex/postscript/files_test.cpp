@@ -417,11 +417,12 @@ TEST(PostScriptFiles, AnErrorBeforeAnyPageWritesNothingAndExitsOne) {
 }
 
 // A PostScript program that loops forever is stopped when no page is finished within the
-// limit; QX_PAGE_TIMEOUT makes the limit short here. Without the bound the engine would spin
-// until the processor-time cap kills it, and these tests fail.
+// limit; QX_PAGE_TIMEOUT makes the limit short here (still long enough for a small page on a
+// busy machine). Without the bound the engine would spin until the processor-time cap kills
+// it, and these tests fail.
 class ShortPageLimit {
 public:
-    ShortPageLimit() { ::setenv("QX_PAGE_TIMEOUT", "1", 1); }
+    ShortPageLimit() { ::setenv("QX_PAGE_TIMEOUT", "3", 1); }
     ~ShortPageLimit() { ::unsetenv("QX_PAGE_TIMEOUT"); }
 };
 constexpr int kEndlessCpuCap = 30;
@@ -449,7 +450,7 @@ TEST(PostScriptFiles, AnEndlessLoopAfterPagesIsStoppedAndTheyAreWritten) {
     writeFile(dir / "inside.ps", twoPages + "72 600 moveto (three) show { 1 pop } loop showpage\n");
     const RunResult after = quarvex({"-r", "72x72"}, dir / "after.ps", dir / "after.tif", kEndlessCpuCap);
     EXPECT_EQ(after.status, 3) << after.err;
-    EXPECT_NE(after.err.find("the PostScript job finished no page in 1 s (an endless loop?)"), std::string::npos)
+    EXPECT_NE(after.err.find("the PostScript job finished no page in 3 s (an endless loop?)"), std::string::npos)
         << after.err;
     EXPECT_NE(after.err.find("the 2 page(s) finished before it are written"), std::string::npos) << after.err;
     // The pages kept are the file the same program makes without the loop, byte for byte.
@@ -480,7 +481,7 @@ TEST(PostScriptFiles, AnEndlessLoopBeforeAnyPageWritesNothingAndExitsOne) {
     writeFile(dir / "old.tif", "an older file");
     const RunResult r = quarvex({"-r", "72x72"}, dir / "loop.ps", dir / "old.tif", kEndlessCpuCap);
     EXPECT_EQ(r.status, 1) << r.err;
-    EXPECT_NE(r.err.find("the PostScript job finished no page in 1 s (an endless loop?)"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("the PostScript job finished no page in 3 s (an endless loop?)"), std::string::npos) << r.err;
     EXPECT_NE(r.err.find("nothing is written"), std::string::npos) << r.err;
     EXPECT_EQ(readFile(dir / "old.tif"), "an older file"); // an existing output stays as it was
     const RunResult fresh = quarvex({"-r", "72x72"}, dir / "loop.ps", dir / "new.tif", kEndlessCpuCap);
