@@ -1,6 +1,7 @@
 #include "cli/convert.h"
 
 #include "common/diagnostics.h"
+#include "common/stall_guard.h"
 #include "input/job_loop.h"
 #include "input/recognise.h"
 #include "render/raster_device.h"
@@ -209,6 +210,24 @@ int convert(const Options& options) {
             finalError("cannot write " + output + ": " + writer.error());
             break;
         }
+
+        // A job that stalls (an endless PostScript loop) is ended from the watchdog thread,
+        // while this thread is stuck in the interpreter and no page is being handed over:
+        // the pages already written are kept as a finished file, else nothing is written.
+        stall::setHandler([&](const std::string& what) {
+            const int pages = writer.pageCount();
+            if (pages > 0 && writer.error().empty() && writer.finish() && out.commit()) {
+                finalWarning(what + "; the " + std::to_string(pages) + " page(s) finished before it are written");
+                ::_exit(kWrittenWithWarnings);
+            }
+            out.discard();
+            finalError(what + (pages > 0 ? "; cannot write " + output + ": " + writer.error() + out.error()
+                                         : std::string("; no page, nothing is written")));
+            ::_exit(kNothingWritten);
+        });
+        struct DropHandler {
+            ~DropHandler() { stall::setHandler(nullptr); }
+        } dropHandler;
 
         input::JobLoopResult result;
         bool sinkFailed = false;

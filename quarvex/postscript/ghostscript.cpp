@@ -1,5 +1,6 @@
 #include "postscript/ghostscript.h"
 
+#include "common/stall_guard.h"
 #include "postscript/prologue.h"
 
 #include <ghostscript/gdevdsp.h>
@@ -11,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 namespace qx::postscript {
 
@@ -62,8 +64,8 @@ struct Ghostscript::Callbacks {
     }
     static int sync(void*, void*) { return 0; }
     static int page(void* handle, void*, int, int) {
-        self(handle)->deliverPage();
-        return 0;
+        // A refused page fails the job's showpage, which ends the job as a PostScript error.
+        return self(handle)->deliverPage() ? 0 : gs_error_limitcheck;
     }
 
     static int callout(void*, void* handle, const char* deviceName, int id, int bytes, void* data) {
@@ -222,9 +224,16 @@ void Ghostscript::line(const std::string& text) {
     }
 }
 
-void Ghostscript::deliverPage() {
+bool Ghostscript::deliverPage() {
     if (!m_device || !m_image || m_width <= 0 || m_height <= 0)
-        return;
+        return true;
+    if (m_outcome.pages >= m_job->maxPages) {
+        m_outcome.tooManyPages = true;
+        return false;
+    }
+    // The whole hand-over, down to the TIFF writer, is one step for the stall watchdog: it
+    // never ends the run with a page half written.
+    std::lock_guard<std::mutex> handOver(stall::pageLock());
     PageSpec spec;
     if (m_report && usable(m_report->widthPt) && usable(m_report->heightPt)) {
         spec.widthPt = m_report->widthPt;
@@ -301,6 +310,8 @@ void Ghostscript::deliverPage() {
     }
     m_device->endPage();
     ++m_outcome.pages;
+    stall::progress();
+    return true;
 }
 
 JobOutcome Ghostscript::run(const JobSetup& job, Device& device) {
@@ -339,7 +350,12 @@ JobOutcome Ghostscript::run(const JobSetup& job, Device& device) {
 
     gsapi_add_control_path(m_instance, GS_PERMIT_FILE_READING, job.path.c_str());
     int exitCode = 0;
-    const int code = gsapi_run_string(m_instance, ps.c_str(), 0, &exitCode);
+    int code = 0;
+    {
+        // A job that never finishes a page (an endless loop) is ended by the watchdog.
+        const stall::Section guarded(job.language == JobSetup::Language::Pdf ? "PDF job" : "PostScript job");
+        code = gsapi_run_string(m_instance, ps.c_str(), 0, &exitCode);
+    }
     gsapi_remove_control_path(m_instance, GS_PERMIT_FILE_READING, job.path.c_str());
     if (!m_pending.empty()) {
         line(m_pending);

@@ -32,11 +32,13 @@ struct JobSetup {
     double pageHeightPt = 792;
     double declaredDpi = 0;         // PJL RESOLUTION; 0 = none
     std::optional<std::array<double, 4>> epsBox; // an EPS file's bounding box: its page
+    int maxPages = 10000;           // pages past this end the job (a program printing forever)
 };
 
 struct JobOutcome {
     int pages = 0;
     std::string error;                  // the PostScript error that stopped the job, or empty
+    bool tooManyPages = false;          // the job was stopped at JobSetup::maxPages
     std::vector<std::string> complaints; // what the interpreter reported about damaged input
 };
 
@@ -61,7 +63,8 @@ private:
     bool start(std::string& error);
     void output(const char* text, int length);
     void line(const std::string& text);
-    void deliverPage();
+    // false: the job has printed its most pages, and the page is refused.
+    bool deliverPage();
 
     RasterOptions m_options;
     void* m_instance = nullptr;

@@ -161,6 +161,23 @@ private:
     std::string m_unlink;
 };
 
+// The most pages a job may print. Every page of a document takes some bytes of the file (a
+// PDF page object, a PostScript page's drawing and showpage), but a small PostScript program
+// can print pages forever ("{ showpage } loop"), which would grow the output without end.
+// Jobs may print 10000 pages, or one page per 16 bytes when that is more;
+// QX_MAX_JOB_PAGES sets another floor.
+int maxPages(size_t jobBytes) {
+    long floor = 10000;
+    if (const char* text = std::getenv("QX_MAX_JOB_PAGES")) {
+        char* end = nullptr;
+        const long v = std::strtol(text, &end, 10);
+        if (end != text && *end == '\0' && v > 0)
+            floor = v;
+    }
+    const size_t byBytes = jobBytes / 16;
+    return int(std::min<size_t>(std::max<size_t>(size_t(floor), byBytes), 1u << 30));
+}
+
 size_t runJob(const uint8_t* data, size_t size, JobContext& ctx, JobSetup::Language language) {
     const size_t end = jobEnd(data, size);
     const char* name = language == JobSetup::Language::Pdf ? "PDF" : "PostScript";
@@ -198,8 +215,13 @@ size_t runJob(const uint8_t* data, size_t size, JobContext& ctx, JobSetup::Langu
         }
     }
 
+    job.maxPages = maxPages(size_t(stop - begin));
+
     const JobOutcome outcome = gs->run(job, ctx.device);
-    if (!outcome.error.empty()) {
+    if (outcome.tooManyPages) {
+        ctx.diag.warning(std::string("the ") + name + " job printed more than " + std::to_string(job.maxPages) +
+                         " pages (an endless loop?); the rest of the job is skipped");
+    } else if (!outcome.error.empty()) {
         ctx.diag.warning(std::string(name) + " error " + outcome.error + " after " +
                          std::to_string(outcome.pages) + " page(s); the rest of the job is skipped");
     } else if (!outcome.complaints.empty()) {

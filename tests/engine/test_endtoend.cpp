@@ -18,6 +18,7 @@
 #include <QTest>
 
 #include <tiffio.h>
+#include <zlib.h>
 
 #include <memory>
 
@@ -85,6 +86,22 @@ QString dataFile(const char* relative)
     return QStringLiteral(QX_TEST_DATA_ROOT "/") + QString::fromLatin1(relative);
 }
 
+// Unpacks a gzip file (test data is committed packed).
+bool gunzip(const QString& from, const QString& to)
+{
+    std::unique_ptr<gzFile_s, int (*)(gzFile)> in(gzopen(QFile::encodeName(from).constData(), "rb"), gzclose);
+    QFile out(to);
+    if (!in || !out.open(QIODevice::WriteOnly))
+        return false;
+    char buf[65536];
+    int got = 0;
+    while ((got = gzread(in.get(), buf, sizeof buf)) > 0) {
+        if (out.write(buf, got) != got)
+            return false;
+    }
+    return got == 0;
+}
+
 } // namespace
 
 class TestEndToEnd : public QObject {
@@ -117,6 +134,20 @@ class TestEndToEnd : public QObject {
         QTRY_COMPARE_WITH_TIMEOUT(button->text(), QStringLiteral("Convert"), kWait);
         QCOMPARE(noMessage.hits(), 0);
         QCOMPARE(child<QProgressBar>(w, "progressBarA")->value(), 0);
+    }
+
+    // The engine run by hand on input with options writes the very bytes of byWindow.
+    void sameAsCommandLine(const QString& byWindow, const QString& input, QStringList options)
+    {
+        const QString byHand = m_tmp.filePath(QFileInfo(byWindow).completeBaseName() + "_by_hand.tif");
+        options << "-o" << byHand << "-i" << input;
+        QProcess engine;
+        engine.start(QCoreApplication::applicationDirPath() + "/quarvex", options);
+        QVERIFY(engine.waitForFinished(kWait));
+        QCOMPARE(engine.exitCode(), 0);
+        QFile a(byWindow), b(byHand);
+        QVERIFY(a.open(QIODevice::ReadOnly) && b.open(QIODevice::ReadOnly));
+        QVERIFY2(a.readAll() == b.readAll(), "the window's TIFF differs from the command line's");
     }
 
 private slots:
@@ -206,15 +237,30 @@ private slots:
         QCOMPARE(t.compression, uint16_t(COMPRESSION_CCITTFAX4));
         QVERIFY(t.inkPixels > 100);
 
-        const QString byHand = m_tmp.filePath("postscript_by_hand.tif");
-        QProcess engine;
-        engine.start(QCoreApplication::applicationDirPath() + "/quarvex",
-                     {"-b", "1", "-c", "7", "-o", byHand, "-i", input});
-        QVERIFY(engine.waitForFinished(kWait));
-        QCOMPARE(engine.exitCode(), 0);
-        QFile a(byWindow), b(byHand);
-        QVERIFY(a.open(QIODevice::ReadOnly) && b.open(QIODevice::ReadOnly));
-        QVERIFY2(a.readAll() == b.readAll(), "the window's TIFF differs from the command line's");
+        sameAsCommandLine(byWindow, input, {"-b", "1", "-c", "7"});
+    }
+
+    void emfSpoolSameAsCommandLine()
+    {
+        // A Windows EMF spool file (.spl, four pages of LibreOffice and Inkscape drawings),
+        // converted from the window with 24 Bits and Lempel-Ziv-Welch-1 (-b 24 -c 2), gives the
+        // very bytes that the engine writes when run by hand with those options.
+        const QString input = m_tmp.filePath("lo_inkscape_4pages.spl");
+        QVERIFY(gunzip(dataFile("quarvex/emf/data/lo_inkscape_4pages.spl.gz"), input));
+        writeSettings({{"BitCount", "2"}, {"CompressMethod", "2"}, {"FaxTiff", "0"}});
+        const QString out = m_tmp.filePath("emfspool");
+        QVERIFY(QDir().mkpath(out));
+        convert({input}, out);
+
+        const QString byWindow = out + "/lo_inkscape_4pages.tif";
+        const TiffInfo t = readTiff(byWindow);
+        QVERIFY(t.ok);
+        QCOMPARE(t.pages, 4);
+        QCOMPARE(t.compression, uint16_t(COMPRESSION_LZW));
+        QCOMPARE(t.samples, uint16_t(3));
+        QVERIFY2(t.inkPixels > 100, "the first page came out blank");
+
+        sameAsCommandLine(byWindow, input, {"-b", "24", "-c", "2"});
     }
 
     void textInResidentFonts()

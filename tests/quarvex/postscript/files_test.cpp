@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <tiffio.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <fcntl.h>
@@ -17,6 +18,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -58,11 +60,16 @@ struct RunResult {
     std::string err;
 };
 
-// Runs a program with its standard error kept.
-RunResult runProgram(const std::vector<std::string>& args) {
+// Runs a program with its standard error kept. cpuSeconds > 0 caps the processor time it may
+// use, so that a program that never ends is killed (and the run fails) instead of hanging.
+RunResult runProgram(const std::vector<std::string>& args, int cpuSeconds = 0) {
     const fs::path errFile = workDir() / ("stderr_" + std::to_string(::getpid()) + ".txt");
     const pid_t pid = ::fork();
     if (pid == 0) {
+        if (cpuSeconds > 0) {
+            const rlimit cap{rlim_t(cpuSeconds), rlim_t(cpuSeconds)};
+            ::setrlimit(RLIMIT_CPU, &cap);
+        }
         const int devnull = ::open("/dev/null", O_WRONLY);
         const int err = ::open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         ::dup2(devnull, 1);
@@ -82,11 +89,11 @@ RunResult runProgram(const std::vector<std::string>& args) {
     return r;
 }
 
-RunResult quarvex(std::vector<std::string> options, const fs::path& in, const fs::path& out) {
+RunResult quarvex(std::vector<std::string> options, const fs::path& in, const fs::path& out, int cpuSeconds = 0) {
     std::vector<std::string> args{kQuarvex};
     args.insert(args.end(), options.begin(), options.end());
     args.insert(args.end(), {"-o", out.string(), "-i", in.string()});
-    return runProgram(args);
+    return runProgram(args, cpuSeconds);
 }
 
 std::string dpiArg(double x, double y) {
@@ -407,6 +414,106 @@ TEST(PostScriptFiles, AnErrorBeforeAnyPageWritesNothingAndExitsOne) {
     const RunResult p = quarvex({"-r", "72x72"}, pdf, workDir() / "broken.tif");
     EXPECT_EQ(p.status, 1) << p.err;
     EXPECT_FALSE(fs::exists(workDir() / "broken.tif"));
+}
+
+// A PostScript program that loops forever is stopped when no page is finished within the
+// limit; QX_PAGE_TIMEOUT makes the limit short here (still long enough for a small page on a
+// busy machine). Without the bound the engine would spin until the processor-time cap kills
+// it, and these tests fail.
+class ShortPageLimit {
+public:
+    ShortPageLimit() { ::setenv("QX_PAGE_TIMEOUT", "3", 1); }
+    ~ShortPageLimit() { ::unsetenv("QX_PAGE_TIMEOUT"); }
+};
+constexpr int kEndlessCpuCap = 30;
+
+// The files in a folder: what a stopped run leaves behind.
+std::vector<std::string> filesIn(const fs::path& dir) {
+    std::vector<std::string> names;
+    for (const auto& e : fs::directory_iterator(dir))
+        names.push_back(e.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+TEST(PostScriptFiles, AnEndlessLoopAfterPagesIsStoppedAndTheyAreWritten) {
+    const ShortPageLimit limit;
+    const fs::path dir = workDir() / "endless_after";
+    fs::create_directories(dir);
+    const std::string twoPages = "%!PS\n/Helvetica findfont 20 scalefont setfont\n"
+                                 "72 700 moveto (one) show showpage\n72 700 moveto (two) show showpage\n";
+    writeFile(dir / "two.ps", twoPages);
+    ASSERT_EQ(quarvex({"-r", "72x72"}, dir / "two.ps", dir / "two.tif").status, 0);
+
+    // The loop after the last showpage, and inside a page that is never finished.
+    writeFile(dir / "after.ps", twoPages + "{ 1 pop } loop\n");
+    writeFile(dir / "inside.ps", twoPages + "72 600 moveto (three) show { 1 pop } loop showpage\n");
+    const RunResult after = quarvex({"-r", "72x72"}, dir / "after.ps", dir / "after.tif", kEndlessCpuCap);
+    EXPECT_EQ(after.status, 3) << after.err;
+    EXPECT_NE(after.err.find("the PostScript job finished no page in 3 s (an endless loop?)"), std::string::npos)
+        << after.err;
+    EXPECT_NE(after.err.find("the 2 page(s) finished before it are written"), std::string::npos) << after.err;
+    // The pages kept are the file the same program makes without the loop, byte for byte.
+    EXPECT_EQ(readFile(dir / "after.tif"), readFile(dir / "two.tif"));
+
+    const RunResult inside = quarvex({"-r", "72x72"}, dir / "inside.ps", dir / "inside.tif", kEndlessCpuCap);
+    EXPECT_EQ(inside.status, 3) << inside.err;
+    EXPECT_EQ(readFile(dir / "inside.tif"), readFile(dir / "two.tif"));
+
+    // Pages of a PCL job before the endless PostScript job are kept as well.
+    const std::string pcl = readFile(fs::path(QX_TEST_DATA_DIR) / "two_pages_ljet4_300dpi.pcl");
+    writeFile(dir / "mixed.prn", "\x1b%-12345X@PJL ENTER LANGUAGE = PCL\r\n" + pcl +
+                                     "\x1b%-12345X@PJL ENTER LANGUAGE = POSTSCRIPT\r\n%!PS\n{} loop\n");
+    const RunResult mixed = quarvex({"-r", "72x72"}, dir / "mixed.prn", dir / "mixed.tif", kEndlessCpuCap);
+    EXPECT_EQ(mixed.status, 3) << mixed.err;
+    EXPECT_EQ(readTiff(dir / "mixed.tif").size(), 2u);
+
+    // Nothing but the inputs and the outputs: no temporary file is left behind.
+    EXPECT_EQ(filesIn(dir), (std::vector<std::string>{"after.ps", "after.tif", "inside.ps", "inside.tif",
+                                                      "mixed.prn", "mixed.tif", "two.ps", "two.tif"}));
+}
+
+TEST(PostScriptFiles, AnEndlessLoopBeforeAnyPageWritesNothingAndExitsOne) {
+    const ShortPageLimit limit;
+    const fs::path dir = workDir() / "endless_before";
+    fs::create_directories(dir);
+    writeFile(dir / "loop.ps", "%!PS\n{} loop\nshowpage\n");
+    writeFile(dir / "old.tif", "an older file");
+    const RunResult r = quarvex({"-r", "72x72"}, dir / "loop.ps", dir / "old.tif", kEndlessCpuCap);
+    EXPECT_EQ(r.status, 1) << r.err;
+    EXPECT_NE(r.err.find("the PostScript job finished no page in 3 s (an endless loop?)"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("nothing is written"), std::string::npos) << r.err;
+    EXPECT_EQ(readFile(dir / "old.tif"), "an older file"); // an existing output stays as it was
+    const RunResult fresh = quarvex({"-r", "72x72"}, dir / "loop.ps", dir / "new.tif", kEndlessCpuCap);
+    EXPECT_EQ(fresh.status, 1) << fresh.err;
+    EXPECT_EQ(filesIn(dir), (std::vector<std::string>{"loop.ps", "old.tif"}));
+}
+
+TEST(PostScriptFiles, AJobPrintingPagesForeverIsStoppedAtItsMostPages) {
+    // QX_MAX_JOB_PAGES makes the most pages a small job may print 3 here.
+    ::setenv("QX_MAX_JOB_PAGES", "3", 1);
+    const ShortPageLimit limit;
+    const fs::path dir = workDir() / "endless_pages";
+    fs::create_directories(dir);
+    // The next job in the file still runs, on the same interpreter.
+    writeFile(dir / "forever.prn", "\x1b%-12345X@PJL ENTER LANGUAGE = POSTSCRIPT\r\n%!PS\n{ showpage } loop\n"
+                                   "\x1b%-12345X@PJL ENTER LANGUAGE = POSTSCRIPT\r\n%!PS\n"
+                                   "/Helvetica findfont 20 scalefont setfont 72 700 moveto (next) show showpage\n"
+                                   "\x1b%-12345X");
+    const RunResult r = quarvex({"-r", "72x72"}, dir / "forever.prn", dir / "forever.tif", kEndlessCpuCap);
+    EXPECT_EQ(r.status, 3) << r.err;
+    EXPECT_NE(r.err.find("the PostScript job printed more than 3 pages (an endless loop?)"), std::string::npos) << r.err;
+    const auto pages = readTiff(dir / "forever.tif");
+    ASSERT_EQ(pages.size(), 4u);
+    EXPECT_GT(std::count(pages[3].pixels.begin(), pages[3].pixels.end(), 0), 10) << "the next job's page is blank";
+
+    // A job that catches the refusal and goes on printing is stopped by the page watchdog.
+    writeFile(dir / "caught.ps", "%!PS\n{ { showpage } stopped pop } loop\n");
+    const RunResult c = quarvex({"-r", "72x72"}, dir / "caught.ps", dir / "caught.tif", kEndlessCpuCap);
+    ::unsetenv("QX_MAX_JOB_PAGES");
+    EXPECT_EQ(c.status, 3) << c.err;
+    EXPECT_NE(c.err.find("the 3 page(s) finished before it are written"), std::string::npos) << c.err;
+    EXPECT_EQ(readTiff(dir / "caught.tif").size(), 3u);
 }
 
 TEST(PostScriptFiles, JobsCannotReadOtherFiles) {
