@@ -1351,7 +1351,7 @@ void Interpreter::readImage(const Operator& op) {
         failOp("image data shorter than BlockHeight");
 }
 
-void Interpreter::deliverRows(const std::vector<uint8_t>& rows, size_t rowBytes, int startLine, int count) {
+void Interpreter::deliverRows(std::vector<uint8_t>& rows, size_t rowBytes, int startLine, int count) {
     ImageState& im = m_image;
     if (count <= 0 || startLine >= im.height)
         return;
@@ -1361,15 +1361,19 @@ void Interpreter::deliverRows(const std::vector<uint8_t>& rows, size_t rowBytes,
     }
     if (im.pendingCount > 0 && (startLine != im.pendingStart + im.pendingCount || rowBytes != im.pendingRowBytes))
         flushImageRows();
+    // A strip is drawn as up to 3 bytes a pixel: keep it within the strip budget.
+    const int maxRows = int(std::max<size_t>(1, kMaxStripBytes / std::max<size_t>(size_t(im.width) * 3, 1)));
     if (im.pendingCount == 0) {
         im.pendingStart = startLine;
         im.pendingRowBytes = rowBytes;
-        im.pending.clear();
+        m_stripRows.clear();
+        // Room for a whole strip at once, so that gathering rows never moves them.
+        const size_t strip = size_t(maxRows) * rowBytes;
+        if (m_stripRows.capacity() < strip && strip <= kMaxStripBytes)
+            m_stripRows.reserve(strip);
     }
-    im.pending.insert(im.pending.end(), rows.begin(), rows.begin() + std::ptrdiff_t(size_t(count) * rowBytes));
+    m_stripRows.insert(m_stripRows.end(), rows.begin(), rows.begin() + std::ptrdiff_t(size_t(count) * rowBytes));
     im.pendingCount += count;
-    // A strip is drawn as up to 3 bytes a pixel: keep it within the strip budget.
-    const int maxRows = int(std::max<size_t>(1, kMaxStripBytes / std::max<size_t>(size_t(im.width) * 3, 1)));
     if (im.pendingCount >= maxRows)
         flushImageRows();
 }
@@ -1378,14 +1382,13 @@ void Interpreter::flushImageRows() {
     ImageState& im = m_image;
     if (im.pendingCount <= 0)
         return;
-    std::vector<uint8_t> rows;
-    rows.swap(im.pending);
     const int start = im.pendingStart, count = im.pendingCount;
     im.pendingCount = 0;
-    drawRows(rows, im.pendingRowBytes, start, count);
+    drawRows(m_stripRows, im.pendingRowBytes, start, count);
+    m_stripRows.clear();
 }
 
-void Interpreter::drawRows(const std::vector<uint8_t>& rows, size_t rowBytes, int startLine, int count) {
+void Interpreter::drawRows(std::vector<uint8_t>& rows, size_t rowBytes, int startLine, int count) {
     ImageState& im = m_image;
     if (count <= 0 || startLine >= im.height)
         return;
@@ -1433,11 +1436,11 @@ void Interpreter::drawRows(const std::vector<uint8_t>& rows, size_t rowBytes, in
         const bool zeroInk = c0 == Rgb::black() && c1 == Rgb::white();
         const bool oneInk = c1 == Rgb::black() && c0 == Rgb::white();
         if (zeroInk || oneInk) {
-            Mask mask;
+            Mask& mask = m_stripMask;
             mask.width = im.width;
             mask.height = count;
             mask.stride = (size_t(im.width) + 7) / 8;
-            mask.bits.assign(mask.stride * count, 0);
+            mask.bits.resize(mask.stride * count);
             for (int r = 0; r < count; ++r) {
                 const uint8_t* row = rows.data() + size_t(r) * rowBytes;
                 uint8_t* out = mask.bits.data() + size_t(r) * mask.stride;
@@ -1451,23 +1454,30 @@ void Interpreter::drawRows(const std::vector<uint8_t>& rows, size_t rowBytes, in
             return;
         }
     }
-    Image img;
+    Image& img = m_stripImage;
     img.width = im.width;
     img.height = count;
     img.format = grayOut ? Image::Format::Gray8 : Image::Format::Rgb24;
+    if (bits == 8 && im.mapping == eDirectPixel && (grayOut || rgbDirect)) {
+        // The rows already are the picture: close up their padding in place and lend them
+        // to the device (they are not needed afterwards).
+        const size_t packed = size_t(im.width) * (grayOut ? 1 : 3);
+        if (packed < rowBytes)
+            for (int r = 1; r < count; ++r)
+                std::memmove(rows.data() + size_t(r) * packed, rows.data() + size_t(r) * rowBytes, packed);
+        rows.resize(packed * size_t(count));
+        img.stride = packed;
+        img.data.swap(rows);
+        m_dev.drawImage(img, strip, texture, m_gs.rs);
+        img.data.swap(rows);
+        drew();
+        return;
+    }
     img.stride = size_t(im.width) * (grayOut ? 1 : 3);
     img.data.resize(img.stride * count);
     for (int r = 0; r < count; ++r) {
         const uint8_t* row = rows.data() + size_t(r) * rowBytes;
         uint8_t* out = img.data.data() + size_t(r) * img.stride;
-        if (grayOut && im.mapping == eDirectPixel && bits == 8) {
-            std::memcpy(out, row, size_t(im.width));
-            continue;
-        }
-        if (!grayOut && rgbDirect && bits == 8) {
-            std::memcpy(out, row, size_t(im.width) * 3);
-            continue;
-        }
         for (int x = 0; x < im.width; ++x) {
             const Rgb c = pixel(row, x);
             if (grayOut)
