@@ -1388,6 +1388,29 @@ void Interpreter::flushImageRows() {
     m_stripRows.clear();
 }
 
+namespace {
+
+// The raster operation that gives, with a black source, what rop gives with a white one: each
+// result bit for S = 0 is rop's bit for S = 1 (bit index T*4 + S*2 + D).
+uint8_t ropWithWhiteSource(uint8_t rop) {
+    uint8_t out = 0;
+    for (int i = 0; i < 8; ++i)
+        if (rop & (1 << (i | 2)))
+            out = uint8_t(out | (1 << i));
+    return out;
+}
+
+} // namespace
+
+// Whether the device draws a picture placed by toPage smaller than its own pixels (then it
+// averages the picture's pixels rather than sampling them).
+bool Interpreter::drawnReduced(const Matrix& toPage) const {
+    const auto inv = (m_dev.pageToDevice() * toPage).inverted();
+    if (!inv)
+        return false;
+    return inv->b == 0 && inv->c == 0 && (std::fabs(inv->a) > 1 + 1e-9 || std::fabs(inv->d) > 1 + 1e-9);
+}
+
 void Interpreter::drawRows(std::vector<uint8_t>& rows, size_t rowBytes, int startLine, int count) {
     ImageState& im = m_image;
     if (count <= 0 || startLine >= im.height)
@@ -1429,27 +1452,49 @@ void Interpreter::drawRows(std::vector<uint8_t>& rows, size_t rowBytes, int star
     }
     const Matrix strip = im.imageToPage * Matrix::translate(0, startLine);
     const Paint texture = m_gs.brush.kind == Paint::Kind::None ? Paint::solid(Rgb::black()) : m_gs.brush;
-    // A one-bit black-and-white image drawn with a transparent source is a mask of its black
-    // pixels; that spares the device a full colour image.
-    if (bits == 1 && m_gs.rs.sourceTransparent && im.mapping == eIndexedPixel && im.color.palette.size() >= 2) {
+    // A one-bit black-and-white image is a mask of its black pixels, which spares the device a
+    // full colour image. With a transparent source that is all; an opaque source paints its white
+    // pixels as well, which is the same raster operation over the other pixels with its source
+    // read as white (a mask's source is black). Pictures drawn smaller than their pixels stay
+    // pictures then: the device reduces pictures and masks in different ways.
+    if (bits == 1 && im.mapping == eIndexedPixel && im.color.palette.size() >= 2) {
         const Rgb c0 = im.color.palette[0], c1 = im.color.palette[1];
         const bool zeroInk = c0 == Rgb::black() && c1 == Rgb::white();
         const bool oneInk = c1 == Rgb::black() && c0 == Rgb::white();
-        if (zeroInk || oneInk) {
+        const bool opaque = !m_gs.rs.sourceTransparent;
+        if ((zeroInk || oneInk) && (!opaque || !drawnReduced(strip))) {
             Mask& mask = m_stripMask;
             mask.width = im.width;
             mask.height = count;
             mask.stride = (size_t(im.width) + 7) / 8;
             mask.bits.resize(mask.stride * count);
-            for (int r = 0; r < count; ++r) {
-                const uint8_t* row = rows.data() + size_t(r) * rowBytes;
-                uint8_t* out = mask.bits.data() + size_t(r) * mask.stride;
-                for (size_t b = 0; b < mask.stride; ++b)
-                    out[b] = zeroInk ? uint8_t(~row[b]) : row[b];
-                if (im.width % 8)
-                    out[mask.stride - 1] &= uint8_t(0xFF << (8 - im.width % 8));
-            }
+            const uint8_t lastBits = im.width % 8 ? uint8_t(0xFF << (8 - im.width % 8)) : 0xFF;
+            auto copyRows = [&](const uint8_t* from, size_t fromStride, bool invert) {
+                const uint64_t flip = invert ? ~uint64_t(0) : 0;
+                for (int r = 0; r < count; ++r) {
+                    const uint8_t* row = from + size_t(r) * fromStride;
+                    uint8_t* out = mask.bits.data() + size_t(r) * mask.stride;
+                    size_t b = 0;
+                    for (; b + 8 <= mask.stride; b += 8) {
+                        uint64_t v;
+                        std::memcpy(&v, row + b, 8);
+                        v ^= flip;
+                        std::memcpy(out + b, &v, 8);
+                    }
+                    for (; b < mask.stride; ++b)
+                        out[b] = uint8_t(row[b] ^ uint8_t(flip));
+                    out[mask.stride - 1] &= lastBits;
+                }
+            };
+            copyRows(rows.data(), rowBytes, zeroInk);
             m_dev.fillMask(mask, strip, texture, m_gs.rs);
+            if (opaque) {
+                copyRows(rows.data(), rowBytes, oneInk);
+                RenderState white = m_gs.rs;
+                white.rop3 = ropWithWhiteSource(m_gs.rs.rop3);
+                white.patternTransparent = false; // it applies where the source is not white
+                m_dev.fillMask(mask, strip, texture, white);
+            }
             drew();
             return;
         }

@@ -115,6 +115,7 @@ private:
     void deliverRows(std::vector<uint8_t>& rows, size_t rowBytes, int startLine, int count);
     void flushImageRows();
     void drawRows(std::vector<uint8_t>& rows, size_t rowBytes, int startLine, int count);
+    bool drawnReduced(const Matrix& toPage) const;
     void selectPattern(int id, const Operator& op, Paint& into);
 
     // Scan lines.

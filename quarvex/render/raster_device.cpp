@@ -1117,14 +1117,51 @@ struct RasterDevice::Impl {
             auto rd = [&](int64_t b) -> unsigned { return b >= byteLo && b < byteHi ? bits[b] : 0u; };
             uint8_t* D = row(y);
             const uint8_t* cb = constBits[y & 15];
-            for (int k = xLo >> 3; k <= (xHi - 1) >> 3; ++k) {
+            auto put = [&](int k, uint8_t m) {
+                if (m)
+                    D[k] = uint8_t((D[k] & ~m) | (cb[k & 1] & m));
+            };
+            const int kFirst = xLo >> 3, kLast = (xHi - 1) >> 3;
+            // The bytes at either end, which the span may cover in part and whose mask bits may
+            // lie outside the columns given.
+            auto edgeByte = [&](int k) {
                 const int64_t c = int64_t(k) * 8 + ox; // mask column under device pixel 8k
                 const int64_t b = c >> 3;              // rounds down, negative c included
                 const int sh = int(c - b * 8);
                 const unsigned v = (((rd(b) << 8) | rd(b + 1)) >> (8 - sh)) & 0xFFu;
-                const uint8_t m = uint8_t(v & byteSpanMask(k, xLo, xHi));
-                if (m)
-                    D[k] = uint8_t((D[k] & ~m) | (cb[k & 1] & m));
+                put(k, uint8_t(v & byteSpanMask(k, xLo, xHi)));
+            };
+            edgeByte(kFirst);
+            if (kLast > kFirst)
+                edgeByte(kLast);
+            // The bytes between cover whole mask bytes inside the columns given.
+            if (kLast - kFirst < 2)
+                return;
+            int k = kFirst + 1;
+            const int64_t c0 = int64_t(k) * 8 + ox;
+            const int sh = int(c0 & 7);
+            const uint8_t* src = bits + (c0 >> 3); // the mask byte under device byte k
+            if (sh == 0) {
+                // Whole bytes line up: eight page bytes at a time.
+                uint8_t pat[16];
+                for (int i = 0; i < 16; ++i)
+                    pat[i] = cb[(k + i) & 1];
+                uint64_t fill;
+                std::memcpy(&fill, pat, 8); // byte i is cb[(k + i) & 1]; k advances by 8
+                for (; k + 8 <= kLast; k += 8, src += 8) {
+                    uint64_t m, dv;
+                    std::memcpy(&m, src, 8);
+                    if (!m)
+                        continue;
+                    std::memcpy(&dv, D + k, 8);
+                    dv = (dv & ~m) | (fill & m);
+                    std::memcpy(D + k, &dv, 8);
+                }
+                for (; k < kLast; ++k, ++src)
+                    put(k, *src);
+            } else {
+                for (; k < kLast; ++k, ++src)
+                    put(k, uint8_t(((unsigned(src[0]) << 8 | src[1]) >> (8 - sh)) & 0xFFu));
             }
         });
     }
