@@ -184,6 +184,7 @@ struct Texture {
     int w = 0, h = 0;
     const uint8_t* pix = nullptr;   // w * h * channels, device channels
     const uint8_t* white = nullptr; // w * h flags: the tile pixel is white
+    const uint8_t* keep = nullptr;  // w * h * channels: 0xFF where the tile pixel is white
     Matrix inv;                     // device to tile pixels
     bool unit = false;              // inv is a whole-pixel translation
     int64_t ox = 0, oy = 0;
@@ -210,16 +211,29 @@ struct RasterDevice::Impl {
     bool bilevel = false;
     std::vector<uint8_t> buf; // the page: grey, RGB or bits
     size_t stride = 0;
+    // Rows [inkTop, inkBottom) are the only ones drawing may have changed since the page was
+    // white: the next page clears only those, and the TIFF writer knows the others are white.
+    int inkTop = 0, inkBottom = 0;
+    int lastWidth = -1, lastHeight = -1, lastDepth = -1; // the buffer's shape
+
+    void inked(const IRect& box) {
+        inkTop = std::min(inkTop, box.y0);
+        inkBottom = std::max(inkBottom, box.y1);
+    }
     RasterPage out;
 
     ClipState clip;
     std::vector<uint8_t> band, band2;
     std::vector<uint8_t> sbuf, swhite, tbuf, twhite, rbuf, cov;
+    std::vector<uint8_t> kbuf;  // per channel byte: 0xFF where a white texture pixel keeps the page
+    std::vector<uint8_t> zeros; // a source of black, never written but by resizing
+    std::vector<uint8_t> probe; // one row or column of rectangle coverage
+    RasterStats stats;
     std::vector<int64_t> colIdx;
 
     std::shared_ptr<const PatternTile> patKey;
     int patChannels = 0;
-    std::vector<uint8_t> patPix, patWhite;
+    std::vector<uint8_t> patPix, patWhite, patKeep;
 
     // The call being drawn.
     Texture tex;
@@ -480,12 +494,14 @@ struct RasterDevice::Impl {
             const size_t n = size_t(tile->width) * size_t(tile->height);
             patPix.resize(n * C);
             patWhite.resize(n);
+            patKeep.resize(n * C);
             for (size_t i = 0; i < n; ++i) {
                 const Rgb c = tile->pixels[i];
                 uint8_t v[3];
                 toDevice(c, v);
                 std::memcpy(&patPix[i * C], v, C);
                 patWhite[i] = c == Rgb::white();
+                std::memset(&patKeep[i * C], patWhite[i] ? 0xFF : 0, C);
             }
             patKey = tile;
             patChannels = C;
@@ -502,6 +518,7 @@ struct RasterDevice::Impl {
         tex.h = tile->height;
         tex.pix = patPix.data();
         tex.white = patWhite.data();
+        tex.keep = patKeep.data();
         tex.inv = m;
         tex.unit = nearly(m.a, 1) && nearly(m.d, 1) && std::fabs(m.b) < 1e-12 &&
                    std::fabs(m.c) < 1e-12;
@@ -546,7 +563,9 @@ struct RasterDevice::Impl {
         return true;
     }
 
-    void fetchTexture(int y, int x0, int n) {
+    // The texture under n pixels of row y from x0 into tbuf, with its white flags into twhite,
+    // or (withKeep) its white flags widened to every channel byte into kbuf instead.
+    void fetchTexture(int y, int x0, int n, bool withKeep = false) {
         const int w = tex.w, h = tex.h;
         uint8_t* t = tbuf.data();
         uint8_t* tw = twhite.data();
@@ -554,16 +573,90 @@ struct RasterDevice::Impl {
             const int64_t j = floorMod(y + tex.oy, h);
             const uint8_t* prow = tex.pix + size_t(j) * w * C;
             const uint8_t* wrow = tex.white + size_t(j) * w;
+            const uint8_t* krow = tex.keep + size_t(j) * w * C;
             int64_t i = floorMod(x0 + tex.ox, w);
             for (int k = 0; k < n;) {
                 const int len = int(std::min<int64_t>(n - k, w - i));
                 std::memcpy(t + size_t(k) * C, prow + size_t(i) * C, size_t(len) * C);
-                std::memcpy(tw + k, wrow + i, size_t(len));
+                if (withKeep)
+                    std::memcpy(kbuf.data() + size_t(k) * C, krow + size_t(i) * C, size_t(len) * C);
+                else
+                    std::memcpy(tw + k, wrow + i, size_t(len));
                 k += len;
                 i = 0;
             }
             return;
         }
+        if (fetchTextureRows(y, x0, n, withKeep))
+            return;
+        fetchTextureWalk(y, x0, n);
+        if (withKeep)
+            for (int k = 0; k < n; ++k)
+                std::memset(kbuf.data() + size_t(k) * C, tw[k] ? 0xFF : 0, size_t(C));
+    }
+
+    // A tile scaled but not turned: along a row the walk below meets the same tile columns
+    // whatever the row, and rows of the same tile row get the same pixels. Each tile row the
+    // walk meets from x0 for n pixels is made once (by the walk itself) and copied after that.
+    struct TextureRows {
+        std::shared_ptr<const PatternTile> tile;
+        Matrix inv;
+        int x0 = 0, n = 0, channels = 0;
+        std::vector<uint8_t> have; // per tile row: made
+        std::vector<uint8_t> pix, white, keep;
+    } texRows;
+
+    bool fetchTextureRows(int y, int x0, int n, bool withKeep) {
+        const Matrix& m = tex.inv;
+        if (m.b != 0 || m.c != 0 || size_t(n) * size_t(tex.h) * 3 > (size_t(4) << 20))
+            return false;
+        TextureRows& r = texRows;
+        if (r.tile != patKey || r.x0 != x0 || r.n != n || r.channels != C || r.inv.a != m.a || r.inv.d != m.d ||
+            r.inv.e != m.e || r.inv.f != m.f || r.inv.b != m.b || r.inv.c != m.c) {
+            r.tile = patKey;
+            r.inv = m;
+            r.x0 = x0;
+            r.n = n;
+            r.channels = C;
+            r.have.assign(size_t(tex.h), 0);
+            r.pix.resize(size_t(n) * C * tex.h);
+            r.white.resize(size_t(n) * tex.h);
+            r.keep.resize(size_t(n) * C * tex.h);
+        }
+        // The tile row of this row, as the walk finds it.
+        const double cy = y + 0.5;
+        double v = std::fmod(m.b * (x0 + 0.5) + m.d * cy + m.f, double(tex.h));
+        if (v < 0)
+            v += tex.h;
+        if (v >= tex.h)
+            v = 0;
+        const size_t j = size_t(std::min(int(v), tex.h - 1));
+        uint8_t* pix = r.pix.data() + j * size_t(n) * C;
+        uint8_t* white = r.white.data() + j * size_t(n);
+        uint8_t* keep = r.keep.data() + j * size_t(n) * C;
+        if (!r.have[j]) {
+            fetchTextureWalk(y, x0, n);
+            std::memcpy(pix, tbuf.data(), size_t(n) * C);
+            std::memcpy(white, twhite.data(), size_t(n));
+            for (int k = 0; k < n; ++k)
+                std::memset(keep + size_t(k) * C, white[k] ? 0xFF : 0, size_t(C));
+            r.have[j] = 1;
+            if (withKeep)
+                std::memcpy(kbuf.data(), keep, size_t(n) * C);
+            return true;
+        }
+        std::memcpy(tbuf.data(), pix, size_t(n) * C);
+        if (withKeep)
+            std::memcpy(kbuf.data(), keep, size_t(n) * C);
+        else
+            std::memcpy(twhite.data(), white, size_t(n));
+        return true;
+    }
+
+    void fetchTextureWalk(int y, int x0, int n) {
+        const int w = tex.w, h = tex.h;
+        uint8_t* t = tbuf.data();
+        uint8_t* tw = twhite.data();
         // Walk the tile along the row: tile coordinates kept within the tile, one step a pixel.
         const Matrix& m = tex.inv;
         auto wrap = [](double v, double size) {
@@ -637,6 +730,36 @@ struct RasterDevice::Impl {
         }
 
         ensureScratch(nb, size_t(n));
+        if (!s) {
+            // A fill with a pattern: S is black; T and its transparency come a row piece at a
+            // time, and the raster operation and the transparency work on whole words.
+            if (zeros.size() < nb)
+                zeros.resize(nb, 0);
+            const bool keepWhite = patTransparent;
+            if (kbuf.size() < nb)
+                kbuf.resize(nb);
+            fetchTexture(y, x0, n, keepWhite);
+            if (!keepWhite) {
+                raster::rop3Run(rop, D, zeros.data(), tbuf.data(), D, nb);
+                return;
+            }
+            raster::rop3Run(rop, D, zeros.data(), tbuf.data(), rbuf.data(), nb);
+            const uint8_t* r = rbuf.data();
+            const uint8_t* k = kbuf.data();
+            size_t i = 0;
+            for (; i + 8 <= nb; i += 8) {
+                uint64_t dv, rv, kv;
+                std::memcpy(&dv, D + i, 8);
+                std::memcpy(&rv, r + i, 8);
+                std::memcpy(&kv, k + i, 8);
+                dv = (dv & kv) | (rv & ~kv);
+                std::memcpy(D + i, &dv, 8);
+            }
+            for (; i < nb; ++i)
+                D[i] = uint8_t((D[i] & k[i]) | (r[i] & ~k[i]));
+            return;
+        }
+        stats.pixelsBlended += uint64_t(n);
         const uint8_t* tw = nullptr;
         if (tex.solid) {
             if (C == 1 || (tex.color[0] == tex.color[1] && tex.color[1] == tex.color[2])) {
@@ -648,10 +771,6 @@ struct RasterDevice::Impl {
         } else {
             fetchTexture(y, x0, n);
             tw = twhite.data();
-        }
-        if (!s) {
-            std::memset(sbuf.data(), 0, nb);
-            s = sbuf.data();
         }
         raster::rop3Run(rop, D, s, tbuf.data(), rbuf.data(), nb);
 
@@ -806,11 +925,73 @@ struct RasterDevice::Impl {
             for (int by = box.y0; by < box.y1; by += rows) {
                 const int bh = std::min(rows, box.y1 - by);
                 std::memset(band.data(), 0, size_t(bstride) * bh);
+                stats.bandPixels += uint64_t(w) * uint64_t(bh);
                 fillBand(band.data(), bstride, sx, by, w, bh);
                 for (int r = 0; r < bh; ++r)
                     compositeCoverage(by + r, sx, band.data() + size_t(r) * bstride, w);
             }
         }
+    }
+
+    // ---- rectangles -------------------------------------------------------------------------
+
+    // The pixels a fill of path covers when path is a rectangle with sides along the device's
+    // axes, of some size: cairo's coverage of it is every pixel of a column range on every row
+    // of a row range. Both ranges are taken from cairo itself, by filling one row and one
+    // column of the rectangle, so that the pixels are the ones a band by band fill gives.
+    bool rectCover(const Path& path, const IRect& box, IRect& cover) {
+        const auto& ops = path.ops();
+        const auto& pts = path.points();
+        if (ptd.b != 0 || ptd.c != 0 || box.width() < 16 || box.height() < 16 || box.width() > kMaxSliceWidth)
+            return false;
+        size_t n = ops.size();
+        if (n > 0 && ops[n - 1] == Path::Op::Close)
+            --n;
+        if (n < 4 || n > 5 || ops[0] != Path::Op::Move)
+            return false;
+        for (size_t i = 1; i < n; ++i)
+            if (ops[i] != Path::Op::Line)
+                return false;
+        if (n == 5 && (pts[4].x != pts[0].x || pts[4].y != pts[0].y))
+            return false;
+        const Point p0 = pts[0], p1 = pts[1], p2 = pts[2], p3 = pts[3];
+        const bool across = p0.y == p1.y && p1.x == p2.x && p2.y == p3.y && p3.x == p0.x;
+        const bool down = p0.x == p1.x && p1.y == p2.y && p2.x == p3.x && p3.y == p0.y;
+        if (!across && !down)
+            return false;
+        const Point a = ptd.apply(p0), c = ptd.apply(p2);
+        const int xm = std::clamp(clampToInt(std::floor((a.x + c.x) / 2)), box.x0, box.x1 - 1);
+        const int ym = std::clamp(clampToInt(std::floor((a.y + c.y) / 2)), box.y0, box.y1 - 1);
+        auto fill = [&](int bstride, int x0, int y0, int w, int h) {
+            probe.assign(size_t(bstride) * size_t(h), 0);
+            withCairo(probe.data(), bstride, x0, y0, w, h, [&](cairo_t* cr) {
+                appendPath(cr, path);
+                cairo_fill(cr);
+            });
+        };
+        // The covered stretch of `count` cells `step` bytes apart, which must be one stretch.
+        auto stretch = [&](int count, size_t step, int& lo, int& hi) {
+            lo = 0;
+            while (lo < count && !probe[size_t(lo) * step])
+                ++lo;
+            hi = lo;
+            while (hi < count && probe[size_t(hi) * step])
+                ++hi;
+            for (int i = hi; i < count; ++i)
+                if (probe[size_t(i) * step])
+                    return false;
+            return lo < hi;
+        };
+        int xa, xb, ya, yb;
+        fill(cairo_format_stride_for_width(CAIRO_FORMAT_A8, box.width()), box.x0, ym, box.width(), 1);
+        if (!stretch(box.width(), 1, xa, xb))
+            return false;
+        const int colStride = cairo_format_stride_for_width(CAIRO_FORMAT_A8, 1);
+        fill(colStride, xm, box.y0, 1, box.height());
+        if (!stretch(box.height(), size_t(colStride), ya, yb))
+            return false;
+        cover = {box.x0 + xa, box.y0 + ya, box.x0 + xb, box.y0 + yb};
+        return true;
     }
 
     // ---- one-pixel lines --------------------------------------------------------------------
@@ -1435,16 +1616,31 @@ void RasterDevice::beginPage(const PageSpec& page) {
     d->bilevel = d->geo.depth == 1;
     d->stride = d->bilevel ? size_t(d->geo.widthPx + 7) / 8 : size_t(d->geo.widthPx) * d->C;
     const size_t bytes = d->stride * size_t(d->geo.heightPx);
-    try {
-        // All white: zero bits on a bilevel page, 255 on grey and RGB pages.
-        d->buf.assign(bytes, d->bilevel ? 0 : 255);
-    } catch (const std::bad_alloc&) {
-        // No page can be made at this size: stop, as if the output could not be written.
-        d->buf.clear();
-        d->buf.shrink_to_fit();
-        d->failed = true;
-        return;
+    const uint8_t white = d->bilevel ? 0 : 255; // no bits set on a bilevel page, 255 elsewhere
+    if (d->buf.size() == bytes && d->lastWidth == d->geo.widthPx && d->lastHeight == d->geo.heightPx &&
+        d->lastDepth == d->geo.depth) {
+        // The last page's buffer, white wherever it was not drawn on: clear what was.
+        if (d->inkTop < d->inkBottom)
+            std::memset(d->row(d->inkTop), white, d->stride * size_t(d->inkBottom - d->inkTop));
+    } else {
+        try {
+            d->buf.clear();
+            d->buf.shrink_to_fit();
+            d->buf.assign(bytes, white);
+        } catch (const std::bad_alloc&) {
+            // No page can be made at this size: stop, as if the output could not be written.
+            d->buf.clear();
+            d->buf.shrink_to_fit();
+            d->failed = true;
+            d->lastWidth = -1;
+            return;
+        }
+        d->lastWidth = d->geo.widthPx;
+        d->lastHeight = d->geo.heightPx;
+        d->lastDepth = d->geo.depth;
     }
+    d->inkTop = d->geo.heightPx;
+    d->inkBottom = 0;
     d->clip = ClipState{};
     d->inPage = true;
 }
@@ -1465,6 +1661,8 @@ void RasterDevice::endPage() {
                  : d->geo.depth == 8 ? RasterPage::Format::Gray8
                                      : RasterPage::Format::Rgb24;
     out.stride = d->stride;
+    out.inkTop = std::clamp(d->inkTop, 0, out.height);
+    out.inkBottom = std::clamp(d->inkBottom, out.inkTop, out.height);
     out.data = std::move(d->buf);
     const bool ok = d->sink.writePage(out);
     d->buf = std::move(out.data);
@@ -1485,6 +1683,15 @@ void RasterDevice::fillPath(const Path& path, FillRule rule, const Paint& paint,
     const IRect box = intersect(deviceBounds(path.points(), d->ptd, 1), d->clip.bound);
     if (box.empty())
         return;
+    d->inked(box);
+    IRect cover;
+    if (d->rectCover(path, box, cover)) {
+        // A rectangle: each row is one stretch, drawn straight away.
+        ++d->stats.rectangles;
+        for (int y = cover.y0; y < cover.y1; ++y)
+            d->clippedRuns(y, cover.x0, cover.x1, [&](int a, int b) { d->composite(y, a, b - a, nullptr, nullptr); });
+        return;
+    }
     d->rasterise(box, [&](uint8_t* data, int bstride, int x0, int y0, int w, int h) {
         d->withCairo(data, bstride, x0, y0, w, h, [&](cairo_t* cr) {
             d->appendPath(cr, path);
@@ -1527,6 +1734,7 @@ void RasterDevice::strokePath(const Path& path, const StrokeStyle& style, const 
     const IRect box = intersect(deviceBounds(path.points(), d->ptd, pad), d->clip.bound);
     if (box.empty())
         return;
+    d->inked(box);
 
     // Dashes finer than a pixel cannot be seen: such a line is drawn solid.
     if (dashed && dashTotal * std::min(sx, sy) < 1)
@@ -1603,6 +1811,7 @@ void RasterDevice::drawImage(const Image& image, const Matrix& imageToPage, cons
         return;
     const Matrix inv = place->inv;
     const IRect box = place->box;
+    d->inked(box);
 
     const int C = d->C;
     const bool axisAligned = inv.b == 0 && inv.c == 0;
@@ -1691,6 +1900,7 @@ void RasterDevice::fillMask(const Mask& mask, const Matrix& maskToPage, const Pa
         return;
     const Matrix inv = place->inv;
     const IRect box = place->box;
+    d->inked(box);
 
     const bool axisAligned = inv.b == 0 && inv.c == 0;
     if (axisAligned && nearly(inv.a, 1) && nearly(inv.d, 1)) {
@@ -1813,6 +2023,8 @@ void RasterDevice::fillMask(const Mask& mask, const Matrix& maskToPage, const Pa
 }
 
 int RasterDevice::pagesWritten() const { return d->written; }
+
+const RasterStats& RasterDevice::stats() const { return d->stats; }
 
 bool RasterDevice::sinkFailed() const { return d->failed; }
 

@@ -150,7 +150,17 @@ bool StripPipeline::encodeInto(ScratchEncoder& enc, bool& begun, uint32_t strip,
     const uint8_t* rows = m_data + size_t(strip) * layout.rowsPerStrip * layout.stride;
     const uint32_t count = layout.rowsIn(strip);
     UniformKey key;
-    const bool uniform = uniformStrip(layout, rows, count, key);
+    const uint32_t first = strip * layout.rowsPerStrip;
+    bool uniform;
+    if (first >= layout.inkBottom || first + count <= layout.inkTop) {
+        // Nothing was drawn here: blank, without looking.
+        key.rows = count;
+        std::memset(key.pixel, layout.blank, size_t(layout.pixelBytes)); // as uniformStrip keys it
+        key.last = layout.blank;
+        uniform = true;
+    } else {
+        uniform = uniformStrip(layout, rows, count, key);
+    }
     if (uniform) {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (const auto* bytes = cached(key)) {

@@ -27,6 +27,9 @@ struct StripLayout {
     int pixelBytes = 1;    // bytes that repeat in a row of one colour: 3 for RGB, else 1
     bool bilevel = false;  // 1-bit rows: the last byte may hold fewer pixels
     int width = 0;
+    // Rows outside [inkTop, inkBottom) are known to be blank: every byte is `blank`.
+    uint32_t inkTop = 0, inkBottom = UINT32_MAX;
+    uint8_t blank = 0;
     uint32_t strips() const { return (height + rowsPerStrip - 1) / rowsPerStrip; }
     uint32_t rowsIn(uint32_t strip) const {
         const uint32_t first = strip * rowsPerStrip;
