@@ -803,6 +803,64 @@ struct RasterDevice::Impl {
         }
     }
 
+    // composite() of n picture pixels s, in the page's channels, on a grey or colour page with a
+    // solid texture: S comes straight from the picture's row and its whites from S itself, and
+    // the raster operation and the source transparency work on whole words.
+    void compositeRow(int y, int x0, int n, const uint8_t* s) {
+        uint8_t* D = row(y) + size_t(x0) * C;
+        const size_t nb = size_t(n) * C;
+        ensureScratch(nb, size_t(n));
+        if (C == 1 || (tex.color[0] == tex.color[1] && tex.color[1] == tex.color[2])) {
+            std::memset(tbuf.data(), tex.color[0], nb);
+        } else {
+            for (int i = 0; i < n; ++i)
+                std::memcpy(&tbuf[size_t(i) * 3], tex.color, 3);
+        }
+        if (!srcTransparent) {
+            raster::rop3Run(rop, D, s, tbuf.data(), D, nb);
+            return;
+        }
+        raster::rop3Run(rop, D, s, tbuf.data(), rbuf.data(), nb);
+        const uint8_t* r = rbuf.data();
+        size_t i = 0;
+        if (C == 1) {
+            // A white source byte (0xFF) keeps the page: found eight bytes at a time.
+            constexpr uint64_t low7 = 0x7F7F7F7F7F7F7F7FULL;
+            for (; i + 8 <= nb; i += 8) {
+                uint64_t sv, dv, rv;
+                std::memcpy(&sv, s + i, 8);
+                const uint64_t x = ~sv; // zero bytes where the source is white
+                const uint64_t hi = ~(((x & low7) + low7) | x | low7); // their top bits
+                const uint64_t keep = (hi >> 7) * 0xFF;
+                std::memcpy(&dv, D + i, 8);
+                std::memcpy(&rv, r + i, 8);
+                dv = (dv & keep) | (rv & ~keep);
+                std::memcpy(D + i, &dv, 8);
+            }
+            for (; i < nb; ++i)
+                if (s[i] != 255)
+                    D[i] = r[i];
+            return;
+        }
+        if (kbuf.size() < nb)
+            kbuf.resize(nb);
+        uint8_t* k = kbuf.data();
+        for (int p = 0; p < n; ++p) {
+            const uint8_t* q = s + size_t(p) * 3;
+            std::memset(k + size_t(p) * 3, (q[0] & q[1] & q[2]) == 255 ? 0xFF : 0, 3);
+        }
+        for (; i + 8 <= nb; i += 8) {
+            uint64_t dv, rv, kv;
+            std::memcpy(&dv, D + i, 8);
+            std::memcpy(&rv, r + i, 8);
+            std::memcpy(&kv, k + i, 8);
+            dv = (dv & kv) | (rv & ~kv);
+            std::memcpy(D + i, &dv, 8);
+        }
+        for (; i < nb; ++i)
+            D[i] = uint8_t((D[i] & k[i]) | (r[i] & ~k[i]));
+    }
+
     // composite() on a bilevel page, a byte (eight pixels) at a time. S and T are dithered at
     // their device position, the raster operation works on the bits (1 = white, as on bytes),
     // and the transparency rules use the flags of the undithered pixels.
@@ -1855,6 +1913,12 @@ void RasterDevice::drawImage(const Image& image, const Matrix& imageToPage, cons
                 const int j = Impl::gridIndex(inv.d * cy + inv.f, ih);
                 const uint8_t* srow = image.data.data() + size_t(j) * image.stride;
                 const int64_t* cols = d->colIdx.data() + (a - box.x0);
+                const bool direct = (image.format == Image::Format::Gray8) == (C == 1);
+                if (direct && !d->bilevel && d->tex.solid && cols[n - 1] - cols[0] == n - 1) {
+                    // Picture pixels one to one onto the page, in the page's own channels.
+                    d->compositeRow(y, a, n, srow + size_t(cols[0]) * bpp);
+                    return;
+                }
                 if (image.format == Image::Format::Rgb24 && C == 3) {
                     for (int k = 0; k < n; ++k) {
                         const uint8_t* p = srow + size_t(cols[k]) * 3;
