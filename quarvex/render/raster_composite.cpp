@@ -250,19 +250,7 @@ void RasterDevice::Impl::composite(int y, int x0, int n, const uint8_t* s, const
             return;
         }
         raster::rop3Run(rop, D, zeros.data(), tbuf.data(), rbuf.data(), nb);
-        const uint8_t* r = rbuf.data();
-        const uint8_t* k = kbuf.data();
-        size_t i = 0;
-        for (; i + 8 <= nb; i += 8) {
-            uint64_t dv, rv, kv;
-            std::memcpy(&dv, D + i, 8);
-            std::memcpy(&rv, r + i, 8);
-            std::memcpy(&kv, k + i, 8);
-            dv = (dv & kv) | (rv & ~kv);
-            std::memcpy(D + i, &dv, 8);
-        }
-        for (; i < nb; ++i)
-            D[i] = uint8_t((D[i] & k[i]) | (r[i] & ~k[i]));
+        raster::blendKeep(D, rbuf.data(), kbuf.data(), nb);
         return;
     }
     stats.pixelsBlended += uint64_t(n);
@@ -352,16 +340,7 @@ void RasterDevice::Impl::compositeRow(int y, int x0, int n, const uint8_t* s) {
         const uint8_t* q = s + size_t(p) * 3;
         std::memset(k + size_t(p) * 3, (q[0] & q[1] & q[2]) == 255 ? 0xFF : 0, 3);
     }
-    for (; i + 8 <= nb; i += 8) {
-        uint64_t dv, rv, kv;
-        std::memcpy(&dv, D + i, 8);
-        std::memcpy(&rv, r + i, 8);
-        std::memcpy(&kv, k + i, 8);
-        dv = (dv & kv) | (rv & ~kv);
-        std::memcpy(D + i, &dv, 8);
-    }
-    for (; i < nb; ++i)
-        D[i] = uint8_t((D[i] & k[i]) | (r[i] & ~k[i]));
+    raster::blendKeep(D, r, k, nb);
 }
 
 void RasterDevice::Impl::compositeBits(int y, int x0, int n, const uint8_t* s, const uint8_t* sw) {
