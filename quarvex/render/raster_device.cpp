@@ -112,6 +112,10 @@ void RasterDevice::endPage() {
     out.inkTop = std::clamp(d->inkTop, 0, out.height);
     out.inkBottom = std::clamp(d->inkBottom, out.inkTop, out.height);
     out.data = std::move(d->buf);
+    // The coverage bands are not needed while the page is written: give their memory back
+    // for the writer's codecs.
+    d->band = {};
+    d->band2 = {};
     const bool ok = d->sink.writePage(out);
     d->buf = std::move(out.data);
     out.data = {};

@@ -75,7 +75,9 @@ bool ScratchEncoder::begin(const std::function<bool(TIFF*)>& setTags) {
     TIFFOpenOptionsFree(opts);
     if (!m_tif)
         return false;
-    if (!setTags(m_tif)) {
+    // A small output buffer: the codec writes out whenever it fills, which changes nothing in
+    // the bytes and keeps the handle light.
+    if (!setTags(m_tif) || !TIFFWriteBufferSetup(m_tif, nullptr, 16 * 1024)) {
         end();
         return false;
     }
@@ -113,10 +115,11 @@ void ScratchEncoder::end() {
 // ---- the pipeline ---------------------------------------------------------------------------
 
 namespace {
-// Pages smaller than this are compressed on one thread: handing strips over costs more.
-constexpr size_t kParallelBytes = size_t(1) << 20;
+// Pages smaller than this are compressed on one thread: the helper's codec state and strips
+// would weigh on their peak memory, and handing strips over costs time.
+constexpr size_t kParallelBytes = size_t(8) << 20;
 // Strips compressed ahead of the one being written, at most.
-constexpr uint32_t kWindow = 8;
+constexpr uint32_t kWindow = 4;
 // Strips of one colour remembered (white, and the few colours a page is filled with).
 constexpr size_t kCacheEntries = 16;
 } // namespace
