@@ -66,6 +66,7 @@ void RasterDevice::Impl::prepareClip(const std::shared_ptr<const ClipRegion>& re
     const int bstride = cairo_format_stride_for_width(CAIRO_FORMAT_A8, sliceW);
     const int rows = std::max(1, std::min(box.height(), int(kBandBytes / size_t(bstride))));
     band.resize(size_t(bstride) * rows);
+    bandClean = false; // the clip's coverage is left in it
     if (region->entries.size() > 1)
         band2.resize(size_t(bstride) * rows);
     for (int sx = box.x0; sx < box.x1; sx += kMaxSliceWidth) {

@@ -418,7 +418,7 @@ void RasterDevice::Impl::compositeBits(int y, int x0, int n, const uint8_t* s, c
     }
 }
 
-void RasterDevice::Impl::compositeCoverage(int y, int x0, const uint8_t* cov, int n) {
+void RasterDevice::Impl::compositeCoverage(int y, int x0, const uint8_t* cov, int n, uint8_t* clear) {
     int k = 0;
     while (k < n) {
         while (k + 8 <= n) {
@@ -444,6 +444,8 @@ void RasterDevice::Impl::compositeCoverage(int y, int x0, const uint8_t* cov, in
             ++e;
         clippedRuns(y, x0 + k, x0 + e,
                     [&](int a, int b) { composite(y, a, b - a, nullptr, nullptr); });
+        if (clear)
+            std::memset(clear + k, 0, size_t(e - k));
         k = e;
     }
 }

@@ -193,6 +193,7 @@ struct RasterDevice::Impl {
 
     ClipState clip;
     std::vector<uint8_t> band, band2;
+    bool bandClean = true; // every byte of band is zero
     std::vector<uint8_t> sbuf, swhite, tbuf, twhite, rbuf, cov;
     std::vector<uint8_t> kbuf;  // per channel byte: 0xFF where a white texture pixel keeps the page
     std::vector<uint8_t> zeros; // a source of black, never written but by resizing
@@ -355,7 +356,7 @@ struct RasterDevice::Impl {
     void compositeBits(int y, int x0, int n, const uint8_t* s, const uint8_t* sw);
 
     // Draws the covered pixels (cov[k] != 0 covers x0 + k) of row y, with S black.
-    void compositeCoverage(int y, int x0, const uint8_t* cov, int n);
+    void compositeCoverage(int y, int x0, const uint8_t* cov, int n, uint8_t* clear = nullptr);
 
     // Renders coverage band by band over box (already within the page and the clip) with
     // fillBand(data, stride, x0, y0, w, h) and draws it.
@@ -364,16 +365,22 @@ struct RasterDevice::Impl {
         const int sliceW = std::min(box.width(), kMaxSliceWidth);
         const int bstride = cairo_format_stride_for_width(CAIRO_FORMAT_A8, sliceW);
         const int rows = std::max(1, std::min(box.height(), int(kBandBytes / size_t(bstride))));
-        band.resize(size_t(bstride) * rows);
+        // The band stays all zero between calls: each row's coverage is cleared as it is
+        // drawn, so a band costs what it covers rather than its area.
+        if (!bandClean)
+            std::fill(band.begin(), band.end(), 0);
+        band.resize(std::max(band.size(), size_t(bstride) * rows), 0);
+        bandClean = true;
         for (int sx = box.x0; sx < box.x1; sx += kMaxSliceWidth) {
             const int w = std::min(kMaxSliceWidth, box.x1 - sx);
             for (int by = box.y0; by < box.y1; by += rows) {
                 const int bh = std::min(rows, box.y1 - by);
-                std::memset(band.data(), 0, size_t(bstride) * bh);
                 stats.bandPixels += uint64_t(w) * uint64_t(bh);
                 fillBand(band.data(), bstride, sx, by, w, bh);
-                for (int r = 0; r < bh; ++r)
-                    compositeCoverage(by + r, sx, band.data() + size_t(r) * bstride, w);
+                for (int r = 0; r < bh; ++r) {
+                    uint8_t* cov = band.data() + size_t(r) * bstride;
+                    compositeCoverage(by + r, sx, cov, w, cov);
+                }
             }
         }
     }
