@@ -352,10 +352,20 @@ void RasterDevice::Impl::compositeBits(int y, int x0, int n, const uint8_t* s, c
     if (!s && tex.solid && !constUsesDest) {
         // A fill in one colour: the dithered result, whatever lies beneath.
         const uint8_t* cb = constBits[r];
-        for (int k = k0; k <= k1; ++k) {
-            const uint8_t em = (k == k0 || k == k1) ? edge(k) : 0xFF;
-            D[k] = uint8_t((D[k] & ~em) | (cb[k & 1] & em));
-        }
+        auto put = [&](int k, uint8_t em) { D[k] = uint8_t((D[k] & ~em) | (cb[k & 1] & em)); };
+        put(k0, edge(k0));
+        if (k1 == k0)
+            return;
+        put(k1, edge(k1));
+        // The whole bytes between: the two-byte pattern, eight bytes at a time.
+        int k = k0 + 1;
+        uint8_t eight[8];
+        for (int i = 0; i < 8; ++i)
+            eight[i] = cb[(k + i) & 1];
+        for (; k + 8 <= k1; k += 8)
+            std::memcpy(D + k, eight, 8);
+        for (; k < k1; ++k)
+            D[k] = cb[k & 1];
         return;
     }
     const uint8_t* thr = raster::ditherThresholds()[r];
