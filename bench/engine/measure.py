@@ -7,6 +7,7 @@ before exec), which would add some 10 MB to every figure. Without GNU time, wait
 the timed runs is reported, with that inflation."""
 
 import argparse
+import filecmp
 import os
 import statistics
 import subprocess
@@ -87,6 +88,86 @@ def measure(quarvex, work, label, inp, dpi, depth, comp, runs):
     return row
 
 
+def read_jobs(path):
+    """(label, input, dpi, depth, compression) of each line of a job list; none without one."""
+    jobs = []
+    if path:
+        base = os.path.dirname(os.path.abspath(path))
+        with open(path) as f:
+            for l in f:
+                if l.strip() and not l.startswith("#"):
+                    inp, dpi, depth, comp, label = l.rstrip("\n").split("\t")
+                    jobs.append((label, os.path.join(base, inp), int(dpi), int(depth), int(comp)))
+    return jobs
+
+
+def compare(new, old, work, label, inp, dpi, depth, comp, runs):
+    """Runs the new and the old engine alternately on one job (the order swapped every round, so
+    that neither always runs on a warm or a cold machine) and reports both medians, the ratio
+    old / new, both peaks and whether the outputs are the same bytes."""
+    outs = {"new": os.path.join(work, "new.tif"), "old": os.path.join(work, "old.tif")}
+    exe = {"new": new, "old": old}
+    walls = {"new": [], "old": []}
+    status = {}
+    for i in range(runs):
+        for who in (("new", "old") if i % 2 == 0 else ("old", "new")):
+            if os.path.exists(outs[who]):
+                os.remove(outs[who])
+            args = ["-r", f"{dpi}x{dpi}", "-b", str(depth), "-c", str(comp), "-o", outs[who], "-i", inp]
+            wall, _, status[who], _ = run_once(exe[who], args)
+            walls[who].append(wall)
+    peaks = {}
+    for who in ("new", "old"):
+        args = ["-r", f"{dpi}x{dpi}", "-b", str(depth), "-c", str(comp), "-o", os.path.join(work, "peak.tif"), "-i", inp]
+        peaks[who] = peak_under_time(exe[who], args, work)
+    same = all(os.path.exists(outs[w]) for w in outs) and filecmp.cmp(outs["new"], outs["old"], shallow=False)
+    pages, _ = tiff_pages(outs["new"]) if os.path.exists(outs["new"]) else (0, None)
+    new_ms = statistics.median(walls["new"]) * 1000
+    old_ms = statistics.median(walls["old"]) * 1000
+    return {
+        "file": label, "dpi": dpi, "mode": f"{depth}-bit c{comp}", "pages": pages,
+        "exit": f"{status['new']}/{status['old']}", "new_ms": new_ms, "old_ms": old_ms,
+        "ratio": old_ms / new_ms if new_ms > 0 else 0.0,
+        "new_mb": (peaks["new"] or 0) / 1e6, "old_mb": (peaks["old"] or 0) / 1e6,
+        "same": "same" if same else "DIFFERENT",
+    }
+
+
+def main_compare(a):
+    jobs = read_jobs(a.jobs)
+    if not a.quick and a.corpus:
+        with open(os.path.join(a.corpus, "manifest.tsv")) as f:
+            entries = [l.rstrip("\n").split("\t") for l in f if l.strip() and not l.startswith("#")]
+        for e in entries:
+            for dpi in (300, 600):
+                for depth, comp in ((1, 7), (24, 6)):
+                    jobs.append((e[0], os.path.join(a.corpus, e[0]), dpi, depth, comp))
+    rows = []
+    for label, inp, dpi, depth, comp in jobs:
+        rows.append(compare(a.quarvex, a.baseline, a.work, label, inp, dpi, depth, comp, a.runs))
+        print(".", end="", file=sys.stderr, flush=True)
+    print(file=sys.stderr)
+    hdr = (f"{'job':<38} {'dpi':>4} {'mode':<10} {'pages':>5} {'new ms':>9} {'old ms':>9} {'old/new':>7} "
+           f"{'new MB':>7} {'old MB':>7}  output")
+    print(hdr)
+    print("-" * len(hdr))
+    for r in rows:
+        print(f"{r['file'][:38]:<38} {r['dpi']:>4} {r['mode']:<10} {r['pages']:>5} {r['new_ms']:>9.1f} {r['old_ms']:>9.1f} "
+              f"{r['ratio']:>7.2f} {r['new_mb']:>7.1f} {r['old_mb']:>7.1f}  {r['same']}")
+    if rows:
+        ratios = [r["ratio"] for r in rows]
+        print(f"\n{len(rows)} jobs: old/new median {statistics.median(ratios):.2f}, lowest {min(ratios):.2f}, "
+              f"highest {max(ratios):.2f}; outputs different: {sum(r['same'] != 'same' for r in rows)}; "
+              f"peak memory higher than the old engine's by more than 0.5 MB: "
+              f"{sum(r['new_mb'] > r['old_mb'] + 0.5 for r in rows)}")
+    if a.tsv:
+        with open(a.tsv, "w") as f:
+            f.write("job\tdpi\tmode\tpages\tnew_ms\told_ms\tratio\tnew_mb\told_mb\toutput\n")
+            for r in rows:
+                f.write(f"{r['file']}\t{r['dpi']}\t{r['mode']}\t{r['pages']}\t{r['new_ms']:.2f}\t{r['old_ms']:.2f}\t"
+                        f"{r['ratio']:.3f}\t{r['new_mb']:.1f}\t{r['old_mb']:.1f}\t{r['same']}\n")
+
+
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--quarvex", required=True)
@@ -95,7 +176,12 @@ def main():
     ap.add_argument("--runs", type=int, default=3)
     ap.add_argument("--quick", type=int, default=0)
     ap.add_argument("--tsv")
+    ap.add_argument("--baseline", help="an older engine: run both alternately and report ratios")
+    ap.add_argument("--jobs", help="a job list (heavy.tsv of make_heavy.sh) to run besides the corpus")
     a = ap.parse_args()
+    if a.baseline:
+        main_compare(a)
+        return
 
     rows = []
     fixed = [
@@ -107,6 +193,8 @@ def main():
         r = measure(a.quarvex, a.work, label, inp, dpi, depth, comp, max(a.runs, 5))
         r["note"] = (r.get("note", "") + " " + aim).strip()
         rows.append(r)
+    for label, inp, dpi, depth, comp in read_jobs(a.jobs):
+        rows.append(measure(a.quarvex, a.work, label, inp, dpi, depth, comp, a.runs))
     if not a.quick:
         with open(os.path.join(a.corpus, "manifest.tsv")) as f:
             entries = [l.rstrip("\n").split("\t") for l in f if l.strip() and not l.startswith("#")]

@@ -129,6 +129,7 @@ void Interpreter::flushStrip() {
         }
         if (any)
             m_dev.fillMask(m, toPage, currentPaint(), renderState());
+        r.strip = std::move(m.bits); // the next strip reuses the room
     } else {
         Image img;
         img.width = r.stripWidth;
@@ -137,6 +138,7 @@ void Interpreter::flushStrip() {
         img.stride = static_cast<size_t>(r.stripWidth) * 3;
         img.data = std::move(r.strip);
         m_dev.drawImage(img, toPage, currentPaint(), renderState());
+        r.strip = std::move(img.data);
     }
     r.strip.clear();
     r.stripRows = 0;

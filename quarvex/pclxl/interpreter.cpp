@@ -1356,7 +1356,7 @@ void Interpreter::readImage(const Operator& op) {
         failOp("image data shorter than BlockHeight");
 }
 
-void Interpreter::deliverRows(const std::vector<uint8_t>& rows, size_t rowBytes, int startLine, int count) {
+void Interpreter::deliverRows(std::vector<uint8_t>& rows, size_t rowBytes, int startLine, int count) {
     ImageState& im = m_image;
     if (count <= 0 || startLine >= im.height)
         return;
@@ -1366,15 +1366,19 @@ void Interpreter::deliverRows(const std::vector<uint8_t>& rows, size_t rowBytes,
     }
     if (im.pendingCount > 0 && (startLine != im.pendingStart + im.pendingCount || rowBytes != im.pendingRowBytes))
         flushImageRows();
+    // A strip is drawn as up to 3 bytes a pixel: keep it within the strip budget.
+    const int maxRows = int(std::max<size_t>(1, kMaxStripBytes / std::max<size_t>(size_t(im.width) * 3, 1)));
     if (im.pendingCount == 0) {
         im.pendingStart = startLine;
         im.pendingRowBytes = rowBytes;
-        im.pending.clear();
+        m_stripRows.clear();
+        // Room for a whole strip at once, so that gathering rows never moves them.
+        const size_t strip = size_t(maxRows) * rowBytes;
+        if (m_stripRows.capacity() < strip && strip <= kMaxStripBytes)
+            m_stripRows.reserve(strip);
     }
-    im.pending.insert(im.pending.end(), rows.begin(), rows.begin() + std::ptrdiff_t(size_t(count) * rowBytes));
+    m_stripRows.insert(m_stripRows.end(), rows.begin(), rows.begin() + std::ptrdiff_t(size_t(count) * rowBytes));
     im.pendingCount += count;
-    // A strip is drawn as up to 3 bytes a pixel: keep it within the strip budget.
-    const int maxRows = int(std::max<size_t>(1, kMaxStripBytes / std::max<size_t>(size_t(im.width) * 3, 1)));
     if (im.pendingCount >= maxRows)
         flushImageRows();
 }
@@ -1383,14 +1387,36 @@ void Interpreter::flushImageRows() {
     ImageState& im = m_image;
     if (im.pendingCount <= 0)
         return;
-    std::vector<uint8_t> rows;
-    rows.swap(im.pending);
     const int start = im.pendingStart, count = im.pendingCount;
     im.pendingCount = 0;
-    drawRows(rows, im.pendingRowBytes, start, count);
+    drawRows(m_stripRows, im.pendingRowBytes, start, count);
+    m_stripRows.clear();
 }
 
-void Interpreter::drawRows(const std::vector<uint8_t>& rows, size_t rowBytes, int startLine, int count) {
+namespace {
+
+// The raster operation that gives, with a black source, what rop gives with a white one: each
+// result bit for S = 0 is rop's bit for S = 1 (bit index T*4 + S*2 + D).
+uint8_t ropWithWhiteSource(uint8_t rop) {
+    uint8_t out = 0;
+    for (int i = 0; i < 8; ++i)
+        if (rop & (1 << (i | 2)))
+            out = uint8_t(out | (1 << i));
+    return out;
+}
+
+} // namespace
+
+// Whether the device draws a picture placed by toPage smaller than its own pixels (then it
+// averages the picture's pixels rather than sampling them).
+bool Interpreter::drawnReduced(const Matrix& toPage) const {
+    const auto inv = (m_dev.pageToDevice() * toPage).inverted();
+    if (!inv)
+        return false;
+    return inv->b == 0 && inv->c == 0 && (std::fabs(inv->a) > 1 + 1e-9 || std::fabs(inv->d) > 1 + 1e-9);
+}
+
+void Interpreter::drawRows(std::vector<uint8_t>& rows, size_t rowBytes, int startLine, int count) {
     ImageState& im = m_image;
     if (count <= 0 || startLine >= im.height)
         return;
@@ -1431,48 +1457,77 @@ void Interpreter::drawRows(const std::vector<uint8_t>& rows, size_t rowBytes, in
     }
     const Matrix strip = im.imageToPage * Matrix::translate(0, startLine);
     const Paint texture = m_gs.brush.kind == Paint::Kind::None ? Paint::solid(Rgb::black()) : m_gs.brush;
-    // A one-bit black-and-white image drawn with a transparent source is a mask of its black
-    // pixels; that spares the device a full colour image.
-    if (bits == 1 && m_gs.rs.sourceTransparent && im.mapping == eIndexedPixel && im.color.palette.size() >= 2) {
+    // A one-bit black-and-white image is a mask of its black pixels, which spares the device a
+    // full colour image. With a transparent source that is all; an opaque source paints its white
+    // pixels as well, which is the same raster operation over the other pixels with its source
+    // read as white (a mask's source is black). Pictures drawn smaller than their pixels stay
+    // pictures then: the device reduces pictures and masks in different ways.
+    if (bits == 1 && im.mapping == eIndexedPixel && im.color.palette.size() >= 2) {
         const Rgb c0 = im.color.palette[0], c1 = im.color.palette[1];
         const bool zeroInk = c0 == Rgb::black() && c1 == Rgb::white();
         const bool oneInk = c1 == Rgb::black() && c0 == Rgb::white();
-        if (zeroInk || oneInk) {
-            Mask mask;
+        const bool opaque = !m_gs.rs.sourceTransparent;
+        if ((zeroInk || oneInk) && (!opaque || !drawnReduced(strip))) {
+            Mask& mask = m_stripMask;
             mask.width = im.width;
             mask.height = count;
             mask.stride = (size_t(im.width) + 7) / 8;
-            mask.bits.assign(mask.stride * count, 0);
-            for (int r = 0; r < count; ++r) {
-                const uint8_t* row = rows.data() + size_t(r) * rowBytes;
-                uint8_t* out = mask.bits.data() + size_t(r) * mask.stride;
-                for (size_t b = 0; b < mask.stride; ++b)
-                    out[b] = zeroInk ? uint8_t(~row[b]) : row[b];
-                if (im.width % 8)
-                    out[mask.stride - 1] &= uint8_t(0xFF << (8 - im.width % 8));
-            }
+            mask.bits.resize(mask.stride * count);
+            const uint8_t lastBits = im.width % 8 ? uint8_t(0xFF << (8 - im.width % 8)) : 0xFF;
+            auto copyRows = [&](const uint8_t* from, size_t fromStride, bool invert) {
+                const uint64_t flip = invert ? ~uint64_t(0) : 0;
+                for (int r = 0; r < count; ++r) {
+                    const uint8_t* row = from + size_t(r) * fromStride;
+                    uint8_t* out = mask.bits.data() + size_t(r) * mask.stride;
+                    size_t b = 0;
+                    for (; b + 8 <= mask.stride; b += 8) {
+                        uint64_t v;
+                        std::memcpy(&v, row + b, 8);
+                        v ^= flip;
+                        std::memcpy(out + b, &v, 8);
+                    }
+                    for (; b < mask.stride; ++b)
+                        out[b] = uint8_t(row[b] ^ uint8_t(flip));
+                    out[mask.stride - 1] &= lastBits;
+                }
+            };
+            copyRows(rows.data(), rowBytes, zeroInk);
             m_dev.fillMask(mask, strip, texture, m_gs.rs);
+            if (opaque) {
+                copyRows(rows.data(), rowBytes, oneInk);
+                RenderState white = m_gs.rs;
+                white.rop3 = ropWithWhiteSource(m_gs.rs.rop3);
+                white.patternTransparent = false; // it applies where the source is not white
+                m_dev.fillMask(mask, strip, texture, white);
+            }
             drew();
             return;
         }
     }
-    Image img;
+    Image& img = m_stripImage;
     img.width = im.width;
     img.height = count;
     img.format = grayOut ? Image::Format::Gray8 : Image::Format::Rgb24;
+    if (bits == 8 && im.mapping == eDirectPixel && (grayOut || rgbDirect)) {
+        // The rows already are the picture: close up their padding in place and lend them
+        // to the device (they are not needed afterwards).
+        const size_t packed = size_t(im.width) * (grayOut ? 1 : 3);
+        if (packed < rowBytes)
+            for (int r = 1; r < count; ++r)
+                std::memmove(rows.data() + size_t(r) * packed, rows.data() + size_t(r) * rowBytes, packed);
+        rows.resize(packed * size_t(count));
+        img.stride = packed;
+        img.data.swap(rows);
+        m_dev.drawImage(img, strip, texture, m_gs.rs);
+        img.data.swap(rows);
+        drew();
+        return;
+    }
     img.stride = size_t(im.width) * (grayOut ? 1 : 3);
     img.data.resize(img.stride * count);
     for (int r = 0; r < count; ++r) {
         const uint8_t* row = rows.data() + size_t(r) * rowBytes;
         uint8_t* out = img.data.data() + size_t(r) * img.stride;
-        if (grayOut && im.mapping == eDirectPixel && bits == 8) {
-            std::memcpy(out, row, size_t(im.width));
-            continue;
-        }
-        if (!grayOut && rgbDirect && bits == 8) {
-            std::memcpy(out, row, size_t(im.width) * 3);
-            continue;
-        }
         for (int x = 0; x < im.width; ++x) {
             const Rgb c = pixel(row, x);
             if (grayOut)

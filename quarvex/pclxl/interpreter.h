@@ -75,8 +75,8 @@ private:
         ColorState color;
         int rowsSeen = 0;
         // Rows read but not drawn yet: drivers send an image a row or a few at a time, and
-        // the device draws better (and faster) from longer strips.
-        std::vector<uint8_t> pending;
+        // the device draws better (and faster) from longer strips. The buffer lives in
+        // m_stripRows, which keeps its capacity from strip to strip and image to image.
         size_t pendingRowBytes = 0;
         int pendingStart = 0;
         int pendingCount = 0;
@@ -112,9 +112,10 @@ private:
     void readImage(const Operator& op);
     void endImage();
     // Takes decoded rows of the current image: gathers them into strips, or fills the pattern.
-    void deliverRows(const std::vector<uint8_t>& rows, size_t rowBytes, int startLine, int count);
+    void deliverRows(std::vector<uint8_t>& rows, size_t rowBytes, int startLine, int count);
     void flushImageRows();
-    void drawRows(const std::vector<uint8_t>& rows, size_t rowBytes, int startLine, int count);
+    void drawRows(std::vector<uint8_t>& rows, size_t rowBytes, int startLine, int count);
+    bool drawnReduced(const Matrix& toPage) const;
     void selectPattern(int id, const Operator& op, Paint& into);
 
     // Scan lines.
@@ -156,6 +157,11 @@ private:
     bool m_pendingMove = false; // the cursor moved since the last segment
 
     ImageState m_image;
+    // The rows of the image strip being gathered, and the picture or mask a strip is drawn
+    // as: kept between strips so that a page of images costs no allocation a strip.
+    std::vector<uint8_t> m_stripRows;
+    Image m_stripImage;
+    Mask m_stripMask;
     std::map<int, Pattern> m_patterns;
 
     // Fonts being downloaded and downloaded.

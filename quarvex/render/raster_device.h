@@ -33,6 +33,10 @@ struct RasterPage {
     // Bilevel: 1 bit a pixel, most significant bit first, 1 = black (min-is-white).
     // Gray8: 0 = black. Rgb24: r, g, b.
     std::vector<uint8_t> data;
+    // Rows outside [inkTop, inkBottom) are white (no ink was put there); by default none is
+    // known to be.
+    int inkTop = 0;
+    int inkBottom = 1 << 30;
 
     const uint8_t* row(int y) const { return data.data() + static_cast<size_t>(y) * stride; }
 };
@@ -42,6 +46,13 @@ public:
     virtual ~PageSink() = default;
     // false: the page could not be written; the device stops drawing further pages.
     virtual bool writePage(const RasterPage& page) = 0;
+};
+
+// Counts of the device's work, for tests and benchmarks.
+struct RasterStats {
+    uint64_t bandPixels = 0;    // pixels of coverage rendered by cairo, band by band
+    uint64_t rectangles = 0;    // fills of rectangles drawn row by row without coverage bands
+    uint64_t pixelsBlended = 0; // pixels of pictures composited one by one with their source
 };
 
 class RasterDevice : public Device {
@@ -63,6 +74,7 @@ public:
                   const RenderState& rs) override;
 
     int pagesWritten() const;
+    const RasterStats& stats() const;
     bool sinkFailed() const;
 
 private:

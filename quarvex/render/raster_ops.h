@@ -67,6 +67,22 @@ inline void rop3Run(uint8_t rop, const uint8_t* d, const uint8_t* s, const uint8
         out[i] = rop3(rop, d[i], s[i], t[i]);
 }
 
+// d[i] keeps its byte where keep[i] is 0xFF and takes r[i] where it is 0, for n bytes, eight
+// at a time.
+inline void blendKeep(uint8_t* d, const uint8_t* r, const uint8_t* keep, size_t n) {
+    size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        uint64_t dv, rv, kv;
+        std::memcpy(&dv, d + i, 8);
+        std::memcpy(&rv, r + i, 8);
+        std::memcpy(&kv, keep + i, 8);
+        dv = (dv & kv) | (rv & ~kv);
+        std::memcpy(d + i, &dv, 8);
+    }
+    for (; i < n; ++i)
+        d[i] = uint8_t((d[i] & keep[i]) | (r[i] & ~keep[i]));
+}
+
 // ITU-R BT.601 luma, rounded; 0 = black, 255 = white.
 inline uint8_t luminance(uint8_t r, uint8_t g, uint8_t b) {
     return static_cast<uint8_t>((299u * r + 587u * g + 114u * b + 500u) / 1000u);

@@ -152,88 +152,108 @@ bool TiffWriter::writePage(const RasterPage& page) {
     if (page.stride < rowBytes)
         return fail("page rows are shorter than the page width");
 
-    TIFF* t = m_tif;
-    bool ok = true;
-    ok &= TIFFSetField(t, TIFFTAG_SUBFILETYPE, FILETYPE_PAGE) == 1;
-    ok &= TIFFSetField(t, TIFFTAG_IMAGEWIDTH, static_cast<uint32_t>(page.width)) == 1;
-    ok &= TIFFSetField(t, TIFFTAG_IMAGELENGTH, static_cast<uint32_t>(page.height)) == 1;
-    ok &= TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, bits) == 1;
-    ok &= TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, samples) == 1;
-    ok &= TIFFSetField(t, TIFFTAG_PHOTOMETRIC, photometric) == 1;
-    ok &= TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG) == 1;
-    ok &= TIFFSetField(t, TIFFTAG_FILLORDER, FILLORDER_MSB2LSB) == 1;
-    ok &= TIFFSetField(t, TIFFTAG_ORIENTATION, ORIENTATION_TOPLEFT) == 1;
-
-    switch (comp) {
-    case Compression::None:
-        ok &= TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_NONE) == 1;
-        break;
-    case Compression::PackBits:
-        ok &= TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_PACKBITS) == 1;
-        break;
-    case Compression::Lzw:
-        ok &= TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_LZW) == 1;
-        break;
-    case Compression::LzwPredictor:
-        ok &= TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_LZW) == 1;
-        // The horizontal predictor works on whole samples; 1-bit rows go without it.
-        if (bits == 8)
-            ok &= TIFFSetField(t, TIFFTAG_PREDICTOR, PREDICTOR_HORIZONTAL) == 1;
-        break;
-    case Compression::G3OneD:
-        ok &= TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_CCITTFAX3) == 1;
-        ok &= TIFFSetField(t, TIFFTAG_GROUP3OPTIONS, static_cast<uint32_t>(GROUP3OPT_FILLBITS)) == 1;
-        break;
-    case Compression::G3TwoD:
-        ok &= TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_CCITTFAX3) == 1;
-        ok &= TIFFSetField(t, TIFFTAG_GROUP3OPTIONS,
-                           static_cast<uint32_t>(GROUP3OPT_2DENCODING | GROUP3OPT_FILLBITS)) == 1;
-        break;
-    case Compression::Deflate:
-        ok &= TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE) == 1;
-        ok &= TIFFSetField(t, TIFFTAG_ZIPQUALITY, 6) == 1;
-        break;
-    case Compression::G4:
-        ok &= TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_CCITTFAX4) == 1;
-        break;
-    }
-
-    double xdpi = page.xdpi > 0 ? page.xdpi : 300;
-    double ydpi = page.ydpi > 0 ? page.ydpi : 300;
-    if (fax) {
-        xdpi = 204;
-        ydpi = m_options.fax == 1 ? 196 : 98;
-    }
-    ok &= TIFFSetField(t, TIFFTAG_RESOLUTIONUNIT, RESUNIT_INCH) == 1;
-    ok &= TIFFSetField(t, TIFFTAG_XRESOLUTION, static_cast<float>(xdpi)) == 1;
-    ok &= TIFFSetField(t, TIFFTAG_YRESOLUTION, static_cast<float>(ydpi)) == 1;
-    // The page total is unknown yet: finish() patches it into every page.
-    ok &= TIFFSetField(t, TIFFTAG_PAGENUMBER, static_cast<uint16_t>(m_pages), static_cast<uint16_t>(0)) == 1;
-    if (!m_options.software.empty())
-        ok &= TIFFSetField(t, TIFFTAG_SOFTWARE, m_options.software.c_str()) == 1;
-    if (fax) {
-        ok &= TIFFSetField(t, TIFFTAG_BADFAXLINES, static_cast<uint32_t>(0)) == 1;
-        ok &= TIFFSetField(t, TIFFTAG_CLEANFAXDATA, static_cast<uint16_t>(CLEANFAXDATA_CLEAN)) == 1;
-        ok &= TIFFSetField(t, TIFFTAG_CONSECUTIVEBADFAXLINES, static_cast<uint32_t>(0)) == 1;
-    }
-
     // Fax readers expect the whole page in one strip; elsewhere strips of about 64 KB.
     uint32_t rowsPerStrip = static_cast<uint32_t>(page.height);
     if (!fax) {
         const size_t perStrip = std::max<size_t>(1, (64 * 1024) / std::max<size_t>(1, rowBytes));
         rowsPerStrip = static_cast<uint32_t>(std::min<size_t>(perStrip, static_cast<size_t>(page.height)));
     }
-    ok &= TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, rowsPerStrip) == 1;
-    if (!ok)
+    // The page's tags, on the file and on the handles that compress its strips.
+    auto setTags = [&](TIFF* t) {
+        bool ok = true;
+        ok &= TIFFSetField(t, TIFFTAG_SUBFILETYPE, FILETYPE_PAGE) == 1;
+        ok &= TIFFSetField(t, TIFFTAG_IMAGEWIDTH, static_cast<uint32_t>(page.width)) == 1;
+        ok &= TIFFSetField(t, TIFFTAG_IMAGELENGTH, static_cast<uint32_t>(page.height)) == 1;
+        ok &= TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, bits) == 1;
+        ok &= TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, samples) == 1;
+        ok &= TIFFSetField(t, TIFFTAG_PHOTOMETRIC, photometric) == 1;
+        ok &= TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG) == 1;
+        ok &= TIFFSetField(t, TIFFTAG_FILLORDER, FILLORDER_MSB2LSB) == 1;
+        ok &= TIFFSetField(t, TIFFTAG_ORIENTATION, ORIENTATION_TOPLEFT) == 1;
+
+        switch (comp) {
+        case Compression::None:
+            ok &= TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_NONE) == 1;
+            break;
+        case Compression::PackBits:
+            ok &= TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_PACKBITS) == 1;
+            break;
+        case Compression::Lzw:
+            ok &= TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_LZW) == 1;
+            break;
+        case Compression::LzwPredictor:
+            ok &= TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_LZW) == 1;
+            // The horizontal predictor works on whole samples; 1-bit rows go without it.
+            if (bits == 8)
+                ok &= TIFFSetField(t, TIFFTAG_PREDICTOR, PREDICTOR_HORIZONTAL) == 1;
+            break;
+        case Compression::G3OneD:
+            ok &= TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_CCITTFAX3) == 1;
+            ok &= TIFFSetField(t, TIFFTAG_GROUP3OPTIONS, static_cast<uint32_t>(GROUP3OPT_FILLBITS)) == 1;
+            break;
+        case Compression::G3TwoD:
+            ok &= TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_CCITTFAX3) == 1;
+            ok &= TIFFSetField(t, TIFFTAG_GROUP3OPTIONS,
+                               static_cast<uint32_t>(GROUP3OPT_2DENCODING | GROUP3OPT_FILLBITS)) == 1;
+            break;
+        case Compression::Deflate:
+            ok &= TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE) == 1;
+            ok &= TIFFSetField(t, TIFFTAG_ZIPQUALITY, 6) == 1;
+            break;
+        case Compression::G4:
+            ok &= TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_CCITTFAX4) == 1;
+            break;
+        }
+
+        double xdpi = page.xdpi > 0 ? page.xdpi : 300;
+        double ydpi = page.ydpi > 0 ? page.ydpi : 300;
+        if (fax) {
+            xdpi = 204;
+            ydpi = m_options.fax == 1 ? 196 : 98;
+        }
+        ok &= TIFFSetField(t, TIFFTAG_RESOLUTIONUNIT, RESUNIT_INCH) == 1;
+        ok &= TIFFSetField(t, TIFFTAG_XRESOLUTION, static_cast<float>(xdpi)) == 1;
+        ok &= TIFFSetField(t, TIFFTAG_YRESOLUTION, static_cast<float>(ydpi)) == 1;
+        // The page total is unknown yet: finish() patches it into every page.
+        ok &= TIFFSetField(t, TIFFTAG_PAGENUMBER, static_cast<uint16_t>(m_pages), static_cast<uint16_t>(0)) == 1;
+        if (!m_options.software.empty())
+            ok &= TIFFSetField(t, TIFFTAG_SOFTWARE, m_options.software.c_str()) == 1;
+        if (fax) {
+            ok &= TIFFSetField(t, TIFFTAG_BADFAXLINES, static_cast<uint32_t>(0)) == 1;
+            ok &= TIFFSetField(t, TIFFTAG_CLEANFAXDATA, static_cast<uint16_t>(CLEANFAXDATA_CLEAN)) == 1;
+            ok &= TIFFSetField(t, TIFFTAG_CONSECUTIVEBADFAXLINES, static_cast<uint32_t>(0)) == 1;
+        }
+
+        ok &= TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, rowsPerStrip) == 1;
+        return ok;
+    };
+    TIFF* t = m_tif;
+    if (!setTags(t))
         return fail(m_error.empty() ? "cannot set the TIFF tags" : m_error);
 
-    // libtiff may change the row buffer it is given (predictors work in place): pass a copy.
-    std::vector<uint8_t> row(rowBytes);
-    for (int y = 0; y < page.height; ++y) {
-        std::memcpy(row.data(), page.row(y), rowBytes);
-        if (TIFFWriteScanline(t, row.data(), static_cast<uint32_t>(y), 0) != 1)
-            return fail(m_error.empty() ? "cannot write the page" : m_error);
-    }
+    // The strips, compressed apart (see StripPipeline) and stored as they come, in order.
+    StripLayout layout;
+    layout.rowsPerStrip = rowsPerStrip;
+    layout.height = static_cast<uint32_t>(page.height);
+    layout.rowBytes = rowBytes;
+    layout.stride = page.stride;
+    layout.pixelBytes = samples;
+    layout.bilevel = bits == 1;
+    layout.width = page.width;
+    layout.inkTop = static_cast<uint32_t>(std::clamp(page.inkTop, 0, page.height));
+    layout.inkBottom = static_cast<uint32_t>(std::clamp(page.inkBottom, page.inkTop, page.height));
+    layout.blank = bits == 1 ? 0 : 255; // white: no bits set at 1 bit, 255 at 8 and 24
+    // Strips of one colour compress alike while everything that shapes them stays the same.
+    const uint64_t cacheKey = (uint64_t(static_cast<int>(comp)) << 56) ^ (uint64_t(fax ? 1 : 0) << 52) ^
+                              (uint64_t(page.format) << 48) ^ (uint64_t(rowsPerStrip) << 24) ^
+                              uint64_t(page.width);
+    const bool written = m_strips.run(layout, page.data.data(), cacheKey, setTags,
+        [&](uint32_t strip, const uint8_t* bytes, size_t n) {
+            return TIFFWriteRawStrip(t, strip, const_cast<uint8_t*>(bytes), static_cast<tmsize_t>(n)) ==
+                   static_cast<tmsize_t>(n);
+        });
+    if (!written)
+        return fail(m_error.empty() ? "cannot write the page" : m_error);
     if (TIFFWriteDirectory(t) != 1)
         return fail(m_error.empty() ? "cannot write the page" : m_error);
     ++m_pages;

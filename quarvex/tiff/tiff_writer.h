@@ -4,6 +4,7 @@
 // numbers are completed by finish(), which patches them in place once the total is known.
 
 #include "render/raster_device.h"
+#include "tiff/strip_encoder.h"
 
 #include <cstdint>
 #include <string>
@@ -54,6 +55,10 @@ public:
     // True when writing failed because the file outgrew the 4 GB of a classic TIFF file.
     bool tooLargeForClassicTiff() const { return m_tooLarge; }
     const std::string& error() const { return m_error; }
+    // The strips compressed and the strips of one colour reused so far.
+    const StripStats& stripStats() const { return m_strips.stats(); }
+    // Whether strips may be compressed on a second thread (the bytes are the same either way).
+    void setThreads(bool allowed) { m_strips.setThreads(allowed); }
 
 private:
     bool fail(const std::string& message);
@@ -67,6 +72,7 @@ private:
     bool m_failed = false;
     bool m_tooLarge = false;
     std::string m_error;
+    StripPipeline m_strips;
 };
 
 } // namespace qx::tiff

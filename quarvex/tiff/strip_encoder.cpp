@@ -1,0 +1,296 @@
+#include "tiff/strip_encoder.h"
+
+#include <tiffio.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstring>
+
+namespace qx::tiff {
+
+bool uniformStrip(const StripLayout& layout, const uint8_t* rows, uint32_t count, UniformKey& key) {
+    const size_t n = layout.rowBytes;
+    const size_t p = size_t(layout.pixelBytes);
+    // The bytes of a row that hold whole pixels only; a 1-bit row's last byte may hold fewer.
+    const size_t full = layout.bilevel ? size_t(layout.width) / 8 : n;
+    if (count == 0 || n == 0 || full < p)
+        return false;
+    // One colour: every pixel's bytes repeat the first pixel's (an overlapping compare).
+    if (full > p && std::memcmp(rows + p, rows, full - p) != 0)
+        return false;
+    for (uint32_t r = 1; r < count; ++r)
+        if (std::memcmp(rows + size_t(r) * layout.stride, rows, n) != 0)
+            return false;
+    key = UniformKey{};
+    key.rows = count;
+    std::memcpy(key.pixel, rows, p);
+    key.last = rows[n - 1];
+    return true;
+}
+
+// ---- the in-memory TIFF handle --------------------------------------------------------------
+
+// libtiff's file operations on a ScratchEncoder: writes go to the buffer being captured (the
+// compressed strip), everything else only moves the notional file position.
+struct ScratchIo {
+    static ScratchEncoder* self(thandle_t h) { return static_cast<ScratchEncoder*>(h); }
+    static tmsize_t read(thandle_t, void*, tmsize_t) { return 0; }
+    static tmsize_t write(thandle_t h, void* buf, tmsize_t n) {
+        ScratchEncoder* e = self(h);
+        if (e->m_capture) {
+            const auto* p = static_cast<const uint8_t*>(buf);
+            e->m_capture->insert(e->m_capture->end(), p, p + n);
+        }
+        e->m_offset += uint64_t(n);
+        e->m_size = std::max(e->m_size, e->m_offset);
+        return n;
+    }
+    static toff_t seek(thandle_t h, toff_t off, int whence) {
+        ScratchEncoder* e = self(h);
+        switch (whence) {
+        case SEEK_SET: e->m_offset = off; break;
+        case SEEK_CUR: e->m_offset += off; break;
+        case SEEK_END: e->m_offset = e->m_size + off; break;
+        default: break;
+        }
+        return e->m_offset;
+    }
+    static int close(thandle_t) { return 0; }
+    static toff_t size(thandle_t h) { return self(h)->m_size; }
+    static int map(thandle_t, void**, toff_t*) { return 0; }
+    static void unmap(thandle_t, void*, toff_t) {}
+    static int quiet(TIFF*, void*, const char*, const char*, va_list) { return 1; }
+};
+
+ScratchEncoder::~ScratchEncoder() { end(); }
+
+bool ScratchEncoder::begin(const std::function<bool(TIFF*)>& setTags) {
+    end();
+    m_offset = m_size = 0;
+    TIFFOpenOptions* opts = TIFFOpenOptionsAlloc();
+    TIFFOpenOptionsSetErrorHandlerExtR(opts, ScratchIo::quiet, nullptr);
+    TIFFOpenOptionsSetWarningHandlerExtR(opts, ScratchIo::quiet, nullptr);
+    m_tif = TIFFClientOpenExt("strip", "w", this, ScratchIo::read, ScratchIo::write, ScratchIo::seek,
+                              ScratchIo::close, ScratchIo::size, ScratchIo::map, ScratchIo::unmap, opts);
+    TIFFOpenOptionsFree(opts);
+    if (!m_tif)
+        return false;
+    // A small output buffer: the codec writes out whenever it fills, which changes nothing in
+    // the bytes and keeps the handle light.
+    if (!setTags(m_tif) || !TIFFWriteBufferSetup(m_tif, nullptr, 16 * 1024)) {
+        end();
+        return false;
+    }
+    return true;
+}
+
+bool ScratchEncoder::encode(const StripLayout& layout, uint32_t strip, const uint8_t* rows,
+                            std::vector<uint8_t>& out) {
+    if (!m_tif)
+        return false;
+    out.clear();
+    m_capture = &out;
+    m_row.resize(layout.rowBytes);
+    const uint32_t first = strip * layout.rowsPerStrip, count = layout.rowsIn(strip);
+    bool ok = true;
+    for (uint32_t r = 0; ok && r < count; ++r) {
+        // The codec may change the row it is given (predictors work in place): pass a copy.
+        std::memcpy(m_row.data(), rows + size_t(r) * layout.stride, layout.rowBytes);
+        ok = TIFFWriteScanline(m_tif, m_row.data(), first + r, 0) == 1;
+    }
+    // Ends the strip: the codec's last bytes are written, into out.
+    ok = ok && TIFFFlushData(m_tif) == 1;
+    m_capture = nullptr;
+    return ok && !out.empty();
+}
+
+void ScratchEncoder::end() {
+    if (m_tif) {
+        m_capture = nullptr;
+        TIFFClose(m_tif); // writes a directory nobody keeps
+        m_tif = nullptr;
+    }
+}
+
+// ---- the pipeline ---------------------------------------------------------------------------
+
+namespace {
+// Pages smaller than this are compressed on one thread: the helper's codec state and strips
+// would weigh on their peak memory, and handing strips over costs time.
+constexpr size_t kParallelBytes = size_t(8) << 20;
+// Strips compressed ahead of the one being written, at most.
+constexpr uint32_t kWindow = 4;
+// Strips of one colour remembered (white, and the few colours a page is filled with).
+constexpr size_t kCacheEntries = 16;
+} // namespace
+
+StripPipeline::StripPipeline() : m_slots(kWindow) {
+    m_threadsAllowed = std::thread::hardware_concurrency() > 1;
+}
+
+StripPipeline::~StripPipeline() {
+    if (m_helper.joinable()) {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_quit = true;
+        }
+        m_wake.notify_all();
+        m_helper.join();
+    }
+}
+
+const std::vector<uint8_t>* StripPipeline::cached(const UniformKey& key) const {
+    for (const Cached& c : m_cache)
+        if (c.key == key)
+            return &c.bytes;
+    return nullptr;
+}
+
+// Compresses one strip into slot (or takes its bytes from the cache). Called on either thread,
+// without the lock held; takes it for the cache and the counts.
+bool StripPipeline::encodeInto(ScratchEncoder& enc, bool& begun, uint32_t strip, Slot& slot) {
+    const StripLayout& layout = *m_layout;
+    const uint8_t* rows = m_data + size_t(strip) * layout.rowsPerStrip * layout.stride;
+    const uint32_t count = layout.rowsIn(strip);
+    UniformKey key;
+    const uint32_t first = strip * layout.rowsPerStrip;
+    bool uniform;
+    if (first >= layout.inkBottom || first + count <= layout.inkTop) {
+        // Nothing was drawn here: blank, without looking.
+        key.rows = count;
+        std::memset(key.pixel, layout.blank, size_t(layout.pixelBytes)); // as uniformStrip keys it
+        key.last = layout.blank;
+        uniform = true;
+    } else {
+        uniform = uniformStrip(layout, rows, count, key);
+    }
+    if (uniform) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (const auto* bytes = cached(key)) {
+            slot.bytes = *bytes;
+            ++m_stats.stripsReused;
+            return true;
+        }
+    }
+    if (!begun) {
+        if (!enc.begin(*m_setTags))
+            return false;
+        begun = true;
+    }
+    if (!enc.encode(layout, strip, rows, slot.bytes))
+        return false;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_stats.stripsEncoded;
+    m_stats.bytesEncoded += uint64_t(count) * layout.rowBytes;
+    if (uniform && !cached(key) && m_cache.size() < kCacheEntries)
+        m_cache.push_back({key, slot.bytes});
+    return true;
+}
+
+void StripPipeline::helperLoop() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    uint64_t page = 0;
+    bool begun = false;
+    for (;;) {
+        m_wake.wait(lock, [&] {
+            return m_quit || (m_layout && m_next < m_layout->strips() && m_next < m_written + kWindow);
+        });
+        if (m_quit)
+            return;
+        if (page != m_page) {
+            page = m_page;
+            begun = false; // the page's first strip here starts the encoder anew
+        }
+        const uint32_t strip = m_next++;
+        Slot& slot = m_slots[strip % kWindow];
+        m_helperBusy = true;
+        lock.unlock();
+        Slot done;
+        done.strip = strip;
+        done.bytes.swap(slot.bytes);
+        done.ok = encodeInto(m_theirs, begun, strip, done);
+        lock.lock();
+        slot.bytes.swap(done.bytes);
+        slot.strip = strip;
+        slot.ok = done.ok;
+        slot.ready = true;
+        m_helperBusy = false;
+        m_done.notify_all();
+    }
+}
+
+bool StripPipeline::run(const StripLayout& layout, const uint8_t* data, uint64_t cacheKey,
+                        const std::function<bool(TIFF*)>& setTags,
+                        const std::function<bool(uint32_t, const uint8_t*, size_t)>& put) {
+    if (cacheKey != m_cacheKey) {
+        m_cache.clear();
+        m_cacheKey = cacheKey;
+    }
+    const uint32_t n = layout.strips();
+    const bool parallel = m_threadsAllowed && n >= 4 && size_t(layout.height) * layout.rowBytes >= kParallelBytes;
+    bool mineBegun = false;
+    bool ok = true;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_layout = &layout;
+        m_data = data;
+        m_setTags = &setTags;
+        m_next = 0;
+        m_written = 0;
+        ++m_page;
+        for (Slot& s : m_slots)
+            s.ready = false;
+    }
+    if (!parallel) {
+        Slot& slot = m_slots[0];
+        for (uint32_t s = 0; ok && s < n; ++s) {
+            ok = encodeInto(m_mine, mineBegun, s, slot) && put(s, slot.bytes.data(), slot.bytes.size());
+        }
+    } else {
+        if (!m_helper.joinable())
+            m_helper = std::thread([this] { helperLoop(); });
+        m_wake.notify_all();
+        std::unique_lock<std::mutex> lock(m_mutex);
+        while (ok && m_written < n) {
+            Slot& head = m_slots[m_written % kWindow];
+            if (head.ready && head.strip == m_written) {
+                // Hand the next strip over, in order, outside the lock.
+                head.ready = false;
+                lock.unlock();
+                ok = head.ok && put(m_written, head.bytes.data(), head.bytes.size());
+                lock.lock();
+                ++m_written;
+                m_wake.notify_all();
+                continue;
+            }
+            if (m_next < n && m_next < m_written + kWindow) {
+                const uint32_t strip = m_next++;
+                Slot& slot = m_slots[strip % kWindow];
+                lock.unlock();
+                const bool done = encodeInto(m_mine, mineBegun, strip, slot);
+                lock.lock();
+                slot.strip = strip;
+                slot.ok = done;
+                slot.ready = true;
+                continue;
+            }
+            m_done.wait(lock);
+        }
+        // Stop handing out strips and wait for the helper to put down the one it has.
+        m_next = n;
+        m_done.wait(lock, [&] { return !m_helperBusy; });
+        m_layout = nullptr;
+        lock.unlock();
+        m_theirs.end();
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_layout = nullptr;
+        m_data = nullptr;
+        m_setTags = nullptr;
+    }
+    m_mine.end();
+    return ok;
+}
+
+} // namespace qx::tiff

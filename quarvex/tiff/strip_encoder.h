@@ -1,0 +1,136 @@
+#pragma once
+// Compression of a page's strips apart from the file they go into, so that the TIFF writer can
+// compress two strips at once (on two cores) and compress a strip that is all one value only
+// once: such a strip gives the same bytes wherever it comes. Each strip is compressed by
+// libtiff's own codec, fed row by row exactly as a file written row by row feeds it, so the
+// bytes are the ones libtiff would have put into the file; the writer then stores them as they
+// are.
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+typedef struct tiff TIFF;
+
+namespace qx::tiff {
+
+// The layout of one page's strips: tags are set on every TIFF handle that takes part.
+struct StripLayout {
+    uint32_t rowsPerStrip = 1;
+    uint32_t height = 0;
+    size_t rowBytes = 0;   // bytes of one row in the file
+    size_t stride = 0;     // bytes of one row in memory
+    int pixelBytes = 1;    // bytes that repeat in a row of one colour: 3 for RGB, else 1
+    bool bilevel = false;  // 1-bit rows: the last byte may hold fewer pixels
+    int width = 0;
+    // Rows outside [inkTop, inkBottom) are known to be blank: every byte is `blank`.
+    uint32_t inkTop = 0, inkBottom = UINT32_MAX;
+    uint8_t blank = 0;
+    uint32_t strips() const { return (height + rowsPerStrip - 1) / rowsPerStrip; }
+    uint32_t rowsIn(uint32_t strip) const {
+        const uint32_t first = strip * rowsPerStrip;
+        return first + rowsPerStrip <= height ? rowsPerStrip : height - first;
+    }
+};
+
+// Whether every row of a strip is the same row of one colour; if so, key describes it.
+struct UniformKey {
+    uint32_t rows = 0;
+    uint8_t pixel[3] = {0, 0, 0};
+    uint8_t last = 0; // the last byte of a row (a 1-bit row's part byte)
+    bool operator==(const UniformKey&) const = default;
+};
+bool uniformStrip(const StripLayout& layout, const uint8_t* rows, uint32_t count, UniformKey& key);
+
+// Counts of the work done, for tests and benchmarks.
+struct StripStats {
+    uint64_t stripsEncoded = 0; // strips run through a codec
+    uint64_t stripsReused = 0;  // strips of one colour whose bytes were compressed before
+    uint64_t bytesEncoded = 0;  // uncompressed bytes run through a codec
+};
+
+// One in-memory TIFF handle that compresses strips with the tags of the page being written.
+class ScratchEncoder {
+public:
+    ScratchEncoder() = default;
+    ~ScratchEncoder();
+    ScratchEncoder(const ScratchEncoder&) = delete;
+    ScratchEncoder& operator=(const ScratchEncoder&) = delete;
+
+    // Starts a page: setTags(handle) sets the page's tags. false: libtiff refused.
+    bool begin(const std::function<bool(TIFF*)>& setTags);
+    // Compresses strip number strip (rows of layout.stride bytes) into out. false on failure.
+    bool encode(const StripLayout& layout, uint32_t strip, const uint8_t* rows, std::vector<uint8_t>& out);
+    void end();
+
+private:
+    friend struct ScratchIo;
+    TIFF* m_tif = nullptr;
+    std::vector<uint8_t>* m_capture = nullptr;
+    uint64_t m_offset = 0, m_size = 0;
+    std::vector<uint8_t> m_row;
+};
+
+// Compresses the strips of a page, on this thread and one helper thread when the page is large
+// enough to be worth it, and hands them over in order; strips of one colour come from a cache.
+class StripPipeline {
+public:
+    StripPipeline();
+    ~StripPipeline();
+    StripPipeline(const StripPipeline&) = delete;
+    StripPipeline& operator=(const StripPipeline&) = delete;
+
+    // Compresses every strip of the page and calls put(strip, bytes, size) for each, in order.
+    // cacheKey identifies the compression and tags (strips of one colour are reused while it
+    // stays the same). false: a strip could not be compressed or put() failed.
+    bool run(const StripLayout& layout, const uint8_t* data, uint64_t cacheKey,
+             const std::function<bool(TIFF*)>& setTags,
+             const std::function<bool(uint32_t, const uint8_t*, size_t)>& put);
+
+    const StripStats& stats() const { return m_stats; }
+    // Whether a helper thread may be used (on by default where there are two cores or more).
+    void setThreads(bool allowed) { m_threadsAllowed = allowed; }
+
+private:
+    struct Slot {
+        uint32_t strip = 0;
+        bool ready = false;
+        bool ok = true;
+        std::vector<uint8_t> bytes;
+    };
+    struct Cached {
+        UniformKey key;
+        std::vector<uint8_t> bytes;
+    };
+    void helperLoop();
+    bool encodeInto(ScratchEncoder& enc, bool& begun, uint32_t strip, Slot& slot);
+    const std::vector<uint8_t>* cached(const UniformKey& key) const;
+
+    StripStats m_stats;
+    bool m_threadsAllowed = true;
+    uint64_t m_cacheKey = ~uint64_t(0);
+    std::vector<Cached> m_cache;
+    ScratchEncoder m_mine;
+
+    // The page being compressed, shared with the helper thread.
+    std::thread m_helper;
+    std::mutex m_mutex;
+    std::condition_variable m_wake, m_done;
+    bool m_quit = false;
+    uint64_t m_page = 0; // counts pages, so the helper knows a new one has come
+    const StripLayout* m_layout = nullptr;
+    const uint8_t* m_data = nullptr;
+    const std::function<bool(TIFF*)>* m_setTags = nullptr;
+    uint32_t m_next = 0;    // the next strip nobody has taken
+    uint32_t m_written = 0; // strips handed over so far
+    bool m_helperBusy = false;
+    std::vector<Slot> m_slots; // a window of strips in flight, by strip % size
+    std::vector<uint8_t> m_uniform; // per strip: 1 = one colour, found in the cache
+    ScratchEncoder m_theirs;
+};
+
+} // namespace qx::tiff
