@@ -8,6 +8,7 @@
 #include "../pclxl/xl_writer.h"
 #include "common/diagnostics.h"
 #include "common/ink_score.h"
+#include "common/render_job.h"
 #include "fonts/font_library.h"
 #include "pcl5/pcl5.h"
 #include "pclxl/pclxl.h"
@@ -174,18 +175,11 @@ struct Pages : PageSink {
     }
 };
 
-using Interpret = size_t (*)(const uint8_t*, size_t, JobContext&);
-
-Bitmap render(const std::vector<uint8_t>& job, Interpret interpret, double dpi, const FontLibrary* fonts,
+Bitmap render(const std::vector<uint8_t>& job, qxtest::Interpret interpret, double dpi, const FontLibrary* fonts,
               std::string& warnings) {
     Pages sink;
-    RasterOptions o;
-    o.depth = 1;
-    o.dpiX = o.dpiY = dpi;
-    RasterDevice dev(o, sink);
     Diagnostics diag("glyphs", false);
-    JobContext ctx{dev, diag, fonts, {}};
-    interpret(job.data(), job.size(), ctx);
+    qxtest::renderJob(interpret, job.data(), job.size(), 1, dpi, fonts, sink, diag);
     for (const std::string& l : diag.lines())
         warnings += l + "\n";
     return sink.pages.size() == 1 ? fromPage(sink.pages[0]) : Bitmap{};

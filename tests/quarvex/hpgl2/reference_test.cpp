@@ -8,6 +8,7 @@
 #include "common/diagnostics.h"
 #include "common/ink_score.h"
 #include "common/job.h"
+#include "common/render_job.h"
 #include "fonts/font_library.h"
 #include "pcl5/pcl5.h"
 #include "render/raster_device.h"
@@ -98,13 +99,9 @@ TEST(Hpgl2Reference, PlotutilsPlotsMatchTheirPostScript) {
         const Grey ref = readPgm((dir / "hpgl2" / (name + ".ref.pgm")).string());
         ASSERT_GT(ref.width, 0);
         PageGrabber sink;
-        RasterOptions options;
-        options.depth = 8;
-        options.dpiX = options.dpiY = dpi;
-        RasterDevice dev(options, sink);
         Diagnostics diag(name, false);
-        JobContext ctx{dev, diag, &fonts(), {}};
-        pcl5::run(reinterpret_cast<const uint8_t*>(job.data()), job.size(), ctx);
+        qxtest::renderJob(pcl5::run, reinterpret_cast<const uint8_t*>(job.data()), job.size(), 8, dpi, &fonts(),
+                          sink, diag);
         ASSERT_EQ(sink.pages.size(), 1u);
         const Grey& page = sink.pages[0];
         ASSERT_EQ(page.width, ref.width);

@@ -11,6 +11,7 @@
 
 #include "common/diagnostics.h"
 #include "common/ink_score.h"
+#include "common/render_job.h"
 #include "fonts/font_library.h"
 #include "render/raster_device.h"
 
@@ -70,13 +71,8 @@ std::vector<Bitmap> renderJob(const std::string& path, double dpi = 300) {
     const std::string job{std::istreambuf_iterator<char>(in), {}};
     static FontLibrary fonts({std::string(QX_STAGE_DIR) + "/fonts"}, false);
     Pages sink;
-    RasterOptions opt;
-    opt.depth = 1;
-    opt.dpiX = opt.dpiY = dpi;
-    RasterDevice dev(opt, sink);
     Diagnostics diag(path, false);
-    JobContext ctx{dev, diag, &fonts, {}};
-    pcl5::run(reinterpret_cast<const uint8_t*>(job.data()), job.size(), ctx);
+    qxtest::renderJob(pcl5::run, reinterpret_cast<const uint8_t*>(job.data()), job.size(), 1, dpi, &fonts, sink, diag);
     return std::move(sink.pages);
 }
 
