@@ -7,6 +7,8 @@
 // advance widths as the ones named, and the metafiles place each character, so what differs is
 // glyph outline detail and edge rounding.
 
+#include "common/ink_score.h"
+
 #include <gtest/gtest.h>
 
 #include <tiffio.h>
@@ -28,10 +30,7 @@ namespace {
 const fs::path kData = fs::path(EMF_TEST_DATA);
 const std::string kQuarvex = std::string(QX_STAGE_DIR) + "/bin/quarvex";
 
-struct InkPage {
-    int width = 0, height = 0;
-    std::vector<uint8_t> ink; // 1 = ink
-};
+using InkPage = qxtest::InkMask;
 
 // Every page of a TIFF as ink: 1-bit pages as they are, 8-bit grey below 128.
 std::vector<InkPage> readInk(const fs::path& path) {
@@ -48,10 +47,7 @@ std::vector<InkPage> readInk(const fs::path& path) {
         TIFFGetFieldDefaulted(tif, TIFFTAG_BITSPERSAMPLE, &bps);
         TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLESPERPIXEL, &spp);
         TIFFGetField(tif, TIFFTAG_PHOTOMETRIC, &photometric);
-        InkPage page;
-        page.width = int(w);
-        page.height = int(h);
-        page.ink.assign(size_t(w) * h, 0);
+        InkPage page{int(w), int(h)};
         std::vector<uint8_t> row(size_t(TIFFScanlineSize(tif)));
         for (uint32_t y = 0; y < h; ++y) {
             if (TIFFReadScanline(tif, row.data(), y) < 0)
@@ -74,30 +70,6 @@ std::vector<InkPage> readInk(const fs::path& path) {
     } while (TIFFReadDirectory(tif));
     TIFFClose(tif);
     return pages;
-}
-
-// Share of a's ink that has b's ink within one pixel.
-double covered(const InkPage& a, const InkPage& b) {
-    size_t total = 0, hit = 0;
-    for (int y = 0; y < a.height; ++y)
-        for (int x = 0; x < a.width; ++x) {
-            if (!a.ink[size_t(y) * a.width + x])
-                continue;
-            ++total;
-            bool near = false;
-            for (int dy = -1; dy <= 1 && !near; ++dy)
-                for (int dx = -1; dx <= 1 && !near; ++dx) {
-                    const int xx = x + dx, yy = y + dy;
-                    near = xx >= 0 && yy >= 0 && xx < b.width && yy < b.height && b.ink[size_t(yy) * b.width + xx];
-                }
-            hit += near;
-        }
-    return total ? double(hit) / double(total) : 1.0;
-}
-
-double fScore(const InkPage& ours, const InkPage& ref) {
-    const double precision = covered(ours, ref), recall = covered(ref, ours);
-    return precision + recall > 0 ? 2 * precision * recall / (precision + recall) : 0;
 }
 
 fs::path scratchRoot() { return fs::temp_directory_path() / ("qx_emf_files_" + std::to_string(::getpid())); }
@@ -145,7 +117,7 @@ void compareAll(const fs::path& input, const fs::path& reference, size_t expecte
     for (size_t i = 0; i < ours.size(); ++i) {
         EXPECT_NEAR(ours[i].width, ref[i].width, 2) << "page " << i + 1;
         EXPECT_NEAR(ours[i].height, ref[i].height, 2) << "page " << i + 1;
-        const double f = fScore(ours[i], ref[i]);
+        const double f = qxtest::inkFScore(ours[i], ref[i], 1.0); // two blank pages agree
         std::printf("%s page %zu: ink F-score %.4f\n", input.filename().c_str(), i + 1, f);
         EXPECT_GE(f, 0.9) << input << " page " << i + 1;
     }

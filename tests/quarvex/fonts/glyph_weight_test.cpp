@@ -7,6 +7,8 @@
 
 #include "../pclxl/xl_writer.h"
 #include "common/diagnostics.h"
+#include "common/ink_score.h"
+#include "common/render_job.h"
 #include "fonts/font_library.h"
 #include "pcl5/pcl5.h"
 #include "pclxl/pclxl.h"
@@ -75,18 +77,12 @@ std::string simpleCharacters(const TrueTypeSource& src) {
     return out;
 }
 
-// A one-bit page, 1 = ink.
-struct Bitmap {
-    int width = 0, height = 0;
-    std::vector<uint8_t> ink;
-    bool at(int x, int y) const { return x >= 0 && y >= 0 && x < width && y < height && ink[size_t(y) * width + x]; }
-};
+using Bitmap = qxtest::InkMask;
 
 Bitmap fromPage(const RasterPage& p) {
-    Bitmap b{p.width, p.height, std::vector<uint8_t>(size_t(p.width) * p.height)};
+    Bitmap b(p.width, p.height);
     for (int y = 0; y < p.height; ++y)
-        for (int x = 0; x < p.width; ++x)
-            b.ink[size_t(y) * p.width + x] = (p.row(y)[x >> 3] >> (7 - (x & 7))) & 1;
+        qxtest::unpackInkBits(p.row(y), p.width, b.row(y));
     return b;
 }
 
@@ -105,8 +101,7 @@ Bitmap readPbm(const fs::path& path) {
     std::vector<uint8_t> row(stride);
     b.ink.assign(size_t(b.width) * b.height, 0);
     for (int y = 0; y < b.height && f.read(reinterpret_cast<char*>(row.data()), long(stride)); ++y)
-        for (int x = 0; x < b.width; ++x)
-            b.ink[size_t(y) * b.width + x] = (row[x >> 3] >> (7 - (x & 7))) & 1;
+        qxtest::unpackInkBits(row.data(), b.width, b.row(y));
     return b;
 }
 
@@ -180,18 +175,11 @@ struct Pages : PageSink {
     }
 };
 
-using Interpret = size_t (*)(const uint8_t*, size_t, JobContext&);
-
-Bitmap render(const std::vector<uint8_t>& job, Interpret interpret, double dpi, const FontLibrary* fonts,
+Bitmap render(const std::vector<uint8_t>& job, qxtest::Interpret interpret, double dpi, const FontLibrary* fonts,
               std::string& warnings) {
     Pages sink;
-    RasterOptions o;
-    o.depth = 1;
-    o.dpiX = o.dpiY = dpi;
-    RasterDevice dev(o, sink);
     Diagnostics diag("glyphs", false);
-    JobContext ctx{dev, diag, fonts, {}};
-    interpret(job.data(), job.size(), ctx);
+    qxtest::renderJob(interpret, job.data(), job.size(), 1, dpi, fonts, sink, diag);
     for (const std::string& l : diag.lines())
         warnings += l + "\n";
     return sink.pages.size() == 1 ? fromPage(sink.pages[0]) : Bitmap{};
@@ -211,22 +199,6 @@ struct Comparison {
     }
 };
 
-// Ink of a that lies within one pixel of ink of b.
-long near(const Bitmap& a, const Bitmap& b, int x0, int y0, int x1, int y1) {
-    long n = 0;
-    for (int y = y0; y < y1; ++y)
-        for (int x = x0; x < x1; ++x) {
-            if (!a.at(x, y))
-                continue;
-            bool hit = false;
-            for (int dy = -1; dy <= 1 && !hit; ++dy)
-                for (int dx = -1; dx <= 1 && !hit; ++dx)
-                    hit = b.at(x + dx, y + dy);
-            n += hit;
-        }
-    return n;
-}
-
 Comparison compare(const Bitmap& ours, const Bitmap& ref, const std::vector<Placed>& glyphs, double dpi,
                    double leftOffsetUnits) {
     Comparison c;
@@ -236,18 +208,14 @@ Comparison compare(const Bitmap& ours, const Bitmap& ref, const std::vector<Plac
         const int x1 = int(std::floor((leftOffsetUnits + g.x + kCell * 3 / 4) * px));
         const int y0 = int(std::floor((g.y - kCell * 3 / 4) * px));
         const int y1 = int(std::floor((g.y + kCell / 4) * px));
-        long a = 0, b = 0;
         for (int y = y0; y < y1; ++y)
-            for (int x = x0; x < x1; ++x) {
-                a += ours.at(x, y);
-                b += ref.at(x, y);
+            for (int x = x0; x < x1; ++x)
                 c.differing += ours.at(x, y) != ref.at(x, y);
-            }
-        c.inkOurs += a;
-        c.inkRef += b;
-        const double precision = a ? double(near(ours, ref, x0, y0, x1, y1)) / double(a) : 0;
-        const double recall = b ? double(near(ref, ours, x0, y0, x1, y1)) / double(b) : 0;
-        const double f = precision + recall > 0 ? 2 * precision * recall / (precision + recall) : 0;
+        const qxtest::InkMatch a = qxtest::matchInk(ours, ref, x0, y0, x1, y1);
+        const qxtest::InkMatch b = qxtest::matchInk(ref, ours, x0, y0, x1, y1);
+        c.inkOurs += a.ink;
+        c.inkRef += b.ink;
+        const double f = qxtest::inkFScore(a, b);
         if (f < c.worstF) {
             c.worstF = f;
             c.worst = std::string(1, g.c) + " at " + std::to_string(int(g.size)) + " pt";

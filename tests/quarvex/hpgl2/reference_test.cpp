@@ -6,13 +6,16 @@
 // shift (both sides are placed on the Letter page by the producer itself).
 
 #include "common/diagnostics.h"
+#include "common/ink_score.h"
 #include "common/job.h"
+#include "common/render_job.h"
 #include "fonts/font_library.h"
 #include "pcl5/pcl5.h"
 #include "render/raster_device.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -30,16 +33,8 @@ namespace {
 struct Grey {
     int width = 0, height = 0;
     std::vector<uint8_t> pixels;
-    bool ink(int x, int y) const { return pixels[size_t(y) * width + x] < 200; }
-    bool inkNear(int x, int y) const {
-        for (int dy = -1; dy <= 1; ++dy)
-            for (int dx = -1; dx <= 1; ++dx) {
-                const int nx = x + dx, ny = y + dy;
-                if (nx >= 0 && ny >= 0 && nx < width && ny < height && ink(nx, ny))
-                    return true;
-            }
-        return false;
-    }
+    // Ink is darker than 200.
+    qxtest::InkMask ink() const { return qxtest::inkOfGrey(pixels.data(), width, height, size_t(width), 200); }
 };
 
 Grey readPgm(const std::string& path) {
@@ -80,26 +75,6 @@ struct PageGrabber : PageSink {
     }
 };
 
-// F-score of a's ink against b's, each pixel matched by ink within one pixel on the other side.
-double inkFScore(const Grey& a, const Grey& b) {
-    size_t na = 0, nb = 0, aMatched = 0, bMatched = 0;
-    for (int y = 0; y < a.height; ++y)
-        for (int x = 0; x < a.width; ++x) {
-            if (a.ink(x, y)) {
-                ++na;
-                aMatched += b.inkNear(x, y);
-            }
-            if (b.ink(x, y)) {
-                ++nb;
-                bMatched += a.inkNear(x, y);
-            }
-        }
-    if (na == 0 || nb == 0)
-        return 0;
-    const double precision = double(aMatched) / na, recall = double(bMatched) / nb;
-    return precision + recall > 0 ? 2 * precision * recall / (precision + recall) : 0;
-}
-
 const FontLibrary& fonts() {
     static FontLibrary lib({std::string(QX_STAGE_DIR) + "/fonts"}, false);
     return lib;
@@ -124,19 +99,17 @@ TEST(Hpgl2Reference, PlotutilsPlotsMatchTheirPostScript) {
         const Grey ref = readPgm((dir / "hpgl2" / (name + ".ref.pgm")).string());
         ASSERT_GT(ref.width, 0);
         PageGrabber sink;
-        RasterOptions options;
-        options.depth = 8;
-        options.dpiX = options.dpiY = dpi;
-        RasterDevice dev(options, sink);
         Diagnostics diag(name, false);
-        JobContext ctx{dev, diag, &fonts(), {}};
-        pcl5::run(reinterpret_cast<const uint8_t*>(job.data()), job.size(), ctx);
+        qxtest::renderJob(pcl5::run, reinterpret_cast<const uint8_t*>(job.data()), job.size(), 8, dpi, &fonts(),
+                          sink, diag);
         ASSERT_EQ(sink.pages.size(), 1u);
         const Grey& page = sink.pages[0];
         ASSERT_EQ(page.width, ref.width);
         ASSERT_EQ(page.height, ref.height);
         EXPECT_GE(floor, 0.89);
-        EXPECT_GE(inkFScore(page, ref), floor);
+        const double f = qxtest::inkFScore(page.ink(), ref.ink());
+        std::printf("%s: ink F-score %.4f (floor %.2f)\n", name.c_str(), f, floor);
+        EXPECT_GE(f, floor);
     }
     EXPECT_GE(pairs, 3);
     std::filesystem::remove_all(dir);

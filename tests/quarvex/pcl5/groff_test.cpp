@@ -10,6 +10,8 @@
 #include "pcl5/pcl5.h"
 
 #include "common/diagnostics.h"
+#include "common/ink_score.h"
+#include "common/render_job.h"
 #include "fonts/font_library.h"
 #include "render/raster_device.h"
 
@@ -28,14 +30,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Ink of one page, one byte a pixel (1 = ink).
-struct Bitmap {
-    int width = 0, height = 0;
-    std::vector<uint8_t> ink;
-    uint8_t at(int x, int y) const {
-        return x >= 0 && y >= 0 && x < width && y < height ? ink[static_cast<size_t>(y) * width + x] : 0;
-    }
-};
+using Bitmap = qxtest::InkMask;
 
 std::vector<Bitmap> readTiff(const std::string& path) {
     std::vector<Bitmap> pages;
@@ -48,17 +43,11 @@ std::vector<Bitmap> readTiff(const std::string& path) {
         TIFFGetField(tif, TIFFTAG_IMAGEWIDTH, &w);
         TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &h);
         TIFFGetField(tif, TIFFTAG_PHOTOMETRIC, &photometric);
-        Bitmap b;
-        b.width = static_cast<int>(w);
-        b.height = static_cast<int>(h);
-        b.ink.resize(static_cast<size_t>(w) * h);
+        Bitmap b(static_cast<int>(w), static_cast<int>(h));
         std::vector<uint8_t> row(TIFFScanlineSize(tif));
         for (uint32_t y = 0; y < h; ++y) {
             TIFFReadScanline(tif, row.data(), y);
-            for (uint32_t x = 0; x < w; ++x) {
-                const bool bit = (row[x / 8] >> (7 - x % 8)) & 1;
-                b.ink[static_cast<size_t>(y) * w + x] = photometric == PHOTOMETRIC_MINISWHITE ? bit : !bit;
-            }
+            qxtest::unpackInkBits(row.data(), b.width, b.row(int(y)), photometric == PHOTOMETRIC_MINISWHITE);
         }
         pages.push_back(std::move(b));
     } while (TIFFReadDirectory(tif));
@@ -69,13 +58,9 @@ std::vector<Bitmap> readTiff(const std::string& path) {
 struct Pages : PageSink {
     std::vector<Bitmap> pages;
     bool writePage(const RasterPage& p) override {
-        Bitmap b;
-        b.width = p.width;
-        b.height = p.height;
-        b.ink.resize(static_cast<size_t>(p.width) * p.height);
+        Bitmap b(p.width, p.height);
         for (int y = 0; y < p.height; ++y)
-            for (int x = 0; x < p.width; ++x)
-                b.ink[static_cast<size_t>(y) * p.width + x] = (p.row(y)[x / 8] >> (7 - x % 8)) & 1;
+            qxtest::unpackInkBits(p.row(y), p.width, b.row(y));
         pages.push_back(std::move(b));
         return true;
     }
@@ -86,41 +71,9 @@ std::vector<Bitmap> renderJob(const std::string& path, double dpi = 300) {
     const std::string job{std::istreambuf_iterator<char>(in), {}};
     static FontLibrary fonts({std::string(QX_STAGE_DIR) + "/fonts"}, false);
     Pages sink;
-    RasterOptions opt;
-    opt.depth = 1;
-    opt.dpiX = opt.dpiY = dpi;
-    RasterDevice dev(opt, sink);
     Diagnostics diag(path, false);
-    JobContext ctx{dev, diag, &fonts, {}};
-    pcl5::run(reinterpret_cast<const uint8_t*>(job.data()), job.size(), ctx);
+    qxtest::renderJob(pcl5::run, reinterpret_cast<const uint8_t*>(job.data()), job.size(), 1, dpi, &fonts, sink, diag);
     return std::move(sink.pages);
-}
-
-// The share of a's ink that has b's ink within one pixel.
-double matched(const Bitmap& a, const Bitmap& b, long& total) {
-    long hit = 0;
-    total = 0;
-    for (int y = 0; y < a.height; ++y)
-        for (int x = 0; x < a.width; ++x) {
-            if (!a.at(x, y))
-                continue;
-            ++total;
-            bool near = false;
-            for (int dy = -1; dy <= 1 && !near; ++dy)
-                for (int dx = -1; dx <= 1 && !near; ++dx)
-                    near = b.at(x + dx, y + dy);
-            hit += near;
-        }
-    return total ? static_cast<double>(hit) / total : 1.0;
-}
-
-double inkFScore(const Bitmap& engine, const Bitmap& reference) {
-    long ne = 0, nr = 0;
-    const double precision = matched(engine, reference, ne);
-    const double recall = matched(reference, engine, nr);
-    if (ne == 0 && nr == 0)
-        return 1.0;
-    return precision + recall > 0 ? 2 * precision * recall / (precision + recall) : 0.0;
 }
 
 } // namespace
@@ -134,7 +87,7 @@ void expectPagesMatch(const std::string& job, const std::string& reference, doub
     for (size_t i = 0; i < got.size(); ++i) {
         EXPECT_EQ(got[i].width, want[i].width) << job << " page " << i + 1;
         EXPECT_EQ(got[i].height, want[i].height) << job << " page " << i + 1;
-        const double f = inkFScore(got[i], want[i]);
+        const double f = qxtest::inkFScore(got[i], want[i], 1.0); // two blank pages agree
         EXPECT_GE(f, 0.9) << job << " page " << i + 1 << " at " << dpi << " dpi";
         std::printf("%s page %zu at %g dpi: ink F-score %.4f\n", fs::path(job).stem().c_str(), i + 1, dpi, f);
     }
