@@ -118,6 +118,8 @@ triage() { # TARGET CRASH-DIR
         END { for (k in n) printf "  %4d  %s\t%s\n", n[k], k, ex[k] }' | sort -rn
 }
 
+passed=0
+failed=0
 for t in "${built[@]}"; do
     dict=
     case $t in
@@ -139,11 +141,16 @@ for t in "${built[@]}"; do
     after=$(find "$crashes" -type f | wc -l)
     grep -E '^#[0-9]+: cov:' "$BUILD/runs/$t.log" | tail -1
     if [ "$after" -gt "$before" ] || [ $rc -ne 0 ]; then
+        failed=$((failed + 1))
         [ $status -eq 2 ] || status=1
         echo "fuzz: $t FOUND $((after - before)) PROBLEM INPUT(S) (exit $rc); log $BUILD/runs/$t.log, inputs in $crashes/"
         triage "$t" "$crashes"
     else
         echo "fuzz: $t clean"
+        passed=$((passed + 1))
     fi
 done
+# One closing line for the targets: those that ran clean, and those that found something or
+# did not build.
+echo "fuzz: $passed passed, $((failed + ${#TARGETS[@]} - ${#built[@]})) failed"
 exit $status
