@@ -1,6 +1,7 @@
 // The quarvex executable as people and the front end run it: exit statuses, messages, and
 // what is (and is not) left on disk, for conversions that work and for every way one fails.
 
+#include "common/file_io.h"
 #include <gtest/gtest.h>
 #include <tiffio.h>
 
@@ -66,15 +67,8 @@ struct Result {
     }
 };
 
-std::string readFile(const fs::path& p) {
-    std::ifstream f(p, std::ios::binary);
-    return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
-}
-
-void writeFile(const fs::path& p, const std::string& data) {
-    std::ofstream f(p, std::ios::binary);
-    f << data;
-}
+using qx::test::readFile;
+using qx::test::writeFile;
 
 fs::path freshDir(const std::string& name) {
     fs::path dir = fs::temp_directory_path() / ("qx_cli_tests_" + std::to_string(::getpid())) / name;

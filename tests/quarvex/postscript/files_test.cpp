@@ -5,6 +5,7 @@
 // colours, and one bit halftones that grey with the engine's ordered dither (black stays black,
 // white stays white). Pages of pure black text also match Ghostscript's own one-bit device.
 
+#include "common/file_io.h"
 #include "render/raster_ops.h"
 
 #include <gtest/gtest.h>
@@ -45,15 +46,8 @@ fs::path workDir() {
     return dir;
 }
 
-std::string readFile(const fs::path& p) {
-    std::ifstream f(p, std::ios::binary);
-    return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
-}
-
-void writeFile(const fs::path& p, const std::string& data) {
-    std::ofstream f(p, std::ios::binary);
-    f << data;
-}
+using qx::test::readFile;
+using qx::test::writeFile;
 
 struct RunResult {
     int status = -1;
