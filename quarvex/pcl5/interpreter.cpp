@@ -60,6 +60,7 @@ void Interpreter::defaultEnvironment() {
     m_perfSkip = true;
     m_wrap = false;
     m_lineTermination = 0;
+    m_textPath = 0;
     m_underline = false;
     m_rectWidth = m_rectHeight = 0;
     m_patternId = 0;
@@ -154,6 +155,10 @@ void Interpreter::handleParam(Parser& parser, const Command& cmd) {
         case 'l': pageCommand(cmd); return;
         case 'a': case 'u': cursorCommand(cmd); return;
         case 'k': case 'd': textCommand(cmd); return;
+        case 'c':
+            if (f == 'T')
+                textCommand(cmd);
+            return;
         case 's':
             if (f == 'C')
                 textCommand(cmd);

@@ -46,8 +46,11 @@ private:
 
     struct RasterState {
         bool active = false;
-        double left = 0;           // logical x of the left raster margin
-        double y = 0;              // logical y of the next row's top
+        // The raster's own frame: rows run along its x, one below the other along its y. It is
+        // the print direction's frame, or the physical sheet's in presentation mode 3.
+        int direction = 0;         // quarter turns counterclockwise on the logical page
+        double left = 0;           // x of the left raster margin in that frame
+        double y = 0;              // y of the next row's top in that frame
         int width = 0;             // source pixels; 0 = to the page's edge
         int height = 0;            // rows; 0 = no limit
         int rowsDone = 0;
@@ -76,7 +79,7 @@ private:
     void handleFontCommand(const Command& cmd, bool secondary); // ESC( and ESC)
     void pageCommand(const Command& cmd);           // ESC&l: page size, orientation, margins, spacing
     void cursorCommand(const Command& cmd);         // ESC&a, ESC*p, ESC&f#S, ESC&u#D
-    void textCommand(const Command& cmd);           // ESC&k, ESC&s#C, ESC&d
+    void textCommand(const Command& cmd);           // ESC&k, ESC&s#C, ESC&d, ESC&c#T
     void softFontCommand(const Command& cmd);       // ESC*c#D, #E, #F
     void rectangleCommand(const Command& cmd);      // ESC*c: rectangle size and fill, pattern ID
     void patternCommand(const Command& cmd);        // ESC*v#N, #O, #T and ESC*l#O
@@ -109,8 +112,12 @@ private:
     void setOrientation(int orientation);
     double pageLength() const { return m_logicalHeight; }
     Matrix logicalToPage() const;
+    // The left and top offset registration as a shift of the oriented sheet, in points.
+    Point registrationShift() const;
     // The print direction's frame (cursor, text and rectangles) to the logical page.
-    Matrix frameToLogical() const;
+    Matrix frameToLogical() const { return quarterTurnFrame(m_direction); }
+    // A frame turned quarterTurns counterclockwise on the logical page, to the logical page.
+    Matrix quarterTurnFrame(int quarterTurns) const;
     Matrix textToPage() const { return logicalToPage() * frameToLogical(); }
     double frameWidth() const { return (m_direction & 1) ? m_logicalHeight : m_logicalWidth; }
     double frameHeight() const { return (m_direction & 1) ? m_logicalWidth : m_logicalHeight; }
@@ -151,6 +158,11 @@ private:
     void rasterYOffset(int rows);
     void flushStrip();
     int rasterWidthPixels() const;
+    Matrix rasterToLogical() const { return quarterTurnFrame(m_raster.direction); }
+    double rasterFrameWidth() const { return (m_raster.direction & 1) ? m_logicalHeight : m_logicalWidth; }
+    double rasterFrameHeight() const { return (m_raster.direction & 1) ? m_logicalWidth : m_logicalHeight; }
+    // The cursor in the raster's frame.
+    Point cursorInRaster() const;
     double rasterPixelUnits() const { return 7200.0 / m_rasterResolution; }
     int planes() const;
     void emitRow(const std::vector<std::vector<uint8_t>>& planes);
@@ -218,6 +230,7 @@ private:
     bool m_perfSkip = true;
     bool m_wrap = false;
     int m_lineTermination = 0;
+    int m_textPath = 0;             // ESC&c#T: 0 horizontal, -1 vertical rotated
     std::vector<std::pair<double, double>> m_cursorStack;
     bool m_underline = false;
     double m_underlineStart = 0;
@@ -257,7 +270,7 @@ private:
     RasterState m_raster;
     int m_rasterResolution = 75;
     int m_compression = 0;
-    int m_presentation = 0; // raster presentation: 0 follows the orientation, 3 the sheet (same here)
+    int m_presentation = 0; // raster presentation: 0 follows the print direction, 3 the physical sheet
     double m_destWidth = 0, m_destHeight = 0; // ESC*t#H/V, decipoints; 0 = none
 
     struct StoredFont {

@@ -24,6 +24,7 @@ struct Interpreter::Environment {
     double vmi = 0, hmi = 0;
     bool perfSkip = true, wrap = false;
     int lineTermination = 0;
+    int textPath = 0;
     bool underline = false;
     double underlineStart = 0, underlineY = 0;
     FontState primary, secondary;
@@ -63,6 +64,7 @@ void Interpreter::environmentFields(Environment& e, F&& f) {
     f(m_perfSkip, e.perfSkip);
     f(m_wrap, e.wrap);
     f(m_lineTermination, e.lineTermination);
+    f(m_textPath, e.textPath);
     f(m_underline, e.underline);
     f(m_underlineStart, e.underlineStart);
     f(m_underlineY, e.underlineY);

@@ -68,9 +68,9 @@ void Interpreter::setOrientation(int orientation) {
     applyPageSetup(m_paper, orientation);
 }
 
-Matrix Interpreter::frameToLogical() const {
+Matrix Interpreter::quarterTurnFrame(int quarterTurns) const {
     const double W = m_logicalWidth, H = m_logicalHeight;
-    switch (m_direction) {
+    switch (quarterTurns & 3) {
     case 1: return Matrix{0, -1, 1, 0, 0, H};   // text runs up the page
     case 2: return Matrix{-1, 0, 0, -1, W, H};  // upside down
     case 3: return Matrix{0, 1, -1, 0, W, 0};   // text runs down the page
@@ -116,15 +116,28 @@ Matrix Interpreter::logicalToPage() const {
     // Logical units to page points on the oriented sheet; orientations 2 and 3 turn the logical
     // page half a turn.
     const double s = 1.0 / kUnitsPerPoint;
-    // On the back of a duplex sheet the left registration works the other way round: drivers
-    // send the opposite value there so that both sides line up.
-    const double ox = (m_offsetX + (m_backSide ? -m_regLeft : m_regLeft)) * s;
-    const double oy = m_regTop * s;
+    const Point reg = registrationShift();
     if (m_orientation >= 2) {
         const double W = m_sheetWidth * s, H = m_sheetHeight * s;
-        return Matrix{-s, 0, 0, -s, W - ox, H - oy};
+        return Matrix{-s, 0, 0, -s, W - m_offsetX * s + reg.x, H + reg.y};
     }
-    return Matrix{s, 0, 0, s, ox, oy};
+    return Matrix{s, 0, 0, s, m_offsetX * s + reg.x, reg.y};
+}
+
+Point Interpreter::registrationShift() const {
+    // The left offset moves the logical page across the width of the physical sheet (to the
+    // right when positive), the top offset along its length (down when positive), whatever the
+    // orientation. On the back of a sheet the offset along the binding edge works the other way
+    // round (long-edge binding: the left offset; short-edge binding: the top offset), so that a
+    // driver's mirrored values put both sides in the same place.
+    const double s = 1.0 / kUnitsPerPoint;
+    const double across = (m_backSide && m_duplex == 1 ? -m_regLeft : m_regLeft) * s;
+    const double along = (m_backSide && m_duplex == 2 ? -m_regTop : m_regTop) * s;
+    // A landscape page is the sheet turned a quarter turn clockwise for reading: the sheet's
+    // width runs down the page and its length from right to left.
+    if (m_orientation & 1)
+        return {-along, across};
+    return {across, along};
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -174,7 +187,7 @@ void Interpreter::ejectPage() {
     m_x = m_leftMargin;
     m_y = firstBaseline();
     if (m_raster.active) {
-        m_raster.y = frameToLogical().apply({m_x, m_y}).y;
+        m_raster.y = cursorInRaster().y;
         m_raster.placed = false;
     }
     if (m_underline)
@@ -252,10 +265,7 @@ void Interpreter::pageCommand(const Command& cmd) {
         break;
     case 'L': m_perfSkip = iv != 0; break;
     case 'U': m_regLeft = std::clamp(v, -32767.0, 32767.0) * kDecipoint; break;
-    case 'Z':
-        // Top registration trims a printer's paper path to its drivers' expectation (they
-        // send +36 decipoints); the sheet here already starts where they expect it.
-        break;
+    case 'Z': m_regTop = std::clamp(v, -32767.0, 32767.0) * kDecipoint; break;
     case 'P': break; // page length in lines: the paper decides here
     case 'H': // paper source: the started sheet goes out first (0 only ejects it)
         ejectPage();
@@ -345,7 +355,7 @@ void Interpreter::cursorCommand(const Command& cmd) {
         const double unit = kUnitsPerInch / m_unitsPerInch;
         // Raster rows move the cursor down as they are printed: a relative move inside a raster
         // block counts from the row after the last one sent, not from where the block began.
-        if (m_raster.active && m_direction == 0)
+        if (m_raster.active && m_raster.direction == m_direction)
             m_y = m_raster.y;
         if (f == 'X')
             m_x = toX(relative ? m_x + v * unit : v * unit);
@@ -362,7 +372,7 @@ void Interpreter::cursorCommand(const Command& cmd) {
         if (m_raster.active && (f == 'X' || f == 'Y')) {
             // Moving the cursor inside a raster block restarts the rows there.
             flushStrip();
-            m_raster.y = frameToLogical().apply({m_x, m_y}).y;
+            m_raster.y = cursorInRaster().y;
             m_raster.placed = false;
         }
     }

@@ -27,9 +27,16 @@ int Interpreter::planes() const {
     return 1;
 }
 
+Point Interpreter::cursorInRaster() const {
+    const Point logical = frameToLogical().apply({m_x, m_y});
+    if (auto back = rasterToLogical().inverted())
+        return back->apply(logical);
+    return logical;
+}
+
 int Interpreter::rasterWidthPixels() const {
-    // The raster may not reach past the logical page's right edge.
-    const double room = std::max(0.0, m_logicalWidth - m_raster.left);
+    // The raster may not reach past the logical page's edge.
+    const double room = std::max(0.0, rasterFrameWidth() - m_raster.left);
     const int maxPixels = static_cast<int>(std::ceil(room / m_raster.scaleX));
     if (m_raster.width > 0)
         return std::min(m_raster.width, maxPixels);
@@ -40,9 +47,12 @@ void Interpreter::startRaster(int mode) {
     if (m_raster.active)
         return;
     m_raster.active = true;
-    // Raster follows the orientation, not the print direction: it starts at the cursor's place
-    // on the logical page.
-    const Point cursor = frameToLogical().apply({m_x, m_y});
+    // Presentation mode 0 lays the rows along the print direction; mode 3 along the width of the
+    // physical sheet whatever the orientation and print direction (on a landscape page they run
+    // down it, the next row to the left of the last). Either way the picture starts at the
+    // cursor's place.
+    m_raster.direction = m_presentation == 3 ? (4 - m_orientation) & 3 : m_direction;
+    const Point cursor = cursorInRaster();
     m_raster.left = (mode == 1 || mode == 3) ? cursor.x : 0;
     // Modes 2 and 3 scale the source (width by height pixels) to the destination size.
     m_raster.scaleX = m_raster.scaleY = rasterPixelUnits();
@@ -80,7 +90,9 @@ void Interpreter::endRaster() {
         return;
     flushStrip();
     m_raster.active = false;
-    if (m_direction == 0)
+    // The cursor goes to the row after the picture when the picture lies in the print
+    // direction's frame.
+    if (m_raster.direction == m_direction)
         m_y = m_raster.y;
 }
 
@@ -96,7 +108,7 @@ void Interpreter::flushStrip() {
         // The block's first row starts on a device pixel, as a printer starts it on one of its
         // dots: every strip after it then lies on whole pixels too, with no seam between
         // strips however fractional the cursor was (a start at row 187.5 stays one picture).
-        const Matrix toDevice = m_dev.pageToDevice() * logicalToPage();
+        const Matrix toDevice = m_dev.pageToDevice() * logicalToPage() * rasterToLogical();
         const Point at = toDevice.apply({r.left, r.stripTop});
         if (auto back = toDevice.inverted()) {
             const Point snapped = back->apply({snapToDot(at.x), snapToDot(at.y)});
@@ -106,7 +118,8 @@ void Interpreter::flushStrip() {
         }
         r.placed = true;
     }
-    const Matrix toPage = logicalToPage() * Matrix::translate(r.left, r.stripTop) * Matrix::scale(r.scaleX, r.scaleY);
+    const Matrix toPage =
+        logicalToPage() * rasterToLogical() * Matrix::translate(r.left, r.stripTop) * Matrix::scale(r.scaleX, r.scaleY);
     if (!r.stripColour) {
         Mask m;
         m.width = r.stripWidth;
@@ -150,7 +163,7 @@ void Interpreter::rasterYOffset(int rows) {
     flushStrip();
     if (rows <= 0)
         return;
-    const double maxRows = m_logicalHeight / m_raster.scaleY + 1;
+    const double maxRows = rasterFrameHeight() / m_raster.scaleY + 1;
     rows = static_cast<int>(std::min<double>(rows, maxRows));
     m_raster.y += rows * m_raster.scaleY;
     m_raster.rowsDone += rows;
@@ -163,7 +176,7 @@ void Interpreter::emitRow(const std::vector<std::vector<uint8_t>>& planeRows) {
     if (r.height > 0 && r.rowsDone >= r.height)
         return;
     const double px = r.scaleY;
-    const bool visible = r.y < m_logicalHeight + px && r.y > -kMaxPosition && r.stripWidth > 0;
+    const bool visible = r.y < rasterFrameHeight() + px && r.y > -kMaxPosition && r.stripWidth > 0;
     if (visible) {
         if (r.stripRows == 0)
             r.stripTop = r.y;
@@ -262,7 +275,7 @@ void Interpreter::rasterData(std::span<const uint8_t> data, bool lastPlane) {
         decodeAdaptive(data, r.seeds[0], [&](const std::vector<uint8_t>&) {
             if (r.height > 0 && r.rowsDone >= r.height)
                 return false;
-            if (r.y > m_logicalHeight + r.scaleY)
+            if (r.y > rasterFrameHeight() + r.scaleY)
                 return false;
             emitRow(r.seeds);
             return true;

@@ -1,6 +1,7 @@
 // PCL 5 text: font selection, the characters of the text and the control codes among them,
 // underline, and the commands that set spacing, pitch, line termination and wrap.
 #include "pcl5/interpreter.h"
+#include "pcl5/text_path.h"
 #include "pcl5/units.h"
 
 #include "fonts/hp_metrics.h"
@@ -140,7 +141,9 @@ void Interpreter::printCode(uint32_t code) {
         m_x = clampPos(m_x + m_hmi);
         return;
     }
-    const char32_t uc = symbolSetToUnicode(f.request.symbolSet, code);
+    char32_t uc = symbolSetToUnicode(f.request.symbolSet, code);
+    // On the vertical rotated path full-width characters are set on their sides.
+    const bool sideways = m_textPath == -1 && isFullWidth(uc);
     double advance;
     if (code == ' ' || (uc == U' '))
         advance = m_hmi;
@@ -157,14 +160,20 @@ void Interpreter::printCode(uint32_t code) {
     }
     ensurePage(); // printing has started on this sheet
     if (uc != 0 && uc != U' ' && f.index >= 0) {
-        const Matrix toDevice = m_dev.pageToDevice() * textToPage();
         const double em = f.emPt * kUnitsPerPoint;
+        Matrix toDevice = m_dev.pageToDevice() * textToPage() * Matrix::translate(m_x, m_y);
+        if (sideways) {
+            toDevice = toDevice * sidewaysInCell(advance, em);
+            if (const char32_t vertical = verticalSubstitute(uc);
+                vertical != uc && m_fonts->hasGlyph(faceWithGlyph(*m_fonts, f.index, f.fixed, vertical), vertical))
+                uc = vertical;
+        }
         const Matrix fontToDevice = toDevice * Matrix::scale(em, -em);
         const int face = faceWithGlyph(*m_fonts, f.index, f.fixed, uc);
         if (auto g = m_fonts->renderGlyph(face, uc, Matrix{fontToDevice.a, fontToDevice.b, fontToDevice.c,
                                                             fontToDevice.d, 0, 0})) {
             if (g->mask.width > 0 && g->mask.height > 0) {
-                const Point pen = toDevice.apply({m_x, m_y});
+                const Point pen = toDevice.apply({0, 0});
                 const double ox = std::round(pen.x) + g->left;
                 const double oy = std::round(pen.y) + g->top;
                 if (auto inv = m_dev.pageToDevice().inverted())
@@ -343,6 +352,12 @@ void Interpreter::textCommand(const Command& cmd) {
     }
     if (g == 's' && f == 'C') {
         m_wrap = iv == 0;
+        return;
+    }
+    if (g == 'c' && f == 'T') {
+        // Text path: 0 horizontal, -1 vertical rotated; other values are ignored.
+        if (iv == 0 || iv == -1)
+            m_textPath = iv;
         return;
     }
     if (g == 'd') {

@@ -18,8 +18,8 @@
 //    the sheet's corner; on the printer that origin lands where the job's own commands put it:
 //    at the left edge of the logical page of the paper and orientation the job selects (HP's
 //    table: 75 or 60 dots at 300 dpi on inch sizes, 71 or 59 on metric ones), moved by the
-//    job's left offset registration (ESC&l#U, decipoints). The test reads those commands from
-//    the job and compares at that offset (so an A4 job from a driver that registers for a
+//    job's left and top offset registration (ESC&l#U across, ESC&l#Z down, decipoints). The
+//    test reads those commands from the job and compares at that offset (so an A4 job from a driver that registers for a
 //    quarter-inch inset lands 4 dots left of its source). A producer that lays its page out for
 //    one printer model's geometry beyond its commands says so in the manifest, as
 //    "SHARE@DX,DY" (pixels, engine to reference), with the reason in make_corpus.sh. Vector
@@ -393,13 +393,14 @@ Match compare(const GrayPage& g, const GrayPage& r, int dx, int dy) {
 // Where a PCL 5 job's commands put its page on the sheet, as an offset in pixels at `dpi`
 // from the engine's page to a reference that has the producer's origin at the sheet's corner:
 // the logical page's left edge for the paper size and orientation the job selects (HP's
-// logical page table, in 300 dpi dots) plus its left offset registration. The commands in
+// logical page table, in 300 dpi dots) plus its left and top offset registration (Ghostscript's
+// LaserJet 4 drivers send 36 decipoints down, a twentieth of an inch). The commands in
 // force when the job starts its first raster or prints its first page count.
 std::pair<int, int> commandOffset(const fs::path& job, int dpi) {
     std::ifstream in(job, std::ios::binary);
     const std::string d((std::istreambuf_iterator<char>(in)), {});
     int paper = 2, orientation = 0;
-    double registration = 0; // decipoints
+    double registration = 0, topRegistration = 0; // decipoints
     for (size_t i = 0; i + 2 < d.size(); ++i) {
         if (d[i] == '\f')
             break;
@@ -424,6 +425,8 @@ std::pair<int, int> commandOffset(const fs::path& job, int dpi) {
                     orientation = static_cast<int>(value);
                 else if (final == 'U')
                     registration = value;
+                else if (final == 'Z')
+                    topRegistration = value;
             }
             if (parameter == '*' && group == 'r' && final == 'A')
                 stop = true;
@@ -444,7 +447,8 @@ std::pair<int, int> commandOffset(const fs::path& job, int dpi) {
     const bool landscape = orientation & 1;
     const double inset = inch ? (landscape ? 60 : 75) : (landscape ? 59 : 71);
     const double dots = (inset + registration * 300.0 / 720.0) * dpi / 300.0;
-    return {-static_cast<int>(std::lround(dots)), 0};
+    const double down = topRegistration * dpi / 720.0;
+    return {-static_cast<int>(std::lround(dots)), -static_cast<int>(std::lround(down))};
 }
 
 // The offset a file is compared at: for PCL 5, where its commands put it plus what the

@@ -534,12 +534,13 @@ TEST(Pcl5Colour, MonochromeDefaultsAfterReset) {
 
 TEST(Pcl5Pages, LandscapeLogicalPageAndRegistration) {
     // Landscape Letter: the logical page starts 60 dots (14.4 pt) from the long sheet's left
-    // edge. A left registration of 180 decipoints moves it a quarter inch further right.
+    // edge. A left registration of 180 decipoints moves it a quarter inch across the width of
+    // the physical sheet whatever the orientation: down the landscape page.
     Result r = runPcl(ESC + "&l1O" + ESC + "*p0x0Y" + ESC + "*c3a3b0P" + ESC + "&l180U" + ESC + "*c3a3b0P");
     auto fills = r.starting("fill");
     ASSERT_EQ(fills.size(), 2u);
     EXPECT_NE(fills[0].find("M14.4,36 "), std::string::npos) << fills[0];
-    EXPECT_NE(fills[1].find("M32.4,36 "), std::string::npos) << fills[1];
+    EXPECT_NE(fills[1].find("M14.4,54 "), std::string::npos) << fills[1];
 }
 
 TEST(Pcl5Pages, ReversePortraitTurnsTheLogicalPageHalfARound) {

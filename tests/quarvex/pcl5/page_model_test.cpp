@@ -243,15 +243,16 @@ TEST(Pcl5PageModel, CrossHatchSurvivesLowResolutions) {
 }
 
 TEST(Pcl5PageModel, DuplexBackSidesMirrorTheLeftRegistration) {
-    // Ghostscript's ljet4d: duplex, -180 decipoints on the front side, +180 on the back. Both
-    // sides land in the same place.
+    // Ghostscript's ljet4d: duplex, -180 decipoints on the front side, +180 on the back, and 36
+    // decipoints down on both (long-edge binding turns only the left offset round). Both sides
+    // land in the same place: at the sheet's left edge, 3.6 points below the top margin.
     const std::string page = ESC + "*p0x0Y" + ESC + "*c3a3b0P" + "\f";
     Result r = runPcl(ESC + "E" + ESC + "&l1S" + ESC + "&l-180u36Z" + page + ESC + "&l180u36Z" + page + ESC +
                       "&l-180u36Z" + page);
     auto fills = r.starting("fill");
     ASSERT_EQ(fills.size(), 3u);
     for (const auto& f : fills)
-        EXPECT_NE(f.find("M0,36 "), std::string::npos) << f;
+        EXPECT_NE(f.find("M0,39.6 "), std::string::npos) << f;
     // Printed single-sided, the same registration moves the page.
     r = runPcl(ESC + "E" + ESC + "&l180u" + page);
     fills = r.starting("fill");
@@ -320,4 +321,68 @@ TEST(Pcl5PageModel, PatternTransparencyOverInk) {
         EXPECT_GT(share, low) << "pattern transparency mode " << mode;
         EXPECT_LT(share, high) << "pattern transparency mode " << mode;
     }
+}
+
+TEST(Pcl5PageModel, TopOffsetRegistrationMovesThePageAlongTheSheetLength) {
+    // ESC&l#Z in decipoints: positive down the physical sheet, negative up, as an absolute
+    // position (a second command replaces the first); a reset puts it back to 0.
+    const std::string mark = ESC + "*p0x0Y" + ESC + "*c3a3b0P";
+    const auto firstFill = [](const std::string& job) {
+        Result r = runPcl(job);
+        auto fills = r.starting("fill");
+        return fills.empty() ? std::string("none") : fills[0];
+    };
+    EXPECT_NE(firstFill(ESC + "&l360Z" + mark).find("M18,72 "), std::string::npos);
+    EXPECT_NE(firstFill(ESC + "&l-180Z" + mark).find("M18,18 "), std::string::npos);
+    EXPECT_NE(firstFill(ESC + "&l720Z" + ESC + "&l360Z" + mark).find("M18,72 "), std::string::npos);
+    EXPECT_NE(firstFill(ESC + "&l360Z" + ESC + "E" + mark).find("M18,36 "), std::string::npos);
+    // Together with the left offset, in decipoints with decimals (38.4 decipoints are 16 dots).
+    EXPECT_NE(firstFill(ESC + "&l-180u38.4Z" + mark).find("M0,39.84 "), std::string::npos);
+}
+
+TEST(Pcl5PageModel, RegistrationFollowsThePhysicalSheetInEveryOrientation) {
+    // Both offsets move the logical page on the physical sheet whatever the orientation. A
+    // landscape page is the sheet read turned a quarter turn: the sheet's width runs down it
+    // (left offset) and its length from right to left (top offset). A reverse portrait page
+    // lies on the sheet as it comes out: left offset to the right, top offset down.
+    const std::string mark = ESC + "*p0x0Y" + ESC + "*c300a300b0P";
+    const std::vector<std::tuple<std::string, std::string>> cases = {
+        {"0", "M18,36 "},   {"1", "M14.4,36 "},   {"2", "M522,684 "},   {"3", "M705.6,504 "},
+    };
+    for (const auto& [orientation, unmoved] : cases) {
+        Result r = runPcl(ESC + "&l" + orientation + "O" + mark + ESC + "&l360U" + mark + ESC + "&l0u360Z" + mark);
+        auto fills = r.starting("fill");
+        ASSERT_EQ(fills.size(), 3u) << orientation;
+        EXPECT_NE(fills[0].find(unmoved), std::string::npos) << orientation << ": " << fills[0];
+        // The first corner of each fill, moved half an inch.
+        const auto corner = [](const std::string& fill) {
+            double x = 0, y = 0;
+            std::sscanf(fill.c_str() + fill.find(" M") + 2, "%lf,%lf", &x, &y);
+            return std::pair{x, y};
+        };
+        const auto [x0, y0] = corner(fills[0]);
+        const auto [xu, yu] = corner(fills[1]);
+        const auto [xz, yz] = corner(fills[2]);
+        const bool landscape = orientation == "1" || orientation == "3";
+        EXPECT_DOUBLE_EQ(xu - x0, landscape ? 0 : 36) << orientation;
+        EXPECT_DOUBLE_EQ(yu - y0, landscape ? 36 : 0) << orientation;
+        EXPECT_DOUBLE_EQ(xz - x0, landscape ? -36 : 0) << orientation;
+        EXPECT_DOUBLE_EQ(yz - y0, landscape ? 0 : 36) << orientation;
+    }
+}
+
+TEST(Pcl5PageModel, ShortEdgeBindingMirrorsTheTopOffsetOnBackSides) {
+    // Short-edge binding (ESC&l2S) turns the top offset round on the back of the sheet and
+    // leaves the left offset as it is; long-edge binding does the opposite.
+    const std::string page = ESC + "*p0x0Y" + ESC + "*c3a3b0P" + "\f";
+    Result r = runPcl(ESC + "E" + ESC + "&l2S" + ESC + "&l180u360Z" + page + page);
+    auto fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 2u);
+    EXPECT_NE(fills[0].find("M36,72 "), std::string::npos) << fills[0];
+    EXPECT_NE(fills[1].find("M36,0 "), std::string::npos) << fills[1];
+    r = runPcl(ESC + "E" + ESC + "&l1S" + ESC + "&l180u360Z" + page + page);
+    fills = r.starting("fill");
+    ASSERT_EQ(fills.size(), 2u);
+    EXPECT_NE(fills[0].find("M36,72 "), std::string::npos) << fills[0];
+    EXPECT_NE(fills[1].find("M0,72 "), std::string::npos) << fills[1];
 }

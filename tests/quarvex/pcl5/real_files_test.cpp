@@ -1,6 +1,8 @@
 // Real jobs made by Ghostscript's PCL drivers from small PostScript files, rendered through the
 // rasterising device. The expected ink positions were measured on Ghostscript's own 300 dpi
-// rendering of the same PostScript, so the raster must land where the page put it.
+// rendering of the same PostScript, so the raster must land where the page put it, moved by
+// the registration the driver sends: its LaserJet 4 drivers register the page 36 decipoints
+// down (ESC&l36Z), a twentieth of an inch, 15 dots at 300 dpi and 30 at 600 dpi.
 
 #include "pcl5/pcl5.h"
 
@@ -93,7 +95,8 @@ Rendered render(const std::string& name, int depth = 1, double dpi = 300) {
 
 // The PostScript behind small-ljet4.pcl (Letter, 300 dpi): Helvetica text, a filled triangle
 // and a 50 % grey box. Ghostscript's own rendering has its ink in columns 303..1666 and rows
-// 321..1633, 204632 black pixels.
+// 321..1633, 204632 black pixels; the job's top registration puts it 15 rows lower.
+constexpr int kTopRegistration300 = 15;
 TEST(Pcl5RealFiles, Ljet4LetterLandsWhereThePageDrewIt) {
     Rendered r = render("small-ljet4.pcl");
     ASSERT_EQ(r.pages.size(), 1u);
@@ -103,9 +106,9 @@ TEST(Pcl5RealFiles, Ljet4LetterLandsWhereThePageDrewIt) {
     EXPECT_FALSE(r.warnings);
     const InkBox b = inkBox(p);
     EXPECT_EQ(b.x0, 303);
-    EXPECT_EQ(b.y0, 321);
+    EXPECT_EQ(b.y0, 321 + kTopRegistration300);
     EXPECT_EQ(b.x1, 1666);
-    EXPECT_EQ(b.y1, 1633);
+    EXPECT_EQ(b.y1, 1633 + kTopRegistration300);
     EXPECT_EQ(b.count, 204632);
 }
 
@@ -114,14 +117,15 @@ TEST(Pcl5RealFiles, Ljet4PjlIsTheSamePage) {
     ASSERT_EQ(r.pages.size(), 1u);
     const InkBox b = inkBox(r.pages[0]);
     EXPECT_EQ(b.x0, 303);
-    EXPECT_EQ(b.y0, 321);
+    EXPECT_EQ(b.y0, 321 + kTopRegistration300);
     EXPECT_EQ(b.count, 204632);
 }
 
 // Two A4 pages; Ghostscript's rendering: page 1 ink 251..2083 x 290..3091 (102060 pixels),
 // page 2 ink 422..1008 x 1771..1863 (8577 pixels). The driver registers its raster 180
 // decipoints (75 dots) left, for a logical page inset a quarter inch; HP's A4 logical page is
-// inset 71 dots, so on the printer everything lands 4 dots left of Ghostscript's rendering.
+// inset 71 dots, so on the printer everything lands 4 dots left of Ghostscript's rendering
+// (and 15 dots down, the top registration).
 TEST(Pcl5RealFiles, Ljet4A4TwoPages) {
     Rendered r = render("a4-ljet4.pcl");
     ASSERT_EQ(r.pages.size(), 2u);
@@ -129,28 +133,29 @@ TEST(Pcl5RealFiles, Ljet4A4TwoPages) {
     EXPECT_EQ(r.pages[0].height, 3508);
     InkBox b = inkBox(r.pages[0]);
     EXPECT_EQ(b.x0, 251 - 4);
-    EXPECT_EQ(b.y0, 290);
+    EXPECT_EQ(b.y0, 290 + kTopRegistration300);
     EXPECT_EQ(b.x1, 2083 - 4);
-    EXPECT_EQ(b.y1, 3091);
+    EXPECT_EQ(b.y1, 3091 + kTopRegistration300);
     EXPECT_EQ(b.count, 102060);
     b = inkBox(r.pages[1]);
     EXPECT_EQ(b.x0, 422 - 4);
-    EXPECT_EQ(b.y0, 1771);
+    EXPECT_EQ(b.y0, 1771 + kTopRegistration300);
     EXPECT_EQ(b.x1, 1008 - 4);
-    EXPECT_EQ(b.y1, 1863);
+    EXPECT_EQ(b.y1, 1863 + kTopRegistration300);
     EXPECT_EQ(b.count, 8577);
 }
 
-// A triangle at 600 dpi: Ghostscript puts it in 833..1666 x 766..1599, 348612 pixels.
+// A triangle at 600 dpi: Ghostscript puts it in 833..1666 x 766..1599, 348612 pixels; the top
+// registration moves it 30 rows down.
 TEST(Pcl5RealFiles, Ljet4At600Dpi) {
     Rendered r = render("tiny-ljet4-600.pcl", 1, 600);
     ASSERT_EQ(r.pages.size(), 1u);
     EXPECT_EQ(r.pages[0].width, 5100);
     const InkBox b = inkBox(r.pages[0]);
     EXPECT_EQ(b.x0, 833);
-    EXPECT_EQ(b.y0, 766);
+    EXPECT_EQ(b.y0, 766 + 2 * kTopRegistration300);
     EXPECT_EQ(b.x1, 1666);
-    EXPECT_EQ(b.y1, 1599);
+    EXPECT_EQ(b.y1, 1599 + 2 * kTopRegistration300);
     EXPECT_EQ(b.count, 348612);
 }
 
