@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -480,4 +481,64 @@ TEST(Pcl5PageModel, TurnedRasterDrawsTheSamePixelsTurned) {
     EXPECT_EQ(ink, 4);
     for (int y = 2996; y < 3000; ++y)
         EXPECT_TRUE(inked(pages[0], 375, y)) << y;
+}
+
+namespace {
+
+// Whether every pixel of the device square [x0, x0 + n) x [y0, y0 + n) is inked exactly where
+// `ink(x, y)` says; the number of pixels that are not.
+long mismatches(const RasterPage& p, int x0, int y0, int n, const std::function<bool(int, int)>& ink) {
+    long bad = 0;
+    for (int y = y0; y < y0 + n; ++y)
+        for (int x = x0; x < x0 + n; ++x)
+            bad += inked(p, x, y) != ink(x, y) ? 1 : 0;
+    return bad;
+}
+
+int mod(int a, int n) { return ((a % n) + n) % n; }
+
+} // namespace
+
+TEST(Pcl5PageModel, PatternsStartAtTheirReferencePoint) {
+    // ESC*p0R puts the pattern's origin at the cursor: horizontal cross-hatch lines (pattern 1)
+    // are two 300 dpi dots wide every 16 dots, the first at the reference point's row. At 600 dpi
+    // every pattern dot is 2 x 2 pixels; below 300 dpi the lines keep their spacing in inches on
+    // the output's own pixels, one pixel wide.
+    const std::string job = ESC + "*p300x300Y" + ESC + "*p0R" + ESC + "*p200x200Y" + ESC + "*c400a400b1g3P";
+    struct Case {
+        double dpi;
+        int refRow, period, width;
+    };
+    for (const Case c : {Case{300, 450, 16, 2}, Case{600, 900, 32, 4}, Case{150, 225, 8, 1}}) {
+        auto pages = renderPcl(job, c.dpi, 1);
+        ASSERT_EQ(pages.size(), 1u);
+        const int k = static_cast<int>(c.dpi / 150);
+        // The rectangle covers device (275, 350) to (675, 750) at 300 dpi; look inside it.
+        const int x0 = 280 * k / 2, y0 = 360 * k / 2, n = 380 * k / 2;
+        EXPECT_EQ(mismatches(pages[0], x0, y0, n, [&](int, int y) { return mod(y - c.refRow, c.period) < c.width; }), 0)
+            << c.dpi << " dpi";
+    }
+    // Another reference point moves the lines with it.
+    auto pages = renderPcl(ESC + "*p300x305Y" + ESC + "*p0R" + ESC + "*p200x200Y" + ESC + "*c400a400b1g3P", 300, 1);
+    ASSERT_EQ(pages.size(), 1u);
+    EXPECT_EQ(mismatches(pages[0], 280, 360, 380, [](int, int y) { return mod(y - 455, 16) < 2; }), 0);
+}
+
+TEST(Pcl5PageModel, PatternsTurnAboutTheirReferencePointWithThePrintDirection) {
+    // Direction 90: the reference point at frame (1 in, 1 in) is device (375, 3000) at 300 dpi.
+    // With ESC*p0R the horizontal lines of pattern 1 run up the page, the first at column 375;
+    // with ESC*p1R they stay as the logical page has them, the first at row 3000.
+    const auto hatch = [](const std::string& rotate) {
+        auto pages = renderPcl(ESC + "&a90P" + ESC + "*p300x300Y" + ESC + "*p" + rotate + "R" + ESC + "*p200x200Y" +
+                                   ESC + "*c400a400b1g3P",
+                               300, 1);
+        EXPECT_EQ(pages.size(), 1u);
+        return pages.empty() ? RasterPage{} : pages[0];
+    };
+    // The rectangle: frame (200, 200) to (600, 600) dots is device columns 275..675, rows
+    // 2700..3100.
+    RasterPage turned = hatch("0");
+    EXPECT_EQ(mismatches(turned, 280, 2710, 380, [](int x, int) { return mod(x - 375, 16) < 2; }), 0);
+    RasterPage fixed = hatch("1");
+    EXPECT_EQ(mismatches(fixed, 280, 2710, 380, [](int, int y) { return mod(y - 3000, 16) < 2; }), 0);
 }
