@@ -388,6 +388,25 @@ TEST(Pcl5PageModel, ShortEdgeBindingMirrorsTheTopOffsetOnBackSides) {
     EXPECT_NE(fills[1].find("M0,72 "), std::string::npos) << fills[1];
 }
 
+namespace {
+
+// The one mask a job draws, as the recording device describes it ("" when it draws another
+// number of masks).
+std::string onlyMask(const std::string& job) {
+    const auto masks = runPcl(job).starting("mask");
+    return masks.size() == 1 ? masks[0] : std::string();
+}
+
+// A picture drawn in each print direction lands with the matrix given for that direction.
+void expectInEveryDirection(const std::string& picture, const std::vector<std::pair<std::string, std::string>>& cases) {
+    for (const auto& [direction, matrix] : cases) {
+        const std::string mask = onlyMask(ESC + "&a" + direction + "P" + picture);
+        EXPECT_NE(mask.find(matrix), std::string::npos) << direction << ": " << mask;
+    }
+}
+
+} // namespace
+
 TEST(Pcl5PageModel, RasterFollowsThePrintDirectionInPresentationMode0) {
     // Two rows of 300 dpi raster at the cursor, one inch along and one inch below the top margin
     // of the print direction's frame. In presentation mode 0 (the default) the rows run along
@@ -395,27 +414,19 @@ TEST(Pcl5PageModel, RasterFollowsThePrintDirectionInPresentationMode0) {
     // Letter portrait: logical page 576 x 792 pt, 18 pt in; the margins turn with the frame.
     const std::string picture =
         ESC + "*p300x300Y" + ESC + "*t300R" + ESC + "*r1A" + rasterRows(2, "\xf0") + ESC + "*rB";
-    const std::vector<std::pair<std::string, std::string>> cases = {
+    expectInEveryDirection(picture, {
         {"0", "[0.24 0 0 0.24 90 108]"},
         {"90", "[0 -0.24 0.24 0 90 720]"},    // rows run up the page, the next one to the right
         {"180", "[-0.24 0 0 -0.24 522 684]"}, // upside down
         {"270", "[0 0.24 -0.24 0 522 72]"},   // rows run down the page, the next one to the left
-    };
-    for (const auto& [direction, matrix] : cases) {
-        Result r = runPcl(ESC + "&a" + direction + "P" + picture);
-        auto masks = r.starting("mask");
-        ASSERT_EQ(masks.size(), 1u) << direction;
-        EXPECT_NE(masks[0].find(matrix), std::string::npos) << direction << ": " << masks[0];
-    }
+    });
     // ESC*r0A starts the rows at the frame's left edge: in direction 90 the bottom of the page.
-    Result r = runPcl(ESC + "&a90P" + ESC + "*p300x300Y" + ESC + "*t300R" + ESC + "*r0A" + rasterRows(1, "\xf0") +
-                      ESC + "*rB");
-    auto masks = r.starting("mask");
-    ASSERT_EQ(masks.size(), 1u);
-    EXPECT_NE(masks[0].find("[0 -0.24 0.24 0 90 792]"), std::string::npos) << masks[0];
+    const std::string mask = onlyMask(ESC + "&a90P" + ESC + "*p300x300Y" + ESC + "*t300R" + ESC + "*r0A" +
+                                      rasterRows(1, "\xf0") + ESC + "*rB");
+    EXPECT_NE(mask.find("[0 -0.24 0.24 0 90 792]"), std::string::npos) << mask;
     // Ending the picture puts the cursor on the row after it, in the print direction's frame:
     // two rows (0.48 pt) further along the page's x in direction 90.
-    r = runPcl(ESC + "&a90P" + picture + ESC + "*c3a3b0P");
+    Result r = runPcl(ESC + "&a90P" + picture + ESC + "*c3a3b0P");
     auto fills = r.starting("fill");
     ASSERT_EQ(fills.size(), 1u);
     EXPECT_NE(fills[0].find("M90.48,719.28 "), std::string::npos) << fills[0];
@@ -424,43 +435,30 @@ TEST(Pcl5PageModel, RasterFollowsThePrintDirectionInPresentationMode0) {
 TEST(Pcl5PageModel, RasterInPresentationMode3LiesAlongThePhysicalSheet) {
     // Mode 3: rows run along the width of the physical sheet whatever the print direction and
     // orientation; the picture still starts at the cursor.
-    const std::string picture =
-        ESC + "*r3F" + ESC + "*p300x300Y" + ESC + "*t300R" + ESC + "*r1A" + rasterRows(2, "\xf0") + ESC + "*rB";
-    const std::vector<std::pair<std::string, std::string>> cases = {
+    const std::string start = ESC + "*p300x300Y" + ESC + "*t300R" + ESC + "*r1A";
+    const std::string picture = ESC + "*r3F" + start + rasterRows(2, "\xf0") + ESC + "*rB";
+    expectInEveryDirection(picture, {
         {"0", "[0.24 0 0 0.24 90 108]"},
         {"90", "[0.24 0 0 0.24 90 720]"},
         {"180", "[0.24 0 0 0.24 522 684]"},
         {"270", "[0.24 0 0 0.24 522 72]"},
-    };
-    for (const auto& [direction, matrix] : cases) {
-        Result r = runPcl(ESC + "&a" + direction + "P" + picture);
-        auto masks = r.starting("mask");
-        ASSERT_EQ(masks.size(), 1u) << direction;
-        EXPECT_NE(masks[0].find(matrix), std::string::npos) << direction << ": " << masks[0];
-    }
+    });
     // Landscape Letter (logical page 763.2 x 612 pt, 14.4 pt in): mode 0 keeps the rows along
     // the logical page; mode 3 lays them down the page (the sheet's width), the next row to the
     // left, from the cursor at logical (72, 108) pt.
-    Result r = runPcl(ESC + "&l1O" + ESC + "*p300x300Y" + ESC + "*t300R" + ESC + "*r1A" + rasterRows(2, "\xf0") +
-                      ESC + "*rB");
-    auto masks = r.starting("mask");
-    ASSERT_EQ(masks.size(), 1u);
-    EXPECT_NE(masks[0].find("[0.24 0 0 0.24 86.4 108]"), std::string::npos) << masks[0];
-    r = runPcl(ESC + "&l1O" + picture);
-    masks = r.starting("mask");
-    ASSERT_EQ(masks.size(), 1u);
-    EXPECT_NE(masks[0].find("[0 0.24 -0.24 0 86.4 108]"), std::string::npos) << masks[0];
-    // Reverse portrait: the physical sheet is the logical page turned half a turn.
-    r = runPcl(ESC + "&l2O" + picture);
-    masks = r.starting("mask");
-    ASSERT_EQ(masks.size(), 1u);
-    EXPECT_NE(masks[0].find("[0.24 0 0 0.24 522 684]"), std::string::npos) << masks[0];
-    // The mode is fixed when the picture starts and goes back to 0 at a reset.
-    r = runPcl(ESC + "*r3F" + ESC + "E" + ESC + "&l1O" + ESC + "*p300x300Y" + ESC + "*t300R" + ESC + "*r1A" +
-               rasterRows(1, "\xf0") + ESC + "*rB");
-    masks = r.starting("mask");
-    ASSERT_EQ(masks.size(), 1u);
-    EXPECT_NE(masks[0].find("[0.24 0 0 0.24 86.4 108]"), std::string::npos) << masks[0];
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {ESC + "&l1O" + start + rasterRows(2, "\xf0") + ESC + "*rB", "[0.24 0 0 0.24 86.4 108]"},
+        {ESC + "&l1O" + picture, "[0 0.24 -0.24 0 86.4 108]"},
+        // Reverse portrait: the physical sheet is the logical page turned half a turn.
+        {ESC + "&l2O" + picture, "[0.24 0 0 0.24 522 684]"},
+        // The mode goes back to 0 at a reset.
+        {ESC + "*r3F" + ESC + "E" + ESC + "&l1O" + start + rasterRows(1, "\xf0") + ESC + "*rB",
+         "[0.24 0 0 0.24 86.4 108]"},
+    };
+    for (const auto& [job, matrix] : cases) {
+        const std::string mask = onlyMask(job);
+        EXPECT_NE(mask.find(matrix), std::string::npos) << mask;
+    }
 }
 
 TEST(Pcl5PageModel, TurnedRasterDrawsTheSamePixelsTurned) {
