@@ -146,7 +146,9 @@ private:
     RenderState renderState() const;
     Paint paintForPattern(int type, int id) const;
     void fillRect();
-    std::shared_ptr<PatternTile> placeTile(std::shared_ptr<PatternTile> tile, double pixelUnits) const;
+    // Puts a pattern's tile on the page: its pixels `unitsX` by `unitsY` large, from the pattern
+    // reference point.
+    std::shared_ptr<PatternTile> placeTile(std::shared_ptr<PatternTile> tile, double unitsX, double unitsY) const;
     // The output resolution in dots an inch (300 while no page is open).
     double deviceDpi() const;
 
@@ -254,7 +256,11 @@ private:
     bool m_patternTransparent = true;
     double m_patternRefX = 0, m_patternRefY = 0; // pattern reference point, logical page
     bool m_patternRotates = true;   // patterns turn with the print direction (ESC*p0R)
-    std::map<int, std::shared_ptr<PatternTile>> m_userPatterns;
+    struct UserPattern {
+        std::shared_ptr<PatternTile> tile;
+        double dpiX = 300, dpiY = 300; // the resolution the pattern was designed at
+    };
+    std::map<int, UserPattern> m_userPatterns;
 
     // Colour
     std::vector<Rgb> m_palette;

@@ -15,10 +15,11 @@ constexpr int kBayer8[8][8] = {
 
 } // namespace
 
-double patternPixelUnits(double dpi) {
-    if (dpi >= 300 || dpi <= 0)
-        return 24;
-    return 7200 / dpi;
+double patternPixelUnits(double dpi, double designDpi) {
+    const double design = 7200 / (designDpi > 0 ? designDpi : 300);
+    if (dpi <= 0)
+        return design;
+    return std::max(design, 7200 / dpi);
 }
 
 std::shared_ptr<PatternTile> shadingTile(int percent) {

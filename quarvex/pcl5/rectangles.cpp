@@ -27,7 +27,7 @@ double Interpreter::deviceDpi() const {
     return dpi > 0 ? dpi : 300;
 }
 
-std::shared_ptr<PatternTile> Interpreter::placeTile(std::shared_ptr<PatternTile> tile, double pixelUnits) const {
+std::shared_ptr<PatternTile> Interpreter::placeTile(std::shared_ptr<PatternTile> tile, double unitsX, double unitsY) const {
     // The tile starts at the pattern reference point, put on a device pixel so that every pixel
     // of the output takes exactly one pixel of the tile, and turns with the print direction
     // unless the reference point was set to keep it fixed.
@@ -44,7 +44,7 @@ std::shared_ptr<PatternTile> Interpreter::placeTile(std::shared_ptr<PatternTile>
         const Matrix f = frameToLogical();
         turn = Matrix{f.a, f.b, f.c, f.d, 0, 0};
     }
-    tile->tileToPage = toPage * Matrix::translate(ref.x, ref.y) * turn * Matrix::scale(pixelUnits, pixelUnits);
+    tile->tileToPage = toPage * Matrix::translate(ref.x, ref.y) * turn * Matrix::scale(unitsX, unitsY);
     return tile;
 }
 
@@ -52,26 +52,31 @@ Paint Interpreter::paintForPattern(int type, int id) const {
     switch (type) {
     case 0: return Paint::solid(m_foregroundRgb);
     case 1: return Paint::solid(Rgb::white());
-    case 2:
+    case 2: {
         if (id <= 0)
             return Paint::solid(Rgb::white());
         if (id >= 100)
             return Paint::solid(m_foregroundRgb);
-        return Paint::tiled(placeTile(shadingTile(id), patternPixelUnits(deviceDpi())));
+        const double units = patternPixelUnits(deviceDpi());
+        return Paint::tiled(placeTile(shadingTile(id), units, units));
+    }
     case 3: {
         // Cross-hatch lines are two 300 dpi dots wide, 16 dots apart; below 300 dpi they are
         // drawn on the output's own pixels at the same spacing, at least a pixel wide.
         const double dpi = deviceDpi();
         const int spacing = dpi >= 300 ? 16 : std::max(4, static_cast<int>(std::lround(16 * dpi / 300)));
         const int width = dpi >= 300 ? 2 : std::max(1, static_cast<int>(std::lround(2 * dpi / 300)));
-        return Paint::tiled(placeTile(crossHatchTile(std::clamp(id, 1, 6), spacing, width), patternPixelUnits(dpi)));
+        const double units = patternPixelUnits(dpi);
+        return Paint::tiled(placeTile(crossHatchTile(std::clamp(id, 1, 6), spacing, width), units, units));
     }
     case 4: {
         auto it = m_userPatterns.find(id);
         if (it == m_userPatterns.end())
             return Paint::solid(m_foregroundRgb);
-        auto copy = std::make_shared<PatternTile>(*it->second);
-        return Paint::tiled(placeTile(copy, 24));
+        // Drawn at the resolution it was designed for (300 dpi unless its header says).
+        auto copy = std::make_shared<PatternTile>(*it->second.tile);
+        const double dpi = deviceDpi();
+        return Paint::tiled(placeTile(copy, patternPixelUnits(dpi, it->second.dpiX), patternPixelUnits(dpi, it->second.dpiY)));
     }
     default: return Paint::solid(m_foregroundRgb);
     }
@@ -218,7 +223,16 @@ void Interpreter::defineUserPattern(std::span<const uint8_t> data) {
             else if (bit)
                 px = m_foregroundRgb;
         }
-    m_userPatterns[m_patternId] = tile;
+    UserPattern pattern{tile};
+    if (format == 20 && data.size() >= 12) {
+        // The resolution-specified header: the X and Y resolutions the pattern was designed at.
+        const int dpiX = (data[8] << 8) | data[9], dpiY = (data[10] << 8) | data[11];
+        if (dpiX > 0)
+            pattern.dpiX = dpiX;
+        if (dpiY > 0)
+            pattern.dpiY = dpiY;
+    }
+    m_userPatterns[m_patternId] = pattern;
 }
 
 } // namespace qx::pcl5

@@ -540,3 +540,32 @@ TEST(Pcl5PageModel, PatternsTurnAboutTheirReferencePointWithThePrintDirection) {
     RasterPage fixed = hatch("1");
     EXPECT_EQ(mismatches(fixed, 280, 2710, 380, [](int, int y) { return mod(y - 3000, 16) < 2; }), 0);
 }
+
+TEST(Pcl5PageModel, UserPatternsKeepTheResolutionTheyWereDesignedAt) {
+    // An 8 x 8 pattern inked on its first row only, from the reference point at device row 450
+    // (300 dpi). Designed at 300 dpi (format 0) its rows are 300 dpi dots: at 600 dpi a line two
+    // pixels thick every 16 pixels. With the resolution-specified header (format 20) saying
+    // 600 dpi, one pixel every 8. Output coarser than the pattern draws it on its own pixels.
+    std::string bits = std::string("\xff", 1) + std::string(7, '\0');
+    const std::string plain = std::string("\x00\x00\x01\x00\x00\x08\x00\x08", 8) + bits;
+    const std::string at600 = std::string("\x14\x00\x01\x00\x00\x08\x00\x08\x02\x58\x02\x58", 12) + bits;
+    const auto job = [](const std::string& pattern) {
+        return ESC + "*c7G" + ESC + "*c" + std::to_string(pattern.size()) + "W" + pattern + ESC + "*p300x300Y" +
+               ESC + "*p0R" + ESC + "*p200x200Y" + ESC + "*c400a400b7g4P";
+    };
+    struct Case {
+        std::string pattern;
+        double dpi;
+        int refRow, period, width;
+    };
+    for (const Case& c : {Case{plain, 600, 900, 16, 2}, Case{plain, 300, 450, 8, 1}, Case{at600, 600, 900, 8, 1},
+                          Case{at600, 300, 450, 8, 1}}) {
+        auto pages = renderPcl(job(c.pattern), c.dpi, 1);
+        ASSERT_EQ(pages.size(), 1u);
+        const int k = static_cast<int>(c.dpi / 150);
+        EXPECT_EQ(mismatches(pages[0], 280 * k / 2, 360 * k / 2, 380 * k / 2,
+                             [&](int, int y) { return mod(y - c.refRow, c.period) < c.width; }),
+                  0)
+            << c.pattern.size() << "-byte pattern at " << c.dpi << " dpi";
+    }
+}
