@@ -650,12 +650,14 @@ TEST(QuarvexConversion, PclRasterPages) {
     EXPECT_EQ(t.width, 638u);
     EXPECT_EQ(t.height, 825u);
     EXPECT_EQ(t.photometric, PHOTOMETRIC_MINISBLACK);
-    // Page one: a black square of 228 points, 72 points in from the left and bottom edges.
+    // Page one: a black square of 228 points, 72 points in from the left and bottom edges,
+    // moved down by the top registration the job sends (ESC&l36Z: 36 decipoints, 3.75 pixels).
     const InkBox square = inkOnPage(out, 0, 64);
+    const double down = 36.0 / 720 * 75;
     EXPECT_NEAR(square.x0, 75.0, 3);
     EXPECT_NEAR(square.x1, 312.0, 3);
-    EXPECT_NEAR(square.y0, 512.0, 3);
-    EXPECT_NEAR(square.y1, 749.0, 3);
+    EXPECT_NEAR(square.y0, 512.0 + down, 1);
+    EXPECT_NEAR(square.y1, 749.0 + down, 1);
     // Page two: a grey square, which the job itself halftoned into black dots.
     EXPECT_GT(inkOnPage(out, 1, 64).pixels, 0);
 }
