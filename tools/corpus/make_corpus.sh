@@ -436,5 +436,6 @@ bash "$HERE/groff_corpus.sh" "$OUT" "$MANIFEST" # groff -Tlj4 man pages against 
 bash "$HERE/hpgl2_corpus.sh" "$OUT" # plotutils plots, PCL against their PostScript
 bash "$HERE/mupdf_corpus.sh" "$OUT" "$SRC" "$MANIFEST" # mutool's PCL against its own bitmaps
 bash "$HERE/hp2xx_corpus.sh" "$OUT" "$MANIFEST" "$HERE/../../tests/quarvex/hpgl2/data/shapes.pic" # hp2xx PCL against its PBM
+bash "$HERE/cups_drivers_corpus.sh" "$OUT" "$SRC" "$MANIFEST" # Gutenprint and hpcups against Ghostscript
 mv "$MANIFEST" "$OUT/manifest.tsv"
 log "$(($(wc -l < "$OUT/manifest.tsv") - 1)) files in $OUT/manifest.tsv"
