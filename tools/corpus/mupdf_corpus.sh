@@ -73,7 +73,7 @@ pair() {
     [ "$cs" = rgb ] && fmt=pnm ext=ppm
     mutool draw -q -F $fmt -c "$cs" -r "$dpi" -o "$WORK/$name-%d.$ext" "$WORK/$src.pdf" 2> /dev/null
     local pages=()
-    mapfile -t pages < <(ls "$WORK/$name"-*."$ext" | sort -t- -k2 -n)
+    mapfile -t pages < <(ls "$WORK/$name"-*."$ext" | sort -V)
     pages_to_tiff "$OUT/$ref" "$dpi" "${pages[@]}"
     rm -f "${pages[@]}"
     # The exit status: 3 (written with warnings) when the job selects a page size the printer
