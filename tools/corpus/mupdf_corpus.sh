@@ -94,9 +94,11 @@ preset() { # PRESET DPI PDF PCL
     mutool convert -F pcl -O "colorspace=mono,resolution=$2,preset=$1" -o "$4" "$3" > /dev/null
 }
 
-# mutool draw: its generic LaserJet output, Letter at 300 dpi, A4 (a custom size) at 600 dpi,
-# and colour (PCL 5 Color direct-by-pixel RGB, adaptive compression, scaled raster) on A4.
+# mutool draw: its generic LaserJet output, Letter at 300 dpi and at 75 dpi (where MuPDF's
+# rounding makes the sheet a custom 612.5 x 792 points), A4 (a custom size) at 600 dpi, and
+# colour (PCL 5 Color direct-by-pixel RGB, adaptive compression, scaled raster) on A4.
 pair draw-mono-300 text 300 mono $R5 draw 300 mono
+pair draw-mono-75 text 75 mono $R5 draw 75 mono
 pair draw-mono-600-a4 tables 600 mono $R5 draw 600 mono
 pair draw-rgb-150-a4 chess 150 rgb $R5 draw 150 rgb
 # mutool convert's presets: LaserJet III (mode 2, well-formed registration), LaserJet 4 duplex
