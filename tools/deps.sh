@@ -9,8 +9,8 @@ packages=(
     libgtest-dev
     fonts-liberation fonts-urw-base35 fonts-dejavu-core
     ghostscript netpbm groff python3 python3-pil imagemagick graphicsmagick
-    cups cups-filters cups-ppdc
-    plotutils gnuplot-nox hp2xx
+    cups cups-filters cups-ppdc printer-driver-gutenprint printer-driver-hpcups
+    plotutils gnuplot-nox hp2xx mupdf-tools
     xvfb xauth
     clang-14 libclang-rt-14-dev
     desktop-file-utils appstream help2man man-db dpkg-dev file

@@ -170,6 +170,8 @@ void Interpreter::handleParam(Parser& parser, const Command& cmd) {
                 macroControl(cmd.intValue());
             else if (f == 'S')
                 cursorCommand(cmd);
+            else if (f == 'I' || f == 'J')
+                setCustomPaperDimension(f, cmd.value);
             return;
         default: return;
         }

@@ -109,6 +109,7 @@ private:
     void applyPageSetup(const PaperSize& paper, int orientation);
     void defaultTextArea();
     void setPaper(int code);
+    void setCustomPaperDimension(char which, double decipoints);
     void setOrientation(int orientation);
     double pageLength() const { return m_logicalHeight; }
     Matrix logicalToPage() const;
@@ -209,6 +210,8 @@ private:
 
     // Page
     PaperSize m_paper;
+    double m_customWidthPt = 0;     // ESC&f#I / ESC&f#J: the custom paper size (101), 0 = unset
+    double m_customHeightPt = 0;
     int m_orientation = 0;
     int m_direction = 0;            // print direction in quarter turns counterclockwise
     bool m_pageOpen = false;

@@ -53,11 +53,26 @@ void Interpreter::setPaper(int code) {
         warnOnce("PCL 5: unknown page size " + std::to_string(code) + " ignored");
         return;
     }
+    // The custom size takes the width and length given before it (ESC&f#I, ESC&f#J); without
+    // them it stays the table's.
+    if (paper->code == kCustomPaperCode) {
+        if (m_customWidthPt > 0)
+            paper->widthPt = m_customWidthPt;
+        if (m_customHeightPt > 0)
+            paper->heightPt = m_customHeightPt;
+    }
     // Selecting the size already in use changes nothing: the page goes on.
-    if (paper->code == m_paper.code)
+    if (paper->code == m_paper.code && paper->widthPt == m_paper.widthPt && paper->heightPt == m_paper.heightPt)
         return;
     ejectPage();
     applyPageSetup(*paper, m_orientation);
+}
+
+void Interpreter::setCustomPaperDimension(char which, double decipoints) {
+    // Decipoints, within what a sheet can be (1 to 100 inches); other values are ignored.
+    if (!(decipoints >= 720 && decipoints <= 72000))
+        return;
+    (which == 'I' ? m_customWidthPt : m_customHeightPt) = decipoints / 10;
 }
 
 void Interpreter::setOrientation(int orientation) {

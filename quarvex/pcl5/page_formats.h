@@ -14,6 +14,9 @@ struct PaperSize {
     bool metric;          // a metric size (millimetres)
 };
 
+// ESC&l#A's custom size: its width and length come from ESC&f#I and ESC&f#J.
+constexpr int kCustomPaperCode = 101;
+
 // The size for an ESC&l#A code; nullopt when the printer does not know the code.
 std::optional<PaperSize> paperByCode(int code);
 // The size for a PJL PAPER name (LETTER, A4, ...); nullopt when unknown.

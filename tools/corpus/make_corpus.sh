@@ -21,10 +21,10 @@
 # "SHARE@DX,DY" (pixels, engine to reference), with the reason beside it. "SHARE@sheet" marks a
 # reference drawn on the sheet where the job's own commands put each mark (groff's LaserJet
 # layout), compared as it lies. size is the expected page size in points (WxH) or "-" (take it
-# from the reference).
+# from the reference). An optional ninth field is quarvex's expected exit status (default 0).
 #
 # Deterministic: the same system gives the same files. Needs gs, groff, netpbm, python3 (PIL);
-# ImageMagick, GraphicsMagick and MuPDF's tools add their producers when installed.
+# ImageMagick, GraphicsMagick, MuPDF's mutool and hp2xx add their producers when installed.
 set -euo pipefail
 
 if [ $# -ne 1 ]; then
@@ -434,5 +434,8 @@ export SOURCE_DATE_EPOCH LC_ALL
 
 bash "$HERE/groff_corpus.sh" "$OUT" "$MANIFEST" # groff -Tlj4 man pages against groff's own layout
 bash "$HERE/hpgl2_corpus.sh" "$OUT" # plotutils plots, PCL against their PostScript
+bash "$HERE/mupdf_corpus.sh" "$OUT" "$SRC" "$MANIFEST" # mutool's PCL against its own bitmaps
+bash "$HERE/hp2xx_corpus.sh" "$OUT" "$MANIFEST" "$HERE/../../tests/quarvex/hpgl2/data/shapes.pic" # hp2xx PCL against its PBM
+bash "$HERE/cups_drivers_corpus.sh" "$OUT" "$SRC" "$MANIFEST" # Gutenprint and hpcups against Ghostscript
 mv "$MANIFEST" "$OUT/manifest.tsv"
 log "$(($(wc -l < "$OUT/manifest.tsv") - 1)) files in $OUT/manifest.tsv"

@@ -569,3 +569,21 @@ TEST(Pcl5PageModel, UserPatternsKeepTheResolutionTheyWereDesignedAt) {
             << c.pattern.size() << "-byte pattern at " << c.dpi << " dpi";
     }
 }
+
+TEST(Pcl5PageModel, CustomPaperSizeTakesItsWidthAndLength) {
+    // MuPDF's LaserJet jobs on A4: the custom size with its width and length in decipoints.
+    auto pages = renderPcl(ESC + "E" + ESC + "&f5952I" + ESC + "&f8424J" + ESC + "&l101A" + kCornerMark, 150, 1);
+    ASSERT_EQ(pages.size(), 1u);
+    EXPECT_EQ(pages[0].width, 1240);
+    EXPECT_EQ(pages[0].height, 1755);
+    // Without them the custom size is Letter.
+    pages = renderPcl(ESC + "E" + ESC + "&l101A" + kCornerMark, 150, 1);
+    ASSERT_EQ(pages.size(), 1u);
+    EXPECT_EQ(pages[0].width, 1275);
+    EXPECT_EQ(pages[0].height, 1650);
+    // The same custom size again leaves the page open; another one ends it.
+    Result r = runPcl(ESC + "&f7200I" + ESC + "&l101A" + "x" + ESC + "&f7200I" + ESC + "&l101A" + "y");
+    EXPECT_EQ(r.pages, 1);
+    r = runPcl(ESC + "&f7200I" + ESC + "&l101A" + "x" + ESC + "&f6000I" + ESC + "&l101A" + "y");
+    EXPECT_EQ(r.pages, 2);
+}
