@@ -115,6 +115,7 @@ SpoolContents readSpool(const uint8_t* data, size_t size) {
     out.documentName = headerString(header, file.u32(8));
 
     bool haveDevMode = false;
+    bool pageOpen = false; // a page content record waits for its page offset record
     DevMode devMode;
     // Records start on 4-byte boundaries.
     size_t pos = (size_t(headerSize) + 3) & ~size_t(3);
@@ -152,6 +153,7 @@ SpoolContents readSpool(const uint8_t* data, size_t size) {
             page.devMode = devMode;
             page.monochrome = type == EMRI_BW_METAFILE || type == EMRI_BW_FORM_METAFILE;
             out.pages.push_back(page);
+            pageOpen = true;
             break;
         }
         case EMRI_DEVMODE:
@@ -160,6 +162,8 @@ SpoolContents readSpool(const uint8_t* data, size_t size) {
             break;
         case EMRI_METAFILE_EXT:
         case EMRI_BW_METAFILE_EXT:
+            pageOpen = false;
+            [[fallthrough]];
         case EMRI_ENGINE_FONT_EXT:
         case EMRI_TYPE1_FONT_EXT:
         case EMRI_DESIGNVECTOR_EXT:
@@ -177,7 +181,7 @@ SpoolContents readSpool(const uint8_t* data, size_t size) {
         case EMRI_DESIGNVECTOR:
         case EMRI_SUBSET_FONT:
         case EMRI_DELTA_FONT:
-            ++out.fontRecords;
+            out.fonts.push_back({type, body, pageOpen ? out.pages.size() - 1 : out.pages.size()});
             break;
         case EMRI_PRESTARTPAGE:
         case EMRI_PS_JOB_DATA:

@@ -4,8 +4,8 @@
 // its size, the offsets of the document and output names), then data records of an 8-byte
 // head (record type, size of the data that follows) rounded up to 4 bytes. Page content records
 // carry one whole EMF metafile each; devmode records carry the DEVMODEW that the pages after
-// them print with; font records carry fonts the pages use; page offset records point back at
-// page content records and add nothing new.
+// them print with; font definition records carry fonts the pages use; page and font offset
+// records point back at records already read and add nothing new.
 
 #include "emf/bytes.h"
 
@@ -35,10 +35,19 @@ struct SpoolPage {
     bool monochrome = false; // a black-and-white page content record
 };
 
+// A font definition record at the spool level. It serves the page whose content record came
+// before it and whose page offset record has not come yet, else the next page, and every page
+// after that.
+struct SpoolFont {
+    uint32_t type = 0;
+    Bytes body;
+    size_t firstPage = 0; // index into SpoolContents::pages
+};
+
 struct SpoolContents {
     std::string documentName; // from the header, as UTF-8; may be empty
     std::vector<SpoolPage> pages;
-    size_t fontRecords = 0;   // embedded font definitions (drawn with substitute fonts)
+    std::vector<SpoolFont> fonts;
     std::vector<std::string> problems; // damage found, one phrase each
     size_t used = 0;          // bytes of the input that belong to the spool file
 };
