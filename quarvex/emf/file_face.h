@@ -32,6 +32,7 @@ public:
     bool italic() const { return m_italic; }
 
     // By character, through the font's Unicode map.
+    bool hasChar(char32_t c) const { return glyphFor(c) != 0; }
     double advance(char32_t c) const;
     std::optional<GlyphBitmap> render(char32_t c, const Matrix& fontToDevice) const;
 

@@ -15,7 +15,8 @@
 // glyphs of the producer's own font file. It is drawn with the font the spool file embeds
 // under the logical font's face name; failing that, with the stand-in when that is the very
 // font named (a file made where DejaVu or Liberation fonts were used); otherwise it is left
-// out with a warning, as any other font's glyph numbers would draw the wrong letters.
+// out with a warning, as any other font's glyph numbers would draw the wrong letters. Text
+// given as characters in an embedded font is drawn with that font too.
 
 #include "emf/player_state.h"
 
@@ -246,7 +247,16 @@ void Player::Impl::drawText(Point reference, const std::u32string& text, bool gl
         warnOnce("text inside a path is left out of the path");
         return;
     }
-    const FileFace* file = glyphIndices ? glyphFaceFor(dc.font) : fileFaceFor(dc.font);
+    // Characters in a font the file embeds are drawn with it when its character map has them
+    // all; otherwise a stand-in draws them.
+    const FileFace* file = glyphIndices ? glyphFaceFor(dc.font) : nullptr;
+    if (!glyphIndices) {
+        file = embedded.find(dc.font.face, dc.font.weight >= 600, dc.font.italic);
+        if (file && !std::all_of(text.begin(), text.end(), [&](char32_t c) { return c == ' ' || file->hasChar(c); }))
+            file = nullptr;
+        if (!file)
+            file = fileFaceFor(dc.font);
+    }
     if (glyphIndices && !file) {
         warnOnce("text given as glyph numbers of \"" + dc.font.face +
                  "\", a font neither embedded in the file nor on this system, is left out");

@@ -376,6 +376,9 @@ TEST(EmfGlyphText, EngineFontRecordDrawsGlyphNumbers) {
     glyphText(w, l1, 120, 300);
     w.font(2, -90, u"Liberation Sans Narrow").rec(SELECTOBJECT, {2});
     glyphText(w, l2, 120, 500);
+    // Characters in the embedded font are drawn with it too.
+    const Line l3 = layout(f.narrow, "Characters as well", 120, 700, 90);
+    w.textItems(EXTTEXTOUTW, {{120, 700, u"Characters as well", ETO_NO_RECT, l3.dx}});
     const Buffer emf = w.finish();
 
     SpoolWriter s;
@@ -385,13 +388,17 @@ TEST(EmfGlyphText, EngineFontRecordDrawsGlyphNumbers) {
     EXPECT_FALSE(r.warned("glyph")) << r.all();
     std::vector<Placed> all = l1.placed;
     all.insert(all.end(), l2.placed.begin(), l2.placed.end());
+    all.insert(all.end(), l3.placed.begin(), l3.placed.end());
     expectLikeGhostscript(r.pages[0], kNarrow, all, "engine_font");
 
-    // Without the record the glyph numbers have no font: one warning, no ink.
+    // Without the record the glyph numbers have no font: one warning, no ink of theirs; the
+    // characters come in the stand-in's wider shapes.
     const Rendered bare = render(test::makeSpool({emf}));
     ASSERT_EQ(bare.pages.size(), 1u);
     EXPECT_TRUE(bare.warned("glyph numbers of \"Liberation Sans Narrow\"")) << bare.all();
-    EXPECT_EQ(inkOf(bare.pages[0]), 0);
+    const Ink charactersOnly = ghostscript(kNarrow, l3.placed);
+    EXPECT_LT(qxtest::inkFScore(bare.pages[0], charactersOnly), 0.9);
+    EXPECT_GT(qxtest::inkFScore(bare.pages[0], charactersOnly), 0.3);
 }
 
 // The first page's metafile embeds a subset with its own glyphs; the second page's embeds a
