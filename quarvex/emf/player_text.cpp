@@ -1,4 +1,4 @@
-// Text records: EMR_EXTTEXTOUTW/A and EMR_POLYTEXTOUTW/A, drawn with the resident fonts, or
+// Text records: EMR_EXTTEXTOUTW/A, EMR_POLYTEXTOUTW/A and EMR_SMALLTEXTOUT, drawn with the resident fonts, or
 // with the fonts the spool file embeds when the text is given as glyph numbers.
 //
 // Metafiles name their fonts (LOGFONT face names); the faces Windows documents use most have
@@ -121,9 +121,26 @@ bool Player::Impl::playTextRecord(uint32_t type, Bytes rec) {
             warnOnce("a text record with more strings than it holds is cut short");
         return true;
     }
-    case EMR_SMALLTEXTOUT:
-        warnOnce("text records of type " + std::to_string(type) + " are not drawn");
+    case EMR_SMALLTEXTOUT: {
+        // Reference point, count, options, graphics mode, two scales, the bounds (device units,
+        // nothing to draw) unless ETO_NO_RECT, then 8-bit characters with ETO_SMALL_CHARS, else
+        // 16-bit characters or glyph numbers. No advances: the font's own.
+        constexpr uint32_t ETO_GLYPH_INDEX = 0x10, ETO_NO_RECT = 0x100, ETO_SMALL_CHARS = 0x200;
+        const uint32_t chars = rec.u32(16), options = rec.u32(20);
+        const bool narrow = options & ETO_SMALL_CHARS;
+        const size_t at = (options & ETO_NO_RECT) ? 36 : 52;
+        if (!rec.has(at, size_t(chars) * (narrow ? 1 : 2))) {
+            warnOnce("a text record whose characters run past its end is left out");
+            return true;
+        }
+        std::u32string text;
+        text.reserve(chars);
+        for (uint32_t i = 0; i < chars; ++i)
+            text.push_back(narrow ? rec.u8(at + i) : rec.u16(at + size_t(i) * 2));
+        drawText({double(rec.i32(8)), double(rec.i32(12))}, text, !narrow && (options & ETO_GLYPH_INDEX), {}, {},
+                 options & (ETO_GLYPH_INDEX | ETO_NO_RECT), nullptr, rec.u32(24) == 2);
         return true;
+    }
     default:
         return false;
     }

@@ -52,7 +52,7 @@ constexpr double kPtPerUnit = 72.0 / 25.4 / kPxPerMm;
 constexpr double kPi = 3.14159265358979323846;
 
 enum : uint32_t {
-    EXTTEXTOUTW = 84, POLYTEXTOUTW = 97, SELECTOBJECT = 37, SETTEXTALIGN = 22, SETWORLD = 35,
+    EXTTEXTOUTW = 84, POLYTEXTOUTW = 97, SMALLTEXTOUT = 108, ETO_SMALL_CHARS = 0x200, SELECTOBJECT = 37, SETTEXTALIGN = 22, SETWORLD = 35,
     ETO_NO_RECT = 0x100, ETO_GLYPH_INDEX = 0x10, ETO_PDY = 0x2000, TA_BASELINE = 24, TA_CENTER = 6,
 };
 
@@ -177,14 +177,15 @@ struct Line {
 };
 
 Line layout(const qx::test::TrueTypeSource& src, const std::string& text, double x, double y, int em, double angleDeg = 0,
-            bool center = false, const std::vector<int>& rises = {}) {
+            bool center = false, const std::vector<int>& rises = {}, bool rounded = true) {
     Line l;
     std::vector<double> adv;
     double total = 0;
     for (char c : text) {
         const uint16_t id = src.glyphIndex(char32_t(c));
         l.glyphs.push_back(char16_t(id));
-        adv.push_back(std::round(src.metrics(id).first * double(em) / src.unitsPerEm()));
+        const double exact = src.metrics(id).first * double(em) / src.unitsPerEm();
+        adv.push_back(rounded ? std::round(exact) : exact);
         total += adv.back();
     }
     const double a = angleDeg * kPi / 180;
@@ -363,6 +364,24 @@ struct Fonts {
     Fonts() { ok = narrow.load(kNarrow) && dejavu.load(kDejaVu) && !(narrowFile = readFile(kNarrow)).empty(); }
 };
 
+// An EMR_SMALLTEXTOUT body: reference point, count, options, compatible graphics mode, scales,
+// bounds unless ETO_NO_RECT, then the characters (8-bit with ETO_SMALL_CHARS).
+Buffer smallText(int x, int y, uint32_t options, const std::u16string& chars) {
+    Buffer b;
+    for (uint32_t v : {uint32_t(x), uint32_t(y), uint32_t(chars.size()), options, 1u, 0u, 0u})
+        test::put32(b, v);
+    if (!(options & ETO_NO_RECT))
+        for (int i = 0; i < 4; ++i)
+            test::put32(b, 0);
+    for (char16_t c : chars) {
+        if (options & ETO_SMALL_CHARS)
+            b.push_back(uint8_t(c));
+        else
+            test::put16(b, uint16_t(c));
+    }
+    return b;
+}
+
 // ------------------------------------------------------------------ the tests
 
 // A whole TrueType file as an engine font record before the page; the stand-in for "Liberation
@@ -465,7 +484,8 @@ TEST(EmfGlyphText, SpoolLevelSubsetAndDelta) {
     expectLikeGhostscript(r.pages[1], kNarrow, l2.placed, "spool_delta_page2");
 }
 
-// Rises (ETO_PDY), escapement with centred alignment, and a multi-string record.
+// Rises (ETO_PDY), escapement with centred alignment, a multi-string record and small text
+// records.
 TEST(EmfGlyphText, RisesRotationAlignmentAndPolyText) {
     Fonts f;
     ASSERT_TRUE(f.ok);
@@ -480,13 +500,20 @@ TEST(EmfGlyphText, RisesRotationAlignmentAndPolyText) {
                                {300, 700, b.glyphs, ETO_GLYPH_INDEX, b.dx}});
     w.font(2, -70, u"Liberation Sans Narrow", 400, 300).rec(SELECTOBJECT, {2}).rec(SETTEXTALIGN, {TA_BASELINE | TA_CENTER});
     glyphText(w, turned, 500, 900);
+    // EMR_SMALLTEXTOUT: glyph numbers with the font's own advances, and 8-bit characters.
+    const Line small = layout(f.narrow, "Small record", 600, 350, 70, 0, false, {}, false);
+    const Line smallChars = layout(f.narrow, "Small chars", 600, 500, 70, 0, false, {}, false);
+    w.rec(SELECTOBJECT, {1}).rec(SETTEXTALIGN, {TA_BASELINE});
+    w.font(3, -70, u"Liberation Sans Narrow").rec(SELECTOBJECT, {3});
+    w.raw(SMALLTEXTOUT, smallText(600, 350, ETO_NO_RECT | ETO_GLYPH_INDEX, small.glyphs));
+    w.raw(SMALLTEXTOUT, smallText(600, 500, ETO_SMALL_CHARS, u"Small chars"));
     SpoolWriter s;
     s.record(kSpoolEngineFont, test::engineFont({f.narrowFile})).page(w.finish());
     const Rendered r = render(s.finish());
     ASSERT_EQ(r.pages.size(), 1u);
     EXPECT_FALSE(r.warned("glyph")) << r.all();
     std::vector<Placed> all;
-    for (const Line* l : {&wave, &turned, &a, &b})
+    for (const Line* l : {&wave, &turned, &a, &b, &small, &smallChars})
         all.insert(all.end(), l->placed.begin(), l->placed.end());
     expectLikeGhostscript(r.pages[0], kNarrow, all, "rises_rotation_poly");
 }
