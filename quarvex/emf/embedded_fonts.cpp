@@ -1,5 +1,7 @@
 #include "emf/embedded_fonts.h"
 
+#include "emf/spool.h"
+
 #include <algorithm>
 #include <cctype>
 #include <map>
@@ -111,8 +113,8 @@ uint32_t tableChecksum(const std::vector<uint8_t>& v, size_t at, size_t length) 
 } // namespace
 
 bool isFontDefinitionRecord(uint32_t type) {
-    return type == kSpoolEngineFont || type == kSpoolType1Font || type == kSpoolDesignVector ||
-           type == kSpoolSubsetFont || type == kSpoolDeltaFont;
+    return type == EMRI_ENGINE_FONT || type == EMRI_TYPE1_FONT || type == EMRI_DESIGNVECTOR ||
+           type == EMRI_SUBSET_FONT || type == EMRI_DELTA_FONT;
 }
 
 struct EmbeddedFonts::Entry {
@@ -207,7 +209,7 @@ std::string EmbeddedFonts::keep(std::vector<uint8_t> data, bool subset, uint64_t
 
 std::string EmbeddedFonts::add(uint32_t type, Bytes body) {
     switch (type) {
-    case kSpoolEngineFont: {
+    case EMRI_ENGINE_FONT: {
         // Type1ID (0 for TrueType), NumFiles, the file sizes, padding to 8 bytes, the files.
         const uint64_t files = body.u32(4);
         if (files == 0 || !body.has(8, files * 4))
@@ -234,14 +236,14 @@ std::string EmbeddedFonts::add(uint32_t type, Bytes body) {
         }
         return problem;
     }
-    case kSpoolSubsetFont:
-    case kSpoolDeltaFont: {
+    case EMRI_SUBSET_FONT:
+    case EMRI_DELTA_FONT: {
         // UniversalFontId (checksum, index), then the font data.
         if (body.size < 8 + 12)
             return "an embedded font record too short for its font is not used";
         const uint64_t ufi = uint64_t(body.u32(0)) << 32 | body.u32(4);
         const Bytes data = body.sub(8, body.size - 8);
-        if (type == kSpoolSubsetFont)
+        if (type == EMRI_SUBSET_FONT)
             return keep(std::vector<uint8_t>(data.data, data.data + data.size), true, ufi);
         // The latest subset of the same font takes the delta.
         for (auto it = m_entries.rbegin(); it != m_entries.rend(); ++it) {
@@ -268,7 +270,7 @@ std::string EmbeddedFonts::add(uint32_t type, Bytes body) {
         }
         return "an embedded font delta without the subset font before it is not used";
     }
-    case kSpoolType1Font:
+    case EMRI_TYPE1_FONT:
         return "an embedded PostScript Type 1 font is not used";
     default:
         return "";

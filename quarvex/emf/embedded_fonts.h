@@ -33,14 +33,7 @@ namespace qx::emf {
 inline constexpr size_t kMaxFontBytes = size_t(256) << 20;
 inline constexpr size_t kMaxFontMergeBytes = size_t(1) << 30;
 
-// The font definition record types of the spool format.
-enum : uint32_t {
-    kSpoolEngineFont = 2,
-    kSpoolType1Font = 4,
-    kSpoolDesignVector = 6,
-    kSpoolSubsetFont = 7,
-    kSpoolDeltaFont = 8,
-};
+// Whether a spool record type is that of a font definition record.
 bool isFontDefinitionRecord(uint32_t type);
 
 class EmbeddedFonts {

@@ -8,31 +8,6 @@ namespace {
 
 constexpr uint32_t kSpoolVersion = 0x00010000;
 
-// Record types of the spool format.
-enum : uint32_t {
-    EMRI_METAFILE = 1,
-    EMRI_ENGINE_FONT = 2,
-    EMRI_DEVMODE = 3,
-    EMRI_TYPE1_FONT = 4,
-    EMRI_PRESTARTPAGE = 5,
-    EMRI_DESIGNVECTOR = 6,
-    EMRI_SUBSET_FONT = 7,
-    EMRI_DELTA_FONT = 8,
-    EMRI_FORM_METAFILE = 9,
-    EMRI_BW_METAFILE = 10,
-    EMRI_BW_FORM_METAFILE = 11,
-    EMRI_METAFILE_DATA = 12,
-    EMRI_METAFILE_EXT = 13,
-    EMRI_BW_METAFILE_EXT = 14,
-    EMRI_ENGINE_FONT_EXT = 15,
-    EMRI_TYPE1_FONT_EXT = 16,
-    EMRI_DESIGNVECTOR_EXT = 17,
-    EMRI_SUBSET_FONT_EXT = 18,
-    EMRI_DELTA_FONT_EXT = 19,
-    EMRI_PS_JOB_DATA = 20,
-    EMRI_EMBED_FONT_EXT = 21,
-};
-
 // A NUL-terminated UTF-16LE string at offset inside the header, as UTF-8 (ASCII kept, the rest
 // as '?': it is only ever shown in messages).
 std::string headerString(Bytes header, uint32_t offset) {

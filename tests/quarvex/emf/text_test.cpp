@@ -13,10 +13,12 @@
 
 #include "../fonts/truetype_source.h"
 #include "common/diagnostics.h"
+#include "common/file_io.h"
 #include "common/ink_score.h"
+#include "common/pbm.h"
 #include "common/render_job.h"
-#include "emf/embedded_fonts.h"
 #include "emf/emf.h"
+#include "emf/spool.h"
 #include "fonts/font_library.h"
 
 #include <gtest/gtest.h>
@@ -80,8 +82,8 @@ size_t lastRecord(const Buffer& emf, uint32_t type) {
 }
 
 Buffer readFile(const std::string& path) {
-    std::ifstream f(path, std::ios::binary);
-    return Buffer((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    const std::string data = qx::test::readFile(path);
+    return Buffer(data.begin(), data.end());
 }
 
 // ------------------------------------------------------------------ a font cut into pieces
@@ -221,36 +223,13 @@ using Ink = qxtest::InkMask;
 
 void dump(const Ink& b, const std::string& name) {
     const char* dir = std::getenv("QX_EMF_TEXT_DUMP");
-    if (!dir || !*dir || b.width <= 0)
-        return;
-    std::ofstream f(fs::path(dir) / (name + ".pbm"), std::ios::binary);
-    f << "P4\n" << b.width << " " << b.height << "\n";
-    std::vector<char> row(size_t(b.width + 7) / 8);
-    for (int y = 0; y < b.height; ++y) {
-        std::fill(row.begin(), row.end(), 0);
-        for (int x = 0; x < b.width; ++x)
-            if (b.at(x, y))
-                row[size_t(x >> 3)] = char(row[size_t(x >> 3)] | (0x80 >> (x & 7)));
-        f.write(row.data(), long(row.size()));
-    }
+    if (dir && *dir && b.width > 0)
+        qxtest::writePbm(b, fs::path(dir) / (name + ".pbm"));
 }
-
-struct Scratch {
-    fs::path dir;
-    Scratch() {
-        char tmpl[] = "/tmp/qx_emf_text_XXXXXX";
-        if (char* d = mkdtemp(tmpl))
-            dir = d;
-    }
-    ~Scratch() {
-        std::error_code ec;
-        fs::remove_all(dir, ec);
-    }
-};
 
 // Ghostscript's rendering of the glyphs in the font file, each at its place.
 Ink ghostscript(const std::string& fontFile, const std::vector<Placed>& glyphs) {
-    Scratch s;
+    qx::test::ScratchDir s("qx_emf_text");
     if (s.dir.empty())
         return {};
     std::ofstream(s.dir / "Fontmap") << "/QxTestFont (" << fontFile << ") ;\n";
@@ -273,30 +252,13 @@ Ink ghostscript(const std::string& fontFile, const std::vector<Placed>& glyphs) 
                             (s.dir / "text.ps").string() + " 2>&1";
     if (std::system(cmd.c_str()) != 0)
         return {};
-    std::ifstream f(s.dir / "ref.pbm", std::ios::binary);
-    std::string magic;
-    Ink b;
-    f >> magic >> std::ws;
-    while (f.peek() == '#')
-        f.ignore(1 << 16, '\n');
-    f >> b.width >> b.height;
-    f.get();
-    if (magic != "P4" || !f || b.width <= 0 || b.height <= 0)
-        return {};
-    b = Ink(b.width, b.height);
-    std::vector<uint8_t> row(size_t(b.width + 7) / 8);
-    for (int y = 0; y < b.height && f.read(reinterpret_cast<char*>(row.data()), long(row.size())); ++y)
-        qxtest::unpackInkBits(row.data(), b.width, b.row(y));
-    return b;
+    return qxtest::readPbm(s.dir / "ref.pbm");
 }
 
 struct Pages : PageSink {
     std::vector<Ink> pages;
     bool writePage(const RasterPage& p) override {
-        Ink b(p.width, p.height);
-        for (int y = 0; y < p.height; ++y)
-            qxtest::unpackInkBits(p.row(y), p.width, b.row(y));
-        pages.push_back(std::move(b));
+        pages.push_back(qxtest::inkOfBilevelPage(p));
         return true;
     }
 };
@@ -343,6 +305,14 @@ void expectLikeGhostscript(const Ink& ours, const std::string& fontFile, const s
     std::printf("%s: ink %ld against %ld, F-score %.4f\n", name.c_str(), inkOf(ours), inkOf(ref), f);
     EXPECT_GT(inkOf(ref), 2000) << name;
     EXPECT_GE(f, 0.9) << name;
+}
+
+// A subset font's page and a delta font's page, drawn without a word about fonts.
+void expectTwoPages(const Rendered& r, const Line& first, const Line& second, const std::string& name) {
+    ASSERT_EQ(r.pages.size(), 2u);
+    EXPECT_FALSE(r.warned("font")) << r.all();
+    expectLikeGhostscript(r.pages[0], kNarrow, first.placed, name + "_subset_page1");
+    expectLikeGhostscript(r.pages[1], kNarrow, second.placed, name + "_delta_page2");
 }
 
 // A page header, a font of the face and em (escapement in tenths of a degree) in handle 1,
@@ -401,7 +371,7 @@ TEST(EmfGlyphText, EngineFontRecordDrawsGlyphNumbers) {
     const Buffer emf = w.finish();
 
     SpoolWriter s;
-    s.record(kSpoolEngineFont, test::engineFont({f.narrowFile})).page(emf);
+    s.record(EMRI_ENGINE_FONT, test::engineFont({f.narrowFile})).page(emf);
     const Rendered r = render(s.finish());
     ASSERT_EQ(r.pages.size(), 1u);
     EXPECT_FALSE(r.warned("glyph")) << r.all();
@@ -440,19 +410,15 @@ TEST(EmfGlyphText, SubsetAndDeltaMergeAcrossPages) {
     const Line l1 = layout(f.narrow, first, 150, 400, 80);
     const Line l2 = layout(f.narrow, second, 150, 400, 80);
     EmfWriter p1(kPageMm, kPageMm, kPxPerMm);
-    p1.fontComment(test::spoolRecord(kSpoolSubsetFont, test::subsetFont(0x1234, 7, subset)));
+    p1.fontComment(test::spoolRecord(EMRI_SUBSET_FONT, test::subsetFont(0x1234, 7, subset)));
     p1.font(1, -80, u"Liberation Sans Narrow").rec(SELECTOBJECT, {1}).rec(SETTEXTALIGN, {TA_BASELINE});
     glyphText(p1, l1, 150, 400);
     EmfWriter p2(kPageMm, kPageMm, kPxPerMm);
-    p2.fontComment(test::spoolRecord(kSpoolDeltaFont, test::subsetFont(0x1234, 7, delta)));
+    p2.fontComment(test::spoolRecord(EMRI_DELTA_FONT, test::subsetFont(0x1234, 7, delta)));
     p2.font(1, -80, u"Liberation Sans Narrow").rec(SELECTOBJECT, {1}).rec(SETTEXTALIGN, {TA_BASELINE});
     glyphText(p2, l2, 150, 400);
 
-    const Rendered r = render(test::makeSpool({p1.finish(), p2.finish()}));
-    ASSERT_EQ(r.pages.size(), 2u);
-    EXPECT_FALSE(r.warned("font")) << r.all();
-    expectLikeGhostscript(r.pages[0], kNarrow, l1.placed, "subset_page1");
-    expectLikeGhostscript(r.pages[1], kNarrow, l2.placed, "delta_page2");
+    expectTwoPages(render(test::makeSpool({p1.finish(), p2.finish()})), l1, l2, "comment");
 }
 
 // Spool-level subset and delta records serve the page open when they come, and those after.
@@ -472,16 +438,12 @@ TEST(EmfGlyphText, SpoolLevelSubsetAndDelta) {
     glyphText(p2, l2, 100, 300);
     SpoolWriter s;
     s.openPage(p1.finish())
-        .record(kSpoolSubsetFont, test::subsetFont(1, 0, cutFont(f.narrowFile, f.narrow, lower)))
+        .record(EMRI_SUBSET_FONT, test::subsetFont(1, 0, cutFont(f.narrowFile, f.narrow, lower)))
         .closePage()
         .openPage(p2.finish())
-        .record(kSpoolDeltaFont, test::subsetFont(1, 0, cutFont(f.narrowFile, f.narrow, upper)))
+        .record(EMRI_DELTA_FONT, test::subsetFont(1, 0, cutFont(f.narrowFile, f.narrow, upper)))
         .closePage();
-    const Rendered r = render(s.finish());
-    ASSERT_EQ(r.pages.size(), 2u);
-    EXPECT_FALSE(r.warned("font")) << r.all();
-    expectLikeGhostscript(r.pages[0], kNarrow, l1.placed, "spool_subset_page1");
-    expectLikeGhostscript(r.pages[1], kNarrow, l2.placed, "spool_delta_page2");
+    expectTwoPages(render(s.finish()), l1, l2, "spool");
 }
 
 // Rises (ETO_PDY), escapement with centred alignment, a multi-string record and small text
@@ -508,7 +470,7 @@ TEST(EmfGlyphText, RisesRotationAlignmentAndPolyText) {
     w.raw(SMALLTEXTOUT, smallText(600, 350, ETO_NO_RECT | ETO_GLYPH_INDEX, small.glyphs));
     w.raw(SMALLTEXTOUT, smallText(600, 500, ETO_SMALL_CHARS, u"Small chars"));
     SpoolWriter s;
-    s.record(kSpoolEngineFont, test::engineFont({f.narrowFile})).page(w.finish());
+    s.record(EMRI_ENGINE_FONT, test::engineFont({f.narrowFile})).page(w.finish());
     const Rendered r = render(s.finish());
     ASSERT_EQ(r.pages.size(), 1u);
     EXPECT_FALSE(r.warned("glyph")) << r.all();
@@ -560,26 +522,26 @@ TEST(EmfGlyphTextHostile, EngineFontLengthsThatDoNotFit) {
     // A file size past the record's end.
     Buffer body = test::engineFont({f.narrowFile});
     test::set32(body, 8, uint32_t(f.narrowFile.size() + 1000));
-    Rendered r = render(spoolWithFont(kSpoolEngineFont, body, emf));
+    Rendered r = render(spoolWithFont(EMRI_ENGINE_FONT, body, emf));
     EXPECT_EQ(r.pages.size(), 1u);
     EXPECT_TRUE(r.warned("run past its end")) << r.all();
     // A file count no record could hold.
     body = test::engineFont({f.narrowFile});
     test::set32(body, 4, 0xFFFFFFFFu);
-    r = render(spoolWithFont(kSpoolEngineFont, body, emf));
+    r = render(spoolWithFont(EMRI_ENGINE_FONT, body, emf));
     EXPECT_EQ(r.pages.size(), 1u);
     EXPECT_TRUE(r.warned("file count")) << r.all();
     // Sizes that add up past 4 GiB.
     body = test::engineFont({Buffer(16, 0), Buffer(16, 0)});
     test::set32(body, 8, 0xFFFFFFF0u);
     test::set32(body, 12, 0x40u);
-    r = render(spoolWithFont(kSpoolEngineFont, body, emf));
+    r = render(spoolWithFont(EMRI_ENGINE_FONT, body, emf));
     EXPECT_TRUE(r.warned("run past its end")) << r.all();
     // Bytes that are no font.
-    r = render(spoolWithFont(kSpoolEngineFont, test::engineFont({Buffer(4096, 0x5a)}), emf));
+    r = render(spoolWithFont(EMRI_ENGINE_FONT, test::engineFont({Buffer(4096, 0x5a)}), emf));
     EXPECT_TRUE(r.warned("no TrueType font")) << r.all();
     // A font record whose length runs past the file: the spool walk stops there.
-    Buffer cut = spoolWithFont(kSpoolEngineFont, test::engineFont({f.narrowFile}), emf);
+    Buffer cut = spoolWithFont(EMRI_ENGINE_FONT, test::engineFont({f.narrowFile}), emf);
     cut.resize(cut.size() - emf.size() - 100);
     r = render(cut);
     EXPECT_TRUE(r.pages.empty());
@@ -590,10 +552,10 @@ TEST(EmfGlyphTextHostile, SubsetsAndDeltasThatDoNotFit) {
     ASSERT_TRUE(f.ok);
     const Buffer emf = narrowTextPage(u"\x0024\x0025");
     // A delta with no subset before it.
-    Rendered r = render(spoolWithFont(kSpoolDeltaFont, test::subsetFont(5, 5, f.narrowFile), emf));
+    Rendered r = render(spoolWithFont(EMRI_DELTA_FONT, test::subsetFont(5, 5, f.narrowFile), emf));
     EXPECT_TRUE(r.warned("without the subset")) << r.all();
     // A subset record too short to hold a font.
-    r = render(spoolWithFont(kSpoolSubsetFont, Buffer(12, 0), emf));
+    r = render(spoolWithFont(EMRI_SUBSET_FONT, Buffer(12, 0), emf));
     EXPECT_TRUE(r.warned("too short")) << r.all();
     // A delta whose glyph count is huge and whose offsets table is short: only the glyphs the
     // offsets reach count. Then one whose offsets table runs past the font: not merged.
@@ -609,8 +571,8 @@ TEST(EmfGlyphTextHostile, SubsetsAndDeltasThatDoNotFit) {
                     delta[rec + 12 + size_t(k)] = uint8_t(locaLength >> (24 - 8 * k));
         }
         SpoolWriter s;
-        s.record(kSpoolSubsetFont, test::subsetFont(5, 5, cutFont(f.narrowFile, f.narrow, {37})))
-            .record(kSpoolDeltaFont, test::subsetFont(5, 5, delta))
+        s.record(EMRI_SUBSET_FONT, test::subsetFont(5, 5, cutFont(f.narrowFile, f.narrow, {37})))
+            .record(EMRI_DELTA_FONT, test::subsetFont(5, 5, delta))
             .page(emf);
         return render(s.finish());
     };
@@ -640,7 +602,7 @@ TEST(EmfGlyphTextHostile, GlyphNumbersPastTheFontsEnd) {
         glyphs.push_back(char16_t(60000 + i % 5000));
     glyphs.push_back(char16_t(f.narrow.glyphIndex(U'A')));
     const Rendered r =
-        render(spoolWithFont(kSpoolEngineFont, test::engineFont({f.narrowFile}), narrowTextPage(glyphs)));
+        render(spoolWithFont(EMRI_ENGINE_FONT, test::engineFont({f.narrowFile}), narrowTextPage(glyphs)));
     ASSERT_EQ(r.pages.size(), 1u);
     EXPECT_TRUE(r.warned("past the end of the font")) << r.all();
     // The one real glyph is still drawn.
@@ -658,7 +620,7 @@ TEST(EmfGlyphTextHostile, HugeCharacterCounts) {
     const size_t textAt = lastRecord(emf, EXTTEXTOUTW);
     ASSERT_GT(textAt, 0u);
     test::set32(emf, textAt + 36 + 8, 0x7FFFFFFF);
-    const Rendered r = render(spoolWithFont(kSpoolEngineFont, test::engineFont({f.narrowFile}), emf));
+    const Rendered r = render(spoolWithFont(EMRI_ENGINE_FONT, test::engineFont({f.narrowFile}), emf));
     ASSERT_EQ(r.pages.size(), 1u);
     EXPECT_TRUE(r.warned("run past its end")) << r.all();
     // A multi-string record that claims a million strings.
@@ -668,7 +630,7 @@ TEST(EmfGlyphTextHostile, HugeCharacterCounts) {
     const size_t polyAt = lastRecord(poly, POLYTEXTOUTW);
     ASSERT_GT(polyAt, 0u);
     test::set32(poly, polyAt + 36, 1000000);
-    const Rendered q = render(spoolWithFont(kSpoolEngineFont, test::engineFont({f.narrowFile}), poly));
+    const Rendered q = render(spoolWithFont(EMRI_ENGINE_FONT, test::engineFont({f.narrowFile}), poly));
     ASSERT_EQ(q.pages.size(), 1u);
     EXPECT_TRUE(q.warned("more strings than it holds")) << q.all();
 }
