@@ -112,11 +112,6 @@ uint32_t tableChecksum(const std::vector<uint8_t>& v, size_t at, size_t length) 
 
 } // namespace
 
-bool isFontDefinitionRecord(uint32_t type) {
-    return type == EMRI_ENGINE_FONT || type == EMRI_TYPE1_FONT || type == EMRI_DESIGNVECTOR ||
-           type == EMRI_SUBSET_FONT || type == EMRI_DELTA_FONT;
-}
-
 struct EmbeddedFonts::Entry {
     std::unique_ptr<FileFace> face;
     std::string family; // lower case
@@ -208,6 +203,8 @@ std::string EmbeddedFonts::keep(std::vector<uint8_t> data, bool subset, uint64_t
 }
 
 std::string EmbeddedFonts::add(uint32_t type, Bytes body) {
+    if (body.data && !m_seen.insert(body.data).second)
+        return "";
     switch (type) {
     case EMRI_ENGINE_FONT: {
         // Type1ID (0 for TrueType), NumFiles, the file sizes, padding to 8 bytes, the files.

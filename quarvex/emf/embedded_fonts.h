@@ -23,6 +23,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -33,8 +34,6 @@ namespace qx::emf {
 inline constexpr size_t kMaxFontBytes = size_t(256) << 20;
 inline constexpr size_t kMaxFontMergeBytes = size_t(1) << 30;
 
-// Whether a spool record type is that of a font definition record.
-bool isFontDefinitionRecord(uint32_t type);
 
 class EmbeddedFonts {
 public:
@@ -42,8 +41,8 @@ public:
     ~EmbeddedFonts();
 
     // Takes one font definition record: its type and the data after the 8-byte record head.
-    // Returns an empty string when the record was used or is of no consequence, else a phrase
-    // that says why it is not used.
+    // Returns an empty string when the record was used (or taken before) or is of no
+    // consequence, else a phrase that says why it is not used.
     std::string add(uint32_t type, Bytes body);
     // Font definition records one after another (the contents of an EMFSPOOL comment); the
     // phrases of those not used.
@@ -61,6 +60,9 @@ private:
     struct Entry;
     std::string keep(std::vector<uint8_t> data, bool subset, uint64_t ufi);
     std::vector<std::unique_ptr<Entry>> m_entries;
+    // The records taken, by where their data lies: a record reached both through a font offset
+    // record and inside its page's EMFSPOOL comment is the same font once.
+    std::set<const uint8_t*> m_seen;
     size_t m_bytes = 0;
     size_t m_mergeBytes = 0;
 };

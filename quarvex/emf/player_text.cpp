@@ -256,10 +256,6 @@ void Player::Impl::drawText(Point reference, const std::u32string& text, bool gl
     }
     if (text.empty())
         return;
-    if (!fonts) {
-        warnOnce("text is left out: no fonts");
-        return;
-    }
     if (inPath) {
         warnOnce("text inside a path is left out of the path");
         return;
@@ -277,6 +273,10 @@ void Player::Impl::drawText(Point reference, const std::u32string& text, bool gl
     if (glyphIndices && !file) {
         warnOnce("text given as glyph numbers of \"" + dc.font.face +
                  "\", a font neither embedded in the file nor on this system, is left out");
+        return;
+    }
+    if (!file && !fonts) {
+        warnOnce("text is left out: no fonts");
         return;
     }
     const int font = file ? -1 : pickFont(*fonts, dc.font);

@@ -68,6 +68,11 @@ DevMode parseDevMode(Bytes dm) {
     return out;
 }
 
+bool isFontDefinitionRecord(uint32_t type) {
+    return type == EMRI_ENGINE_FONT || type == EMRI_TYPE1_FONT || type == EMRI_DESIGNVECTOR ||
+           type == EMRI_SUBSET_FONT || type == EMRI_DELTA_FONT;
+}
+
 bool isSpoolHeader(const uint8_t* data, size_t size) {
     const Bytes b{data, size};
     return size >= 16 && b.u32(0) == kSpoolVersion;
@@ -145,10 +150,19 @@ SpoolContents readSpool(const uint8_t* data, size_t size) {
         case EMRI_SUBSET_FONT_EXT:
         case EMRI_DELTA_FONT_EXT:
         case EMRI_EMBED_FONT_EXT: {
-            // Offsets back to records already read; only checked.
+            // Offsets back to records already read. A font offset record may point at a font
+            // definition inside a page content record: that font serves the page open now.
             const uint64_t back = body.u64(0);
-            if (length < 8 || back > pos)
+            if (length < 8 || back > pos) {
                 out.problems.push_back("an offset record at byte " + std::to_string(pos) + " points outside the file");
+                break;
+            }
+            const size_t target = pos - size_t(back);
+            const bool fontOffset = type != EMRI_METAFILE_EXT && type != EMRI_BW_METAFILE_EXT && type != EMRI_EMBED_FONT_EXT;
+            if (fontOffset && file.has(target, 8) && isFontDefinitionRecord(file.u32(target)) &&
+                file.u32(target + 4) <= size - target - 8)
+                out.fonts.push_back({file.u32(target), file.sub(target + 8, file.u32(target + 4)),
+                                     pageOpen ? out.pages.size() - 1 : out.pages.size()});
             break;
         }
         case EMRI_ENGINE_FONT:

@@ -41,6 +41,9 @@ enum : uint32_t {
     EMRI_EMBED_FONT_EXT = 21,
 };
 
+// Whether a spool record type is that of a font definition record.
+bool isFontDefinitionRecord(uint32_t type);
+
 // What a DEVMODEW says about the sheet.
 struct DevMode {
     double paperWidthMm = 0;  // 0 = not said
@@ -60,9 +63,9 @@ struct SpoolPage {
     bool monochrome = false; // a black-and-white page content record
 };
 
-// A font definition record at the spool level. It serves the page whose content record came
-// before it and whose page offset record has not come yet, else the next page, and every page
-// after that.
+// A font definition record at the spool level, or one that a font offset record points back
+// at (inside a page content record). It serves the page whose content record came before it
+// and whose page offset record has not come yet, else the next page, and every page after that.
 struct SpoolFont {
     uint32_t type = 0;
     Bytes body;

@@ -248,6 +248,15 @@ public:
         return record(13, ext);
     }
     SpoolWriter& page(const Buffer& emf) { return openPage(emf).closePage(); }
+    // A font offset record (EMRI_ENGINE_FONT_EXT and its kind) pointing back at byte at.
+    SpoolWriter& offsetRecord(uint32_t type, size_t at) {
+        Buffer ext;
+        const uint64_t back = m_out.size() - at;
+        put32(ext, uint32_t(back));
+        put32(ext, uint32_t(back >> 32));
+        return record(type, ext);
+    }
+    size_t size() const { return m_out.size(); }
     Buffer finish() const { return m_out; }
 
 private:

@@ -446,6 +446,27 @@ TEST(EmfGlyphText, SpoolLevelSubsetAndDelta) {
     expectTwoPages(render(s.finish()), l1, l2, "spool");
 }
 
+// A font definition inside a page content record (after the page's metafile), reached only
+// through the font offset record that follows.
+TEST(EmfGlyphText, FontOffsetRecordsReachFontsInsidePages) {
+    Fonts f;
+    ASSERT_TRUE(f.ok);
+    const Line l = layout(f.narrow, "Reached by offset", 100, 300, 80);
+    EmfWriter w = page(u"Liberation Sans Narrow", 80);
+    glyphText(w, l, 100, 300);
+    const Buffer emf = w.finish();
+    Buffer content = emf;
+    const Buffer font = test::spoolRecord(EMRI_ENGINE_FONT, test::engineFont({f.narrowFile}));
+    content.insert(content.end(), font.begin(), font.end());
+    SpoolWriter s;
+    const size_t pageAt = s.size();
+    s.openPage(content).offsetRecord(EMRI_ENGINE_FONT_EXT, pageAt + 8 + emf.size()).closePage();
+    const Rendered r = render(s.finish());
+    ASSERT_EQ(r.pages.size(), 1u);
+    EXPECT_FALSE(r.warned("font")) << r.all();
+    expectLikeGhostscript(r.pages[0], kNarrow, l.placed, "font_offset_record");
+}
+
 // Rises (ETO_PDY), escapement with centred alignment, a multi-string record and small text
 // records.
 TEST(EmfGlyphText, RisesRotationAlignmentAndPolyText) {
