@@ -5,6 +5,7 @@
 #include FT_TRUETYPE_TABLES_H
 
 #include <algorithm>
+#include <cmath>
 #include <fstream>
 #include <iterator>
 
@@ -80,7 +81,26 @@ uint32_t FileFace::glyphFor(char32_t c) const { return FT_Get_Char_Index(m_map->
 double FileFace::advance(char32_t c) const { return m_face->advance(glyphFor(c)); }
 
 std::optional<GlyphBitmap> FileFace::render(char32_t c, const Matrix& fontToDevice) const {
-    return m_face->renderGlyph(glyphFor(c), fontToDevice);
+    return renderGlyph(glyphFor(c), fontToDevice);
+}
+
+std::optional<GlyphBitmap> FileFace::renderGlyph(uint32_t glyph, const Matrix& m) const {
+    constexpr size_t kMaxGlyphs = 4096, kMaxBytes = size_t(8) << 20;
+    const auto q = [](double v) { return std::lround(v * 1024.0); };
+    const GlyphKey key{long(glyph), q(m.a), q(m.b), q(m.c), q(m.d)};
+    if (auto it = m_glyphs.find(key); it != m_glyphs.end())
+        return it->second;
+    std::optional<GlyphBitmap> g = m_face->renderGlyph(glyph, m);
+    const size_t bytes = g ? g->mask.bits.size() : 0;
+    if (m_glyphs.size() >= kMaxGlyphs || bytes > kMaxBytes - m_glyphBytes) {
+        m_glyphs.clear();
+        m_glyphBytes = 0;
+    }
+    if (bytes <= kMaxBytes / 4) {
+        m_glyphs.emplace(key, g);
+        m_glyphBytes += bytes;
+    }
+    return g;
 }
 
 } // namespace qx::emf

@@ -7,7 +7,9 @@
 
 #include "fonts/font_library.h"
 
+#include <array>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -39,9 +41,9 @@ public:
     // By glyph index, as the font numbers its glyphs.
     uint32_t glyphCount() const;
     double glyphAdvance(uint32_t glyph) const { return m_face->advance(glyph); }
-    std::optional<GlyphBitmap> renderGlyph(uint32_t glyph, const Matrix& fontToDevice) const {
-        return m_face->renderGlyph(glyph, fontToDevice);
-    }
+    // Rendered glyphs are kept (a few megabytes at most) for the next time they are asked for
+    // at the same size and angle: documents repeat their letters.
+    std::optional<GlyphBitmap> renderGlyph(uint32_t glyph, const Matrix& fontToDevice) const;
 
 private:
     FileFace() = default;
@@ -51,6 +53,9 @@ private:
     struct CharMap;
     std::unique_ptr<CharMap> m_map;
     FontMetrics m_metrics;
+    using GlyphKey = std::array<long, 5>; // glyph, then the matrix in 1/1024ths
+    mutable std::map<GlyphKey, std::optional<GlyphBitmap>> m_glyphs;
+    mutable size_t m_glyphBytes = 0;
     std::string m_family;
     bool m_bold = false, m_italic = false;
 };
