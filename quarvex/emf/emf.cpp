@@ -80,12 +80,13 @@ size_t run(const uint8_t* data, size_t size, JobContext& ctx) {
     const SpoolContents spool = readSpool(data, size);
     for (const std::string& problem : spool.problems)
         ctx.diag.warning("EMF spool: " + problem);
-    if (spool.fontRecords > 0)
-        ctx.diag.warning("EMF spool: " + std::to_string(spool.fontRecords) +
-                         " embedded font(s) not used; text is drawn with substitute fonts");
-    int number = 0;
-    for (const SpoolPage& page : spool.pages)
-        playPage(page.emf, &page, ctx, player, ++number);
+    // Fonts join as the pages they serve come up, in the order of their records.
+    size_t nextFont = 0;
+    for (size_t i = 0; i < spool.pages.size(); ++i) {
+        for (; nextFont < spool.fonts.size() && spool.fonts[nextFont].firstPage <= i; ++nextFont)
+            player.addFont(spool.fonts[nextFont].type, spool.fonts[nextFont].body);
+        playPage(spool.pages[i].emf, &spool.pages[i], ctx, player, int(i) + 1);
+    }
     return size;
 }
 

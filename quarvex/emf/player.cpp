@@ -77,6 +77,14 @@ Player::~Player() = default;
 
 size_t Player::recordsPlayed() const { return d->records; }
 
+void Player::addFont(uint32_t type, Bytes body) { d->addFonts({d->embedded.add(type, body)}); }
+
+void Player::Impl::addFonts(const std::vector<std::string>& problems) {
+    for (const std::string& p : problems)
+        if (!p.empty())
+            warnOnce(p);
+}
+
 void Player::Impl::warnOnce(const std::string& message) {
     if (warned.size() < 64 && warned.insert(message).second)
         diag.warning("EMF: " + message);
@@ -346,6 +354,15 @@ void Player::Impl::playRecord(uint32_t type, Bytes rec) {
         return;
     switch (type) {
     case EMR_COMMENT:
+        // Fonts that a spool file embeds in the page (an EMFSPOOL comment of font definitions).
+        if (rec.u32(12) == 0 && rec.u32(16) == 0x544F4E46) {
+            const uint32_t dataSize = rec.u32(8);
+            if (dataSize < 8 || dataSize > rec.size - 12)
+                warnOnce("an embedded font comment whose size does not fit it is left out");
+            else
+                addFonts(embedded.addRecords(rec.sub(20, dataSize - 8)));
+            return;
+        }
         // GDI+ writes its own records into comments; an "EMF+ only" metafile (the header
         // record's dual flag clear) has no GDI records to draw.
         if (rec.u32(12) == 0x2B464D45 && rec.u16(16) == 0x4001 && !(rec.u16(18) & 1))

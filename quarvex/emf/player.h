@@ -81,6 +81,10 @@ public:
     // Returns false when the metafile was damaged (a warning has been given).
     bool play(Bytes metafile, const EmfHeader& header, const PagePlacement& placement);
 
+    // A font definition record of the spool file (its type and the data after its head), for
+    // this page and those after it. Warns when the font is not used.
+    void addFont(uint32_t type, Bytes body);
+
     // Records played (for tests and benchmarks).
     size_t recordsPlayed() const;
 

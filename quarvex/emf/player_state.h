@@ -3,6 +3,7 @@
 // (player.cpp: state, objects and paths; player_shapes.cpp: shapes; player_text.cpp: text;
 // player_bitmap.cpp: bitmaps and regions).
 
+#include "emf/embedded_fonts.h"
 #include "emf/file_face.h"
 #include "emf/player.h"
 
@@ -113,6 +114,15 @@ struct Player::Impl {
     // not found); kept for the whole job.
     std::map<std::string, std::unique_ptr<FileFace>> fileFaces;
     const FileFace* fileFaceFor(const FontObject& font); // player_text.cpp
+    // The files behind resident fonts, opened to draw their glyphs by number, by path.
+    std::map<std::string, std::unique_ptr<FileFace>> residentFiles;
+    // Fonts the spool file embeds, from its records and from EMFSPOOL comments; kept for the
+    // whole job, as later pages use them too.
+    EmbeddedFonts embedded;
+    // The face that draws glyph numbers in a logical font: the embedded one of its name, else
+    // the stand-in when that is the very font named; null when neither.
+    const FileFace* glyphFaceFor(const FontObject& font); // player_text.cpp
+    void addFonts(const std::vector<std::string>& problems);
 
     // --- coordinates (player.cpp)
     Matrix pageToDeviceUnits() const;     // logical -> reference device pixels
@@ -145,8 +155,14 @@ struct Player::Impl {
     bool playBitmapRecord(uint32_t type, Bytes rec); // player_bitmap.cpp
     bool playRegionRecord(uint32_t type, Bytes rec); // player_bitmap.cpp
 
-    void drawText(Point reference, const std::u32string& text, const std::vector<double>& dx, uint32_t options,
-                  const int32_t* rect, bool graphicsAdvanced); // player_text.cpp
+    // One EmrText object at offset at of a text record: its characters (or glyph numbers) drawn.
+    // Returns the size of the object.
+    size_t playEmrText(Bytes rec, size_t at, bool wide, bool graphicsAdvanced); // player_text.cpp
+    // Characters, or glyph numbers with glyphIndices, at reference; dx holds the advances, dy
+    // the rises (ETO_PDY), in logical units, either possibly empty.
+    void drawText(Point reference, const std::u32string& text, bool glyphIndices, const std::vector<double>& dx,
+                  const std::vector<double>& dy, uint32_t options, const int32_t* rect,
+                  bool graphicsAdvanced); // player_text.cpp
     // A RGNDATA region (rectangles in reference device pixels) as a page path.
     bool regionPath(Bytes rgnData, Path& out) const;     // player_bitmap.cpp
 };

@@ -1,4 +1,5 @@
-// Text records: EMR_EXTTEXTOUTW and EMR_EXTTEXTOUTA, drawn with the resident fonts.
+// Text records: EMR_EXTTEXTOUTW/A, EMR_POLYTEXTOUTW/A and EMR_SMALLTEXTOUT, drawn with the resident fonts, or
+// with the fonts the spool file embeds when the text is given as glyph numbers.
 //
 // Metafiles name their fonts (LOGFONT face names); the faces Windows documents use most have
 // metric-compatible stand-ins in Debian, which the font library carries as resident fonts:
@@ -9,6 +10,13 @@
 // follows most closely, are drawn with the DejaVu files beside the resident fonts. Where the record gives the advance of each
 // character (the Dx array, which printer drivers and office programs always write) the
 // characters land exactly where the document put them, whatever the stand-in's own widths.
+//
+// Text given as glyph numbers (ETO_GLYPH_INDEX, which Windows programs print very often) names
+// glyphs of the producer's own font file. It is drawn with the font the spool file embeds
+// under the logical font's face name; failing that, with the stand-in when that is the very
+// font named (a file made where DejaVu or Liberation fonts were used); otherwise it is left
+// out with a warning, as any other font's glyph numbers would draw the wrong letters. Text
+// given as characters in an embedded font is drawn with that font too.
 
 #include "emf/player_state.h"
 
@@ -96,77 +104,101 @@ Matrix linear(const Matrix& m) { return {m.a, m.b, m.c, m.d, 0, 0}; }
 bool Player::Impl::playTextRecord(uint32_t type, Bytes rec) {
     switch (type) {
     case EMR_EXTTEXTOUTW:
-    case EMR_EXTTEXTOUTA: {
-        const bool advanced = rec.u32(24) == 2;
-        const Point reference{double(rec.i32(36)), double(rec.i32(40))};
-        const uint32_t chars = rec.u32(44);
-        const uint32_t offString = rec.u32(48);
-        const uint32_t options = rec.u32(52);
-        constexpr uint32_t ETO_GLYPH_INDEX = 0x10, ETO_NO_RECT = 0x100, ETO_PDY = 0x2000;
-        const bool hasRect = !(options & ETO_NO_RECT);
-        int32_t rect[4] = {rec.i32(56), rec.i32(60), rec.i32(64), rec.i32(68)};
-        const uint32_t offDx = rec.u32(hasRect ? 72 : 56);
-        const bool wide = type == EMR_EXTTEXTOUTW;
-        if (!rec.has(offString, size_t(chars) * (wide ? 2 : 1))) {
+    case EMR_EXTTEXTOUTA:
+        // Bounds, graphics mode, two scales, then one EmrText.
+        playEmrText(rec, 36, type == EMR_EXTTEXTOUTW, rec.u32(24) == 2);
+        return true;
+    case EMR_POLYTEXTOUTA:
+    case EMR_POLYTEXTOUTW: {
+        // Bounds, graphics mode, two scales, the count, then that many EmrText objects, each
+        // drawn as EMR_EXTTEXTOUT draws its one.
+        const uint32_t strings = rec.u32(36);
+        size_t at = 40;
+        uint32_t i = 0;
+        for (; i < strings && rec.has(at, 24); ++i)
+            at += playEmrText(rec, at, type == EMR_POLYTEXTOUTW, rec.u32(24) == 2);
+        if (i < strings)
+            warnOnce("a text record with more strings than it holds is cut short");
+        return true;
+    }
+    case EMR_SMALLTEXTOUT: {
+        // Reference point, count, options, graphics mode, two scales, the bounds (device units,
+        // nothing to draw) unless ETO_NO_RECT, then 8-bit characters with ETO_SMALL_CHARS, else
+        // 16-bit characters or glyph numbers. No advances: the font's own.
+        constexpr uint32_t ETO_GLYPH_INDEX = 0x10, ETO_NO_RECT = 0x100, ETO_SMALL_CHARS = 0x200;
+        const uint32_t chars = rec.u32(16), options = rec.u32(20);
+        const bool narrow = options & ETO_SMALL_CHARS;
+        const size_t at = (options & ETO_NO_RECT) ? 36 : 52;
+        if (!rec.has(at, size_t(chars) * (narrow ? 1 : 2))) {
             warnOnce("a text record whose characters run past its end is left out");
-            return true;
-        }
-        if (options & ETO_GLYPH_INDEX) {
-            warnOnce("text given as glyph numbers of a font that is not embedded is left out");
-            // The opaque box still shows.
-            drawText(reference, {}, {}, options, hasRect ? rect : nullptr, advanced);
             return true;
         }
         std::u32string text;
         text.reserve(chars);
-        for (uint32_t i = 0; i < chars; ++i) {
-            if (!wide) {
-                text.push_back(fromCp1252(rec.u8(offString + i)));
-                continue;
-            }
-            char32_t c = rec.u16(offString + size_t(i) * 2);
-            if (c >= 0xd800 && c < 0xdc00 && i + 1 < chars) {
+        for (uint32_t i = 0; i < chars; ++i)
+            text.push_back(narrow ? rec.u8(at + i) : rec.u16(at + size_t(i) * 2));
+        drawText({double(rec.i32(8)), double(rec.i32(12))}, text, !narrow && (options & ETO_GLYPH_INDEX), {}, {},
+                 options & (ETO_GLYPH_INDEX | ETO_NO_RECT), nullptr, rec.u32(24) == 2);
+        return true;
+    }
+    default:
+        return false;
+    }
+}
+
+size_t Player::Impl::playEmrText(Bytes rec, size_t at, bool wide, bool advanced) {
+    // Reference point, character count, string offset, options, the rectangle unless
+    // ETO_NO_RECT, the offset of the advances; offsets count from the record's start.
+    constexpr uint32_t ETO_GLYPH_INDEX = 0x10, ETO_NO_RECT = 0x100, ETO_PDY = 0x2000;
+    const Point reference{double(rec.i32(at)), double(rec.i32(at + 4))};
+    const uint32_t chars = rec.u32(at + 8);
+    const uint32_t offString = rec.u32(at + 12);
+    const uint32_t options = rec.u32(at + 16);
+    const bool hasRect = !(options & ETO_NO_RECT);
+    const int32_t rect[4] = {rec.i32(at + 20), rec.i32(at + 24), rec.i32(at + 28), rec.i32(at + 32)};
+    const uint32_t offDx = rec.u32(at + (hasRect ? 36 : 20));
+    const size_t objectSize = hasRect ? 40 : 24;
+    if (!rec.has(offString, size_t(chars) * (wide ? 2 : 1))) {
+        warnOnce("a text record whose characters run past its end is left out");
+        return objectSize;
+    }
+    // Glyph numbers are kept by the wide records only; the narrow ones hold characters.
+    const bool glyphIndices = wide && (options & ETO_GLYPH_INDEX);
+    const size_t per = (options & ETO_PDY) ? 2 : 1;
+    const bool haveDx = offDx != 0 && rec.has(offDx, size_t(chars) * per * 4);
+    auto dxAt = [&](size_t i) { return double(rec.i32(offDx + i * per * 4)); };
+    auto dyAt = [&](size_t i) { return per == 2 ? double(rec.i32(offDx + i * 8 + 4)) : 0.0; };
+
+    std::u32string text;
+    std::vector<double> dx, dy;
+    text.reserve(chars);
+    for (uint32_t i = 0; i < chars; ++i) {
+        char32_t c;
+        double adx = haveDx ? dxAt(i) : 0, ady = haveDx ? dyAt(i) : 0;
+        if (!wide) {
+            c = fromCp1252(rec.u8(offString + i));
+        } else {
+            c = rec.u16(offString + size_t(i) * 2);
+            // A surrogate pair is one character that takes two advances.
+            if (!glyphIndices && c >= 0xd800 && c < 0xdc00 && i + 1 < chars) {
                 const char32_t lo = rec.u16(offString + size_t(i + 1) * 2);
                 if (lo >= 0xdc00 && lo < 0xe000) {
                     c = 0x10000 + ((c - 0xd800) << 10) + (lo - 0xdc00);
                     ++i;
+                    if (haveDx)
+                        adx += dxAt(i), ady += dyAt(i);
                 }
             }
-            text.push_back(c);
         }
-        std::vector<double> dx;
-        const size_t per = (options & ETO_PDY) ? 2 : 1;
-        if (offDx != 0 && rec.has(offDx, size_t(chars) * per * 4)) {
-            for (uint32_t i = 0; i < chars; ++i)
-                dx.push_back(double(rec.i32(offDx + size_t(i) * per * 4)));
-            // Surrogate pairs take two entries; keep one advance per character drawn.
-            if (text.size() < dx.size()) {
-                std::vector<double> merged;
-                size_t k = 0;
-                for (uint32_t i = 0; i < chars && k < dx.size(); ++i) {
-                    const char16_t c = rec.u16(offString + size_t(i) * 2);
-                    if (wide && c >= 0xd800 && c < 0xdc00 && i + 1 < chars) {
-                        merged.push_back(dx[k] + (k + 1 < dx.size() ? dx[k + 1] : 0));
-                        k += 2;
-                        ++i;
-                    } else {
-                        merged.push_back(dx[k++]);
-                    }
-                }
-                dx = std::move(merged);
-            }
+        text.push_back(c);
+        if (haveDx) {
+            dx.push_back(adx);
+            if (per == 2)
+                dy.push_back(ady);
         }
-        drawText(reference, text, dx, options, hasRect ? rect : nullptr, advanced);
-        return true;
     }
-    case EMR_POLYTEXTOUTA:
-    case EMR_POLYTEXTOUTW:
-    case EMR_SMALLTEXTOUT:
-        warnOnce("text records of type " + std::to_string(type) + " are not drawn");
-        return true;
-    default:
-        return false;
-    }
+    drawText(reference, text, glyphIndices, dx, dy, options, hasRect ? rect : nullptr, advanced);
+    return objectSize;
 }
 
 const FileFace* Player::Impl::fileFaceFor(const FontObject& font) {
@@ -182,8 +214,29 @@ const FileFace* Player::Impl::fileFaceFor(const FontObject& font) {
     return it->second.get();
 }
 
-void Player::Impl::drawText(Point reference, const std::u32string& text, const std::vector<double>& dx,
-                            uint32_t options, const int32_t* rect, bool graphicsAdvanced) {
+const FileFace* Player::Impl::glyphFaceFor(const FontObject& font) {
+    if (const FileFace* e = embedded.find(font.face, font.weight >= 600, font.italic))
+        return e;
+    // Without the font in the file, glyph numbers mean something only in the producer's own
+    // font: the stand-in serves when it is that font (a document made with DejaVu or
+    // Liberation fonts).
+    const FileFace* f = fileFaceFor(font);
+    if (!f && fonts) {
+        const int index = pickFont(*fonts, font);
+        const std::string path = index >= 0 ? fonts->filePath(index) : std::string();
+        if (!path.empty()) {
+            auto it = residentFiles.find(path);
+            if (it == residentFiles.end())
+                it = residentFiles.emplace(path, FileFace::openPath(path)).first;
+            f = it->second.get();
+        }
+    }
+    return f && !font.face.empty() && lower(f->family()) == lower(font.face) ? f : nullptr;
+}
+
+void Player::Impl::drawText(Point reference, const std::u32string& text, bool glyphIndices,
+                            const std::vector<double>& dx, const std::vector<double>& dy, uint32_t options,
+                            const int32_t* rect, bool graphicsAdvanced) {
     constexpr uint32_t ETO_OPAQUE = 0x2, ETO_CLIPPED = 0x4;
     const Matrix m = logicalToPage();
     const Matrix lin = linear(m);
@@ -203,24 +256,42 @@ void Player::Impl::drawText(Point reference, const std::u32string& text, const s
     }
     if (text.empty())
         return;
-    if (!fonts) {
-        warnOnce("text is left out: no fonts");
-        return;
-    }
     if (inPath) {
         warnOnce("text inside a path is left out of the path");
         return;
     }
-    const FileFace* file = fileFaceFor(dc.font);
+    // Characters in a font the file embeds are drawn with it when its character map has them
+    // all; otherwise a stand-in draws them.
+    const FileFace* file = glyphIndices ? glyphFaceFor(dc.font) : nullptr;
+    if (!glyphIndices) {
+        file = embedded.find(dc.font.face, dc.font.weight >= 600, dc.font.italic);
+        if (file && !std::all_of(text.begin(), text.end(), [&](char32_t c) { return c == ' ' || file->hasChar(c); }))
+            file = nullptr;
+        if (!file)
+            file = fileFaceFor(dc.font);
+    }
+    if (glyphIndices && !file) {
+        warnOnce("text given as glyph numbers of \"" + dc.font.face +
+                 "\", a font neither embedded in the file nor on this system, is left out");
+        return;
+    }
+    if (!file && !fonts) {
+        warnOnce("text is left out: no fonts");
+        return;
+    }
     const int font = file ? -1 : pickFont(*fonts, dc.font);
     if (!file && (font < 0 || !fonts->available(font))) {
         warnOnce("no font file stands in for \"" + dc.font.face + "\"; its text is left out");
         return;
     }
+    if (glyphIndices && std::any_of(text.begin(), text.end(), [&](char32_t g) { return g >= file->glyphCount(); }))
+        warnOnce("glyph numbers past the end of the font \"" + dc.font.face + "\" are left out");
     const FontMetrics metrics = file ? file->metrics() : fonts->metrics(font);
-    auto advanceOf = [&](char32_t c) { return file ? file->advance(c) : fonts->advance(font, c); };
+    auto advanceOf = [&](char32_t c) {
+        return glyphIndices ? file->glyphAdvance(c) : file ? file->advance(c) : fonts->advance(font, c);
+    };
     auto render = [&](char32_t c, const Matrix& m) {
-        return file ? file->render(c, m) : fonts->renderGlyph(font, c, m);
+        return glyphIndices ? file->renderGlyph(c, m) : file ? file->render(c, m) : fonts->renderGlyph(font, c, m);
     };
     // The em size in logical units.
     double em;
@@ -261,8 +332,12 @@ void Player::Impl::drawText(Point reference, const std::u32string& text, const s
     else if (vertical == 8)
         lift = metrics.descent * em;
     Point origin{start.x + u.x * shift + v.x * lift, start.y + u.y * shift + v.y * lift};
+    // With ETO_PDY each character also rises along the font's up direction.
+    double rise = 0;
+    for (double d : dy)
+        rise += d;
     if (dc.textAlign & 1)
-        dc.current = {start.x + u.x * total, start.y + u.y * total};
+        dc.current = {start.x + u.x * total + v.x * rise, start.y + u.y * total + v.y * rise};
 
     auto along = [&](double s, double up) { return Point{origin.x + u.x * s + v.x * up, origin.y + u.y * s + v.y * up}; };
     auto band = [&](double up0, double up1) {
@@ -288,10 +363,11 @@ void Player::Impl::drawText(Point reference, const std::u32string& text, const s
         return;
     }
     const Paint paint = Paint::solid(dc.textColor);
-    double s = 0;
+    double s = 0, up = 0;
     for (size_t i = 0; i < text.size(); ++i) {
-        const Point pen = pageToDevice.apply(m.apply(along(s, 0)));
+        const Point pen = pageToDevice.apply(m.apply(along(s, up)));
         s += adv[i];
+        up += i < dy.size() ? dy[i] : 0;
         if (auto g = render(text[i], fontToDevice)) {
             if (g->mask.width > 0 && g->mask.height > 0) {
                 const Matrix maskToPage =

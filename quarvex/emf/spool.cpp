@@ -8,31 +8,6 @@ namespace {
 
 constexpr uint32_t kSpoolVersion = 0x00010000;
 
-// Record types of the spool format.
-enum : uint32_t {
-    EMRI_METAFILE = 1,
-    EMRI_ENGINE_FONT = 2,
-    EMRI_DEVMODE = 3,
-    EMRI_TYPE1_FONT = 4,
-    EMRI_PRESTARTPAGE = 5,
-    EMRI_DESIGNVECTOR = 6,
-    EMRI_SUBSET_FONT = 7,
-    EMRI_DELTA_FONT = 8,
-    EMRI_FORM_METAFILE = 9,
-    EMRI_BW_METAFILE = 10,
-    EMRI_BW_FORM_METAFILE = 11,
-    EMRI_METAFILE_DATA = 12,
-    EMRI_METAFILE_EXT = 13,
-    EMRI_BW_METAFILE_EXT = 14,
-    EMRI_ENGINE_FONT_EXT = 15,
-    EMRI_TYPE1_FONT_EXT = 16,
-    EMRI_DESIGNVECTOR_EXT = 17,
-    EMRI_SUBSET_FONT_EXT = 18,
-    EMRI_DELTA_FONT_EXT = 19,
-    EMRI_PS_JOB_DATA = 20,
-    EMRI_EMBED_FONT_EXT = 21,
-};
-
 // A NUL-terminated UTF-16LE string at offset inside the header, as UTF-8 (ASCII kept, the rest
 // as '?': it is only ever shown in messages).
 std::string headerString(Bytes header, uint32_t offset) {
@@ -93,6 +68,11 @@ DevMode parseDevMode(Bytes dm) {
     return out;
 }
 
+bool isFontDefinitionRecord(uint32_t type) {
+    return type == EMRI_ENGINE_FONT || type == EMRI_TYPE1_FONT || type == EMRI_DESIGNVECTOR ||
+           type == EMRI_SUBSET_FONT || type == EMRI_DELTA_FONT;
+}
+
 bool isSpoolHeader(const uint8_t* data, size_t size) {
     const Bytes b{data, size};
     return size >= 16 && b.u32(0) == kSpoolVersion;
@@ -115,6 +95,7 @@ SpoolContents readSpool(const uint8_t* data, size_t size) {
     out.documentName = headerString(header, file.u32(8));
 
     bool haveDevMode = false;
+    bool pageOpen = false; // a page content record waits for its page offset record
     DevMode devMode;
     // Records start on 4-byte boundaries.
     size_t pos = (size_t(headerSize) + 3) & ~size_t(3);
@@ -152,6 +133,7 @@ SpoolContents readSpool(const uint8_t* data, size_t size) {
             page.devMode = devMode;
             page.monochrome = type == EMRI_BW_METAFILE || type == EMRI_BW_FORM_METAFILE;
             out.pages.push_back(page);
+            pageOpen = true;
             break;
         }
         case EMRI_DEVMODE:
@@ -160,16 +142,27 @@ SpoolContents readSpool(const uint8_t* data, size_t size) {
             break;
         case EMRI_METAFILE_EXT:
         case EMRI_BW_METAFILE_EXT:
+            pageOpen = false;
+            [[fallthrough]];
         case EMRI_ENGINE_FONT_EXT:
         case EMRI_TYPE1_FONT_EXT:
         case EMRI_DESIGNVECTOR_EXT:
         case EMRI_SUBSET_FONT_EXT:
         case EMRI_DELTA_FONT_EXT:
         case EMRI_EMBED_FONT_EXT: {
-            // Offsets back to records already read; only checked.
+            // Offsets back to records already read. A font offset record may point at a font
+            // definition inside a page content record: that font serves the page open now.
             const uint64_t back = body.u64(0);
-            if (length < 8 || back > pos)
+            if (length < 8 || back > pos) {
                 out.problems.push_back("an offset record at byte " + std::to_string(pos) + " points outside the file");
+                break;
+            }
+            const size_t target = pos - size_t(back);
+            const bool fontOffset = type != EMRI_METAFILE_EXT && type != EMRI_BW_METAFILE_EXT && type != EMRI_EMBED_FONT_EXT;
+            if (fontOffset && file.has(target, 8) && isFontDefinitionRecord(file.u32(target)) &&
+                file.u32(target + 4) <= size - target - 8)
+                out.fonts.push_back({file.u32(target), file.sub(target + 8, file.u32(target + 4)),
+                                     pageOpen ? out.pages.size() - 1 : out.pages.size()});
             break;
         }
         case EMRI_ENGINE_FONT:
@@ -177,7 +170,7 @@ SpoolContents readSpool(const uint8_t* data, size_t size) {
         case EMRI_DESIGNVECTOR:
         case EMRI_SUBSET_FONT:
         case EMRI_DELTA_FONT:
-            ++out.fontRecords;
+            out.fonts.push_back({type, body, pageOpen ? out.pages.size() - 1 : out.pages.size()});
             break;
         case EMRI_PRESTARTPAGE:
         case EMRI_PS_JOB_DATA:

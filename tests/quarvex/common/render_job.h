@@ -5,6 +5,7 @@
 #pragma once
 
 #include "common/diagnostics.h"
+#include "common/ink_score.h"
 #include "common/job.h"
 #include "render/raster_device.h"
 
@@ -23,6 +24,14 @@ inline void renderJob(Interpret interpret, const uint8_t* data, size_t size, int
     qx::RasterDevice dev(options, sink);
     qx::JobContext ctx{dev, diag, fonts, {}};
     interpret(data, size, ctx);
+}
+
+// A black-and-white page of the raster device as ink.
+inline InkMask inkOfBilevelPage(const qx::RasterPage& p) {
+    InkMask b(p.width, p.height);
+    for (int y = 0; y < p.height; ++y)
+        unpackInkBits(p.row(y), p.width, b.row(y));
+    return b;
 }
 
 } // namespace qxtest

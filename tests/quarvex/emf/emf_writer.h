@@ -95,6 +95,61 @@ public:
             put16(b, uint16_t(c));
         return raw(84, b);
     }
+    // EXTTEXTOUTW or POLYTEXTOUTW's EmrText objects: each string at its reference point, with
+    // its options, and its advances (pairs of advance and rise with ETO_PDY) when given.
+    struct TextItem {
+        int x = 0, y = 0;
+        std::u16string chars;        // characters, or glyph numbers with ETO_GLYPH_INDEX
+        uint32_t options = 0x100;    // ETO_NO_RECT unless told
+        std::vector<int32_t> dx;     // empty: none
+    };
+    EmfWriter& textItems(uint32_t type, const std::vector<TextItem>& items, uint32_t graphicsMode = 1) {
+        Buffer b;
+        for (int v : {0, 0, 0, 0})
+            put32(b, uint32_t(v)); // bounds
+        put32(b, graphicsMode);
+        put32(b, 0);
+        put32(b, 0); // scales
+        if (type == 97)
+            put32(b, uint32_t(items.size()));
+        // The EmrText objects first, then each one's characters and advances.
+        size_t fixed = 8 + b.size();
+        for (const TextItem& t : items)
+            fixed += (t.options & 0x100) ? 24 : 40;
+        size_t extra = fixed;
+        Buffer tail;
+        for (const TextItem& t : items) {
+            const size_t offString = extra;
+            for (char16_t c : t.chars)
+                put16(tail, uint16_t(c));
+            while (tail.size() % 4)
+                tail.push_back(0);
+            const size_t offDx = t.dx.empty() ? 0 : fixed + tail.size();
+            for (int32_t d : t.dx)
+                put32(tail, uint32_t(d));
+            extra = fixed + tail.size();
+            put32(b, uint32_t(t.x));
+            put32(b, uint32_t(t.y));
+            put32(b, uint32_t(t.chars.size()));
+            put32(b, uint32_t(offString));
+            put32(b, t.options);
+            if (!(t.options & 0x100))
+                for (int v : {0, 0, 0, 0})
+                    put32(b, uint32_t(v));
+            put32(b, uint32_t(offDx));
+        }
+        b.insert(b.end(), tail.begin(), tail.end());
+        return raw(type, b);
+    }
+    // An EMFSPOOL comment holding font definition records (each a whole spool record).
+    EmfWriter& fontComment(const Buffer& records) {
+        Buffer b;
+        put32(b, uint32_t(records.size() + 8)); // DataSize: identifier, signature, records
+        put32(b, 0);                            // EMR_COMMENT_EMFSPOOL
+        put32(b, 0x544F4E46);                   // font definitions
+        b.insert(b.end(), records.begin(), records.end());
+        return raw(70, b);
+    }
     // EXTCREATEFONTINDIRECTW with a LOGFONTW of the given height and face.
     EmfWriter& font(uint32_t handle, int height, const std::u16string& face, int weight = 400, int escapement = 0) {
         Buffer b;
@@ -128,35 +183,96 @@ private:
     uint32_t m_records = 0;
 };
 
+// A spool record: type, length, data, padding to 4 bytes.
+inline Buffer spoolRecord(uint32_t type, const Buffer& body) {
+    Buffer out;
+    put32(out, type);
+    put32(out, uint32_t(body.size()));
+    out.insert(out.end(), body.begin(), body.end());
+    while (out.size() % 4)
+        out.push_back(0);
+    return out;
+}
+
+// EMRI_ENGINE_FONT's data: TrueType, the file count and sizes, padding to 8 bytes, the files.
+inline Buffer engineFont(const std::vector<Buffer>& files) {
+    Buffer b;
+    put32(b, 0);
+    put32(b, uint32_t(files.size()));
+    for (const Buffer& f : files)
+        put32(b, uint32_t(f.size()));
+    while ((b.size() + 8) % 8)
+        b.push_back(0);
+    for (const Buffer& f : files)
+        b.insert(b.end(), f.begin(), f.end());
+    return b;
+}
+
+// EMRI_SUBSET_FONT's or EMRI_DELTA_FONT's data: the UniversalFontId, then the font.
+inline Buffer subsetFont(uint32_t checksum, uint32_t index, const Buffer& font) {
+    Buffer b;
+    put32(b, checksum);
+    put32(b, index);
+    b.insert(b.end(), font.begin(), font.end());
+    while (b.size() % 4)
+        b.push_back(0);
+    return b;
+}
+
+// A spool file record by record: the header, then records; a page is its content record
+// (EMRI_METAFILE_DATA) and, when closed, its page offset record (EMRI_METAFILE_EXT).
+class SpoolWriter {
+public:
+    SpoolWriter() {
+        put32(m_out, 0x10000);
+        put32(m_out, 20);
+        put32(m_out, 16);
+        put32(m_out, 0);
+        put16(m_out, 'D');
+        put16(m_out, 0);
+    }
+    SpoolWriter& record(uint32_t type, const Buffer& body) {
+        const Buffer r = spoolRecord(type, body);
+        m_out.insert(m_out.end(), r.begin(), r.end());
+        return *this;
+    }
+    SpoolWriter& openPage(const Buffer& emf) {
+        m_pageStart = m_out.size();
+        return record(12, emf);
+    }
+    SpoolWriter& closePage() {
+        Buffer ext;
+        const uint64_t back = m_out.size() - m_pageStart;
+        put32(ext, uint32_t(back));
+        put32(ext, uint32_t(back >> 32));
+        return record(13, ext);
+    }
+    SpoolWriter& page(const Buffer& emf) { return openPage(emf).closePage(); }
+    // A font offset record (EMRI_ENGINE_FONT_EXT and its kind) pointing back at byte at.
+    SpoolWriter& offsetRecord(uint32_t type, size_t at) {
+        Buffer ext;
+        const uint64_t back = m_out.size() - at;
+        put32(ext, uint32_t(back));
+        put32(ext, uint32_t(back >> 32));
+        return record(type, ext);
+    }
+    size_t size() const { return m_out.size(); }
+    Buffer finish() const { return m_out; }
+
+private:
+    Buffer m_out;
+    size_t m_pageStart = 0;
+};
+
 // A spool file: header, an optional devmode, then each page as EMRI_METAFILE_DATA followed by
 // its EMRI_METAFILE_EXT.
 inline Buffer makeSpool(const std::vector<Buffer>& pages, const Buffer* devmode = nullptr) {
-    Buffer out;
-    put32(out, 0x10000);
-    put32(out, 20);
-    put32(out, 16);
-    put32(out, 0);
-    put16(out, 'D');
-    put16(out, 0);
-    auto record = [&](uint32_t type, const Buffer& body) {
-        put32(out, type);
-        put32(out, uint32_t(body.size()));
-        out.insert(out.end(), body.begin(), body.end());
-        while (out.size() % 4)
-            out.push_back(0);
-    };
+    SpoolWriter w;
     if (devmode)
-        record(3, *devmode);
-    for (const Buffer& p : pages) {
-        const size_t start = out.size();
-        record(12, p);
-        Buffer ext;
-        const uint64_t back = out.size() - start;
-        put32(ext, uint32_t(back));
-        put32(ext, uint32_t(back >> 32));
-        record(13, ext);
-    }
-    return out;
+        w.record(3, *devmode);
+    for (const Buffer& p : pages)
+        w.page(p);
+    return w.finish();
 }
 
 // A DEVMODEW naming a paper number and orientation (1 portrait, 2 landscape).

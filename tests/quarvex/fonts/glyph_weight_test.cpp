@@ -7,7 +7,9 @@
 
 #include "../pclxl/xl_writer.h"
 #include "common/diagnostics.h"
+#include "common/file_io.h"
 #include "common/ink_score.h"
+#include "common/pbm.h"
 #include "common/render_job.h"
 #include "fonts/font_library.h"
 #include "pcl5/pcl5.h"
@@ -79,67 +81,17 @@ std::string simpleCharacters(const TrueTypeSource& src) {
 
 using Bitmap = qxtest::InkMask;
 
-Bitmap fromPage(const RasterPage& p) {
-    Bitmap b(p.width, p.height);
-    for (int y = 0; y < p.height; ++y)
-        qxtest::unpackInkBits(p.row(y), p.width, b.row(y));
-    return b;
-}
-
-Bitmap readPbm(const fs::path& path) {
-    std::ifstream f(path, std::ios::binary);
-    std::string magic;
-    Bitmap b;
-    f >> magic >> std::ws;
-    while (f.peek() == '#') // Ghostscript names itself in a comment
-        f.ignore(1 << 16, '\n');
-    f >> b.width >> b.height;
-    f.get();
-    if (magic != "P4" || !f || b.width <= 0 || b.height <= 0)
-        return {};
-    const size_t stride = size_t(b.width + 7) / 8;
-    std::vector<uint8_t> row(stride);
-    b.ink.assign(size_t(b.width) * b.height, 0);
-    for (int y = 0; y < b.height && f.read(reinterpret_cast<char*>(row.data()), long(stride)); ++y)
-        qxtest::unpackInkBits(row.data(), b.width, b.row(y));
-    return b;
-}
-
 // With QX_GLYPH_DUMP set to a folder, the pages compared are written there to be looked at.
 void dump(const Bitmap& b, const std::string& name) {
     const char* dir = std::getenv("QX_GLYPH_DUMP");
-    if (!dir || !*dir || b.width <= 0)
-        return;
-    std::ofstream f(fs::path(dir) / (name + ".pbm"), std::ios::binary);
-    f << "P4\n" << b.width << " " << b.height << "\n";
-    std::vector<char> row(size_t(b.width + 7) / 8);
-    for (int y = 0; y < b.height; ++y) {
-        std::fill(row.begin(), row.end(), 0);
-        for (int x = 0; x < b.width; ++x)
-            if (b.at(x, y))
-                row[size_t(x >> 3)] = char(row[size_t(x >> 3)] | (0x80 >> (x & 7)));
-        f.write(row.data(), long(row.size()));
-    }
+    if (dir && *dir && b.width > 0)
+        qxtest::writePbm(b, fs::path(dir) / (name + ".pbm"));
 }
-
-// A scratch folder for Ghostscript's files, removed afterwards.
-struct Scratch {
-    fs::path dir;
-    Scratch() {
-        char tmpl[] = "/tmp/qx_glyph_weight_XXXXXX";
-        if (char* d = mkdtemp(tmpl))
-            dir = d;
-    }
-    ~Scratch() {
-        std::error_code ec;
-        fs::remove_all(dir, ec);
-    }
-};
 
 // Ghostscript's rendering of the placed characters in the font file, on a Letter page whose
 // logical page starts leftOffsetPt from the sheet's left edge.
 Bitmap ghostscript(const std::string& fontFile, const std::vector<Placed>& glyphs, double dpi, double leftOffsetPt) {
-    Scratch s;
+    qx::test::ScratchDir s("qx_glyph_weight");
     if (s.dir.empty())
         return {};
     std::ofstream(s.dir / "Fontmap") << "/QxTestFont (" << fontFile << ") ;\n";
@@ -164,7 +116,7 @@ Bitmap ghostscript(const std::string& fontFile, const std::vector<Placed>& glyph
                             (s.dir / "ref.pbm").string() + " " + (s.dir / "text.ps").string() + " 2>&1";
     if (std::system(cmd.c_str()) != 0)
         return {};
-    return readPbm(s.dir / "ref.pbm");
+    return qxtest::readPbm(s.dir / "ref.pbm");
 }
 
 struct Pages : PageSink {
@@ -182,7 +134,7 @@ Bitmap render(const std::vector<uint8_t>& job, qxtest::Interpret interpret, doub
     qxtest::renderJob(interpret, job.data(), job.size(), 1, dpi, fonts, sink, diag);
     for (const std::string& l : diag.lines())
         warnings += l + "\n";
-    return sink.pages.size() == 1 ? fromPage(sink.pages[0]) : Bitmap{};
+    return sink.pages.size() == 1 ? qxtest::inkOfBilevelPage(sink.pages[0]) : Bitmap{};
 }
 
 // How the engine's glyphs compare with Ghostscript's, cell by cell.
