@@ -126,6 +126,11 @@ def build_sets():
     # has the straight apostrophe.
     roman8 = codec_table("hp_roman8")
     roman8[0x27] = 0x2019
+    # Code 246 is the dash that LaserJet fonts set as wide as their minus sign, and producers
+    # (plotutils' PCL driver among them) print every minus sign through it: it is drawn with the
+    # minus sign, as the same plot's PostScript shows it, not with the em dash the code page
+    # names, whose ink runs the whole advance and reads as a long dash.
+    roman8[0xF6] = 0x2212
 
     win30 = codec_table("cp1252")
     for c in range(0x80, 0xA0):

@@ -107,6 +107,16 @@ TEST(Pcl5SymbolSets, GroffMinusSignsAndLigaturesPrintAsThemselves) {
     EXPECT_NE(fi.glyph, printCode(symsets::Roman8, 0xAD).glyph);
 }
 
+TEST(Pcl5SymbolSets, RomanEightDashPrintsTheMinusSign) {
+    // plotutils' PCL driver prints every minus sign as Roman-8 code 246. It must come out as the
+    // minus sign that Math-8 prints at 0x2D and the plot's PostScript shows, not as the em dash
+    // of Windows 3.1 Latin 1 code 151, whose ink runs the whole advance.
+    const Printed dash = printCode(symsets::Roman8, 0xF6);
+    ASSERT_FALSE(dash.glyph.empty());
+    EXPECT_EQ(dash, printCode(symbolSetId(8, 'M'), 0x2D));
+    EXPECT_NE(dash.glyph, printCode(symsets::Win31Latin1, 0x97).glyph);
+}
+
 TEST(Pcl5SymbolSets, EveryCodeOfEverySetPrintsItsCharacterOrNothing) {
     // Where each character can be reached: the first set and code that map to it.
     std::map<char32_t, std::pair<uint16_t, int>> first;
