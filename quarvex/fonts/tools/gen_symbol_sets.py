@@ -15,6 +15,8 @@ Where each table comes from:
   its MSL or Unicode number. Those pairs fill the sets that have no public code page (Desktop,
   Math-8, Wingdings, MS Publishing, Pi Font, Ventura International) and check every other table:
   a disagreement stops the script.
+- Wingdings codes that HP's metrics leave empty take the character Unicode 7.0 gave the font's
+  symbol (wingdings_unicode.txt beside this script).
 Codes the sources leave undefined map to 0: the printer prints nothing for them.
 """
 
@@ -113,6 +115,17 @@ def read_groff_pairs():
     return pairs
 
 
+def read_wingdings():
+    """The Wingdings font's code -> Unicode pairs of wingdings_unicode.txt."""
+    out = [0] * 256
+    with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "wingdings_unicode.txt")) as f:
+        for line in f:
+            fields = line.split("#")[0].split()
+            if len(fields) == 2:
+                out[int(fields[0], 16)] = int(fields[1], 16)
+    return out
+
+
 def build_sets():
     """[(C++ name, (number, letter), 256 Unicode values)] for every set, checked against HP's
     metrics; stops the script on a disagreement."""
@@ -191,6 +204,16 @@ def build_sets():
                 problems += 1
     if problems:
         sys.exit(f"{problems} disagreements")
+
+    # HP's metrics name about half of Wingdings; the rest take the characters Unicode gave them.
+    # The Om (0x5C) is named by the Devanagari letter in HP's metrics: it takes the Om symbol
+    # Unicode encoded for Wingdings, which the symbol faces draw.
+    wingdings = next(t for name, _, t, _ in sets if name == "Wingdings")
+    assert wingdings[0x5C] == 0x0950
+    wingdings[0x5C] = 0
+    for code, u in enumerate(read_wingdings()):
+        if wingdings[code] == 0:
+            wingdings[code] = u
 
     return [(name, nl, t) for name, nl, t, _ in sets]
 

@@ -4,6 +4,12 @@
 
 #include <iconv.h>
 
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+
 using namespace qx;
 
 TEST(SymbolSets, IdentifiersFollowNumberAndLetter) {
@@ -181,4 +187,45 @@ TEST(SymbolSets, GroffsLaserJetCharactersAreWhereHpPutsThem) {
     EXPECT_EQ(symbolSetToUnicode(desktop, 0xA0), 0U);
     EXPECT_TRUE(symbolSetKnown(desktop));
     EXPECT_TRUE(symbolSetKnown(math8));
+}
+
+TEST(SymbolSets, EveryWingdingsCodeIsTheFontsSymbolAsHpOrUnicodeNamesIt) {
+    // HP's LaserJet metrics give these codes the nearest character that Unicode had before it
+    // encoded the Wingdings symbols; every other code takes the character Unicode 7.0 gave the
+    // font's symbol (the Om at 0x5C too, whose Devanagari letter no symbol face draws). 0xFF (the
+    // Windows logo) and the control codes have no character.
+    const std::map<int, char32_t> hp = {
+        {0x21, 0x270F}, {0x28, 0x260E}, {0x2A, 0x2709}, {0x37, 0x2328}, {0x4E, 0x2620},
+        {0x6A, 0x0026}, {0x6B, 0x0026}, {0x6C, 0x25CF}, {0x6D, 0x274D}, {0x6E, 0x25A0}, {0x6F, 0x25A1},
+        {0x74, 0x2666}, {0x79, 0x2353}, {0x7B, 0x2740}, {0x7C, 0x273F}, {0x7D, 0x275D}, {0x7E, 0x275E},
+        {0x80, 0x24EA}, {0x81, 0x2460}, {0x82, 0x2461}, {0x83, 0x2462}, {0x84, 0x2463}, {0x85, 0x2464},
+        {0x86, 0x2465}, {0x87, 0x2466}, {0x88, 0x2467}, {0x89, 0x2468}, {0x8A, 0x2469}, {0x8B, 0x24FF},
+        {0x8C, 0x2776}, {0x8D, 0x2777}, {0x8E, 0x2778}, {0x8F, 0x2779}, {0x90, 0x277A}, {0x91, 0x277B},
+        {0x92, 0x277C}, {0x93, 0x277D}, {0x94, 0x277E}, {0x95, 0x277F}, {0x9E, 0x00B7}, {0xA0, 0x25AA},
+        {0xA1, 0x25CB}, {0xA4, 0x25C9}, {0xA5, 0x25CE}, {0xA8, 0x25FB}, {0xAA, 0x2726}, {0xAC, 0x2736},
+        {0xAD, 0x2734}, {0xAE, 0x2739}, {0xAF, 0x2735}, {0xB2, 0x2727}, {0xB3, 0x2311}, {0xD8, 0x27A2},
+        {0xDC, 0x27B2}, {0xE8, 0x2794}, {0xF5, 0x2B00}, {0xF6, 0x2B01}, {0xF9, 0x25AD}, {0xFA, 0x25AB},
+        {0xFB, 0x2717}, {0xFD, 0x2612}, {0xFE, 0x2611}};
+    std::map<int, char32_t> unicode;
+    std::ifstream in(QX_WINGDINGS_TABLE);
+    ASSERT_TRUE(in.good()) << QX_WINGDINGS_TABLE;
+    for (std::string line; std::getline(in, line);) {
+        if (line.empty() || line[0] == '#')
+            continue;
+        unsigned code = 0, u = 0;
+        ASSERT_EQ(std::sscanf(line.c_str(), "%x %x", &code, &u), 2) << line;
+        unicode[static_cast<int>(code)] = u;
+    }
+    ASSERT_EQ(unicode.size(), 223u);
+    for (int code = 0; code < 256; ++code) {
+        char32_t want = 0;
+        if (auto h = hp.find(code); h != hp.end())
+            want = h->second;
+        else if (auto u = unicode.find(code); u != unicode.end())
+            want = u->second;
+        EXPECT_EQ(symbolSetToUnicode(symsets::Wingdings, code), want) << "code " << code;
+    }
+    EXPECT_EQ(symbolSetToUnicode(symsets::Wingdings, 0x22), U'\u2702'); // scissors
+    EXPECT_EQ(symbolSetToUnicode(symsets::Wingdings, 0xB7), U'\U0001F550'); // clock face one o'clock
+    EXPECT_EQ(symbolSetToUnicode(symsets::Wingdings, 0xFF), 0U);
 }
