@@ -73,6 +73,23 @@ def read_agl():
     return agl
 
 
+# The Symbol font's glyphs that the Adobe Glyph List gives private-use numbers, with the Unicode
+# characters made for them: the serif and sans serif registered, copyright and trademark signs,
+# the arrow extenders, and the pieces of tall parentheses, brackets, braces and integrals.
+SYMBOL_PIECES = {
+    "registerserif": 0x00AE, "copyrightserif": 0x00A9, "trademarkserif": 0x2122,
+    "registersans": 0x00AE, "copyrightsans": 0x00A9, "trademarksans": 0x2122,
+    "arrowvertex": 0x23D0, "arrowhorizex": 0x23AF,
+    "parenlefttp": 0x239B, "parenleftex": 0x239C, "parenleftbt": 0x239D,
+    "bracketlefttp": 0x23A1, "bracketleftex": 0x23A2, "bracketleftbt": 0x23A3,
+    "bracelefttp": 0x23A7, "braceleftmid": 0x23A8, "braceleftbt": 0x23A9, "braceex": 0x23AA,
+    "integralex": 0x23AE,
+    "parenrighttp": 0x239E, "parenrightex": 0x239F, "parenrightbt": 0x23A0,
+    "bracketrighttp": 0x23A4, "bracketrightex": 0x23A5, "bracketrightbt": 0x23A6,
+    "bracerighttp": 0x23AB, "bracerightmid": 0x23AC, "bracerightbt": 0x23AD,
+}
+
+
 def read_ps_encoding(name, agl):
     """The 256 glyph names of a Ghostscript encoding file, as Unicode (PUA and .notdef -> 0)."""
     text = open(os.path.join(GS_INIT, name)).read()
@@ -95,7 +112,9 @@ def read_ps_encoding(name, agl):
     for n in names:
         u = agl.get(n, 0)
         if 0xE000 <= u <= 0xF8FF:
-            u = 0  # a private-use piece (radical extender, brace parts): no character
+            # The Symbol font's pieces that the glyph list leaves in the private use area: the
+            # characters Unicode has for them, or none (the radical extender, the Apple logo).
+            u = SYMBOL_PIECES.get(n, 0)
         out.append(u)
     return out
 

@@ -172,6 +172,18 @@ TEST(SymbolSets, PostScriptSetsFollowAdobesEncodings) {
     EXPECT_EQ(symbolSetToUnicode(psMath, 0x61), U'\u03B1'); // alpha
     EXPECT_EQ(symbolSetToUnicode(psMath, 0xA5), U'\u221E'); // infinity
     EXPECT_EQ(symbolSetToUnicode(psMath, 0xF2), U'\u222B'); // integral
+    // The Symbol font's pieces that Adobe's glyph list leaves private print the characters made
+    // for them; the radical extender and the Apple logo have none.
+    EXPECT_EQ(symbolSetToUnicode(psMath, 0xD2), U'\u00AE'); // registerserif
+    EXPECT_EQ(symbolSetToUnicode(psMath, 0xE4), U'\u2122'); // trademarksans
+    EXPECT_EQ(symbolSetToUnicode(psMath, 0xBD), U'\u23D0'); // arrowvertex
+    EXPECT_EQ(symbolSetToUnicode(psMath, 0xE6), U'\u239B'); // parenlefttp
+    EXPECT_EQ(symbolSetToUnicode(psMath, 0xED), U'\u23A8'); // braceleftmid
+    EXPECT_EQ(symbolSetToUnicode(psMath, 0xF4), U'\u23AE'); // integralex
+    EXPECT_EQ(symbolSetToUnicode(psMath, 0xFE), U'\u23AD'); // bracerightbt
+    EXPECT_EQ(symbolSetToUnicode(psMath, 0x60), 0U);
+    EXPECT_EQ(symbolSetToUnicode(psMath, 0xF0), 0U);
+    EXPECT_EQ(symbolSetToUnicode(psMath, 0xFF), 0U);
 }
 
 TEST(SymbolSets, GroffsLaserJetCharactersAreWhereHpPutsThem) {
