@@ -42,6 +42,8 @@ constexpr NamedSet kPjlNames[] = {
     {"PSMATH", symbolSetId(5, 'M')},   {"MSPUBL", symbolSetId(6, 'J')},
     {"PIFONT", symbolSetId(15, 'L')},  {"SYMBOL", symbolSetId(19, 'M')},
     {"WING", symbolSetId(579, 'L')},   {"UNICODE", symbolSetId(18, 'N')},
+    {"ISOL4", symbolSetId(4, 'N')},    {"ISOL6", symbolSetId(6, 'N')},
+    {"PC775", symbolSetId(26, 'U')},   {"WINBALT", symbolSetId(19, 'L')},
 };
 
 } // namespace

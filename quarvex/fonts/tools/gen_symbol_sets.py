@@ -6,8 +6,9 @@ Run from this folder:  /usr/bin/python3 gen_symbol_sets.py > ../symbol_set_table
 
 Where each table comes from:
 - Sets that are the same as a published code page take Unicode's mapping of that code page
-  (Python's codecs carry those tables): Roman-8, PC-8, PC-850, PC-852, the ISO 8859 and Windows
-  sets, ASCII, PC-8 D/N (from the Nordic PC code page, see below), MC Text (Macintosh).
+  (Python's codecs carry those tables): Roman-8, PC-8, PC-850, PC-852, PC-Turkish, PC-775, the
+  ISO 8859 and Windows sets, ASCII, PC-8 D/N (from the Nordic PC code page, see below), MC Text
+  (Macintosh).
 - PS Text and PS Math are Adobe's StandardEncoding and Symbol encoding; the encodings and the
   Adobe Glyph List are read from Ghostscript's resource files.
 - HP's own code assignments as its LaserJet font metrics record them: groff's LaserJet 4 font
@@ -188,6 +189,13 @@ def build_sets():
         ("WinLatin2", (9, "E"), codec_table("cp1250"), False),
         ("WinLatin5", (5, "T"), codec_table("cp1254"), False),
         ("Ascii", (0, "U"), codec_table("ascii"), False),
+        # The other Latin sets of the Line Printer font, each the code page HP names it after.
+        ("Latin9", (9, "N"), codec_table("iso8859_15"), False),
+        ("Latin4", (4, "N"), codec_table("iso8859_4"), False),
+        ("Latin6", (6, "N"), codec_table("iso8859_10"), False),
+        ("PC8Turkish", (9, "T"), codec_table("cp857", PC_GRAPHICS_LOW, "\u2302"), False),
+        ("PC775", (26, "U"), codec_table("cp775", PC_GRAPHICS_LOW, "\u2302"), False),
+        ("WinBaltic", (19, "L"), codec_table("cp1257"), False),
         ("McText", (12, "J"), codec_table("mac_roman", keep_c1=True), False),
         ("PsText", (10, "J"), standard, False),
         ("PsMath", (5, "M"), symbol, False),

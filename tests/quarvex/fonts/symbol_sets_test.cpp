@@ -29,6 +29,10 @@ TEST(SymbolSets, ParsesPclAndPjlNames) {
     EXPECT_EQ(parseSymbolSet("ISOL1"), symsets::Latin1);
     EXPECT_EQ(parseSymbolSet("WINL1"), symsets::Win31Latin1);
     EXPECT_EQ(parseSymbolSet("WIN30"), symsets::Win30Latin1);
+    EXPECT_EQ(parseSymbolSet("ISOL9"), symbolSetId(9, 'N'));
+    EXPECT_EQ(parseSymbolSet("PC8TK"), symbolSetId(9, 'T'));
+    EXPECT_EQ(parseSymbolSet("PC775"), symbolSetId(26, 'U'));
+    EXPECT_EQ(parseSymbolSet("WINBALT"), symbolSetId(19, 'L'));
     EXPECT_EQ(parseSymbolSet(" 0N "), symsets::Latin1);
     EXPECT_FALSE(parseSymbolSet("").has_value());
     EXPECT_FALSE(parseSymbolSet("NOSUCHSET").has_value());
@@ -114,6 +118,8 @@ TEST(SymbolSets, EveryPrintableCodeMatchesThePublishedCodePage) {
         {symbolSetId(17, 'U'), "CP852"},    {symbolSetId(0, 'N'), "ISO-8859-1"}, {symbolSetId(2, 'N'), "ISO-8859-2"},
         {symbolSetId(5, 'N'), "ISO-8859-9"}, {symbolSetId(19, 'U'), "CP1252"},  {symbolSetId(9, 'E'), "CP1250"},
         {symbolSetId(5, 'T'), "CP1254"},     {symbolSetId(0, 'U'), "ASCII"},   {symbolSetId(12, 'J'), "MACINTOSH"},
+        {symbolSetId(9, 'N'), "ISO-8859-15"}, {symbolSetId(4, 'N'), "ISO-8859-4"}, {symbolSetId(6, 'N'), "ISO-8859-10"},
+        {symbolSetId(9, 'T'), "CP857"},      {symbolSetId(26, 'U'), "CP775"},  {symbolSetId(19, 'L'), "CP1257"},
     };
     for (const Pair& p : pairs) {
         ASSERT_NE(fromCodePage(p.codePage, 'A'), 0xFFFFFFFFu) << p.codePage;
@@ -121,7 +127,8 @@ TEST(SymbolSets, EveryPrintableCodeMatchesThePublishedCodePage) {
             char32_t want = fromCodePage(p.codePage, code);
             if ((want >= 0x7F && want < 0xA0) || (want >= 0xE000 && want <= 0xF8FF))
                 want = 0;
-            if (p.set == symbolSetId(10, 'U') || p.set == symbolSetId(12, 'U') || p.set == symbolSetId(17, 'U'))
+            if (p.set == symbolSetId(10, 'U') || p.set == symbolSetId(12, 'U') || p.set == symbolSetId(17, 'U') ||
+                p.set == symbolSetId(9, 'T') || p.set == symbolSetId(26, 'U'))
                 if (code == 0x7F)
                     want = U'\u2302'; // the PC sets print a house at 127
             if (p.set == symsets::Roman8 && code == 0x27)

@@ -84,7 +84,8 @@ const std::vector<uint16_t>& textSets() {
         symbolSetId(19, 'U'), symbolSetId(9, 'U'),  symbolSetId(9, 'E'),  symbolSetId(5, 'T'),
         symbolSetId(0, 'U'),  symbolSetId(12, 'J'), symbolSetId(10, 'J'), symbolSetId(5, 'M'),
         symbolSetId(7, 'J'),  symbolSetId(8, 'M'),  symbolSetId(6, 'J'),  symbolSetId(15, 'U'),
-        symbolSetId(13, 'J')};
+        symbolSetId(13, 'J'), symbolSetId(9, 'N'),  symbolSetId(4, 'N'),  symbolSetId(6, 'N'),
+        symbolSetId(9, 'T'),  symbolSetId(26, 'U'), symbolSetId(19, 'L')};
     return sets;
 }
 
@@ -153,6 +154,33 @@ TEST(Pcl5SymbolSets, EveryCodeOfEverySetPrintsItsCharacterOrNothing) {
     }
     EXPECT_GT(compared, 3000);
     EXPECT_GT(blank, 1000);
+}
+
+TEST(Pcl5SymbolSets, LinePrinterPrintsEveryCharacterOfItsSets) {
+    // The Line Printer font (typeface 0, 16.67 pitch, 8.5 point) with each Latin set it carries:
+    // every code with a character draws it, every code without one draws nothing and does not move.
+    const uint16_t sets[] = {symbolSetId(0, 'N'),  symbolSetId(0, 'U'),  symbolSetId(2, 'N'),  symbolSetId(4, 'N'),
+                             symbolSetId(5, 'N'),  symbolSetId(6, 'N'),  symbolSetId(8, 'U'),  symbolSetId(9, 'E'),
+                             symbolSetId(9, 'N'),  symbolSetId(9, 'T'),  symbolSetId(10, 'U'), symbolSetId(11, 'U'),
+                             symbolSetId(12, 'U'), symbolSetId(17, 'U'), symbolSetId(19, 'L'), symbolSetId(19, 'U'),
+                             symbolSetId(26, 'U')};
+    const std::string font = ESC + "(s0p16.67h8.5v0s0b0T";
+    int drawn = 0;
+    for (uint16_t set : sets) {
+        ASSERT_TRUE(symbolSetKnown(set)) << setName(set);
+        for (int code = 0; code < 256; ++code) {
+            const char32_t u = symbolSetToUnicode(set, code);
+            if (u == 0xA0)
+                continue; // the no-break space: a glyph without ink
+            const std::vector<std::string> m = masksOf(ESC + "E" + ESC + "(" + setName(set) + font + ESC + "*p300x300Y" +
+                                                       ESC + "&p1X" + std::string(1, static_cast<char>(code)) + "|");
+            // Each code is followed by a bar: with a character the code draws one glyph before it.
+            const size_t want = (u == 0 || u == U' ') ? 1 : 2;
+            EXPECT_EQ(m.size(), want) << setName(set) << " code " << code;
+            drawn += m.size() == 2 ? 1 : 0;
+        }
+    }
+    EXPECT_GT(drawn, 3000);
 }
 
 TEST(Pcl5SymbolSets, WingdingsPrintsItsSymbolsAndNothingForCodesItLacks) {
