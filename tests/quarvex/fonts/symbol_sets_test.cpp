@@ -78,6 +78,15 @@ TEST(SymbolSets, SymbolFaceUsesItsOwnCodesAndWingdingsPrintsThroughUnicode) {
     EXPECT_TRUE(symbolSetKnown(symsets::Symbol));
     EXPECT_EQ(symbolSetToUnicode(symsets::Symbol, 'a'), U'a');
     EXPECT_EQ(symbolSetToUnicode(symsets::Symbol, 0x10), 0U);
+    // Codes the Symbol font's layout leaves empty print nothing; the others pass through.
+    const uint16_t psMath = symbolSetId(5, 'M');
+    for (int code = 0; code < 256; ++code) {
+        const bool filled = code == 0x60 || symbolSetToUnicode(psMath, code) != 0;
+        EXPECT_EQ(symbolSetToUnicode(symsets::Symbol, code), filled ? static_cast<char32_t>(code) : 0U) << code;
+    }
+    EXPECT_EQ(symbolSetToUnicode(symsets::Symbol, 0x80), 0U);
+    EXPECT_EQ(symbolSetToUnicode(symsets::Symbol, 0xF0), 0U);
+    EXPECT_EQ(symbolSetToUnicode(symsets::Symbol, 0xE6), 0xE6U);
     EXPECT_TRUE(symbolSetKnown(symsets::Wingdings));
     EXPECT_EQ(symbolSetToUnicode(symsets::Wingdings, 0x21), U'\u270F'); // pencil
     EXPECT_EQ(symbolSetToUnicode(symsets::Wingdings, 0x22), U'\u2702'); // scissors

@@ -183,6 +183,20 @@ TEST(Pcl5SymbolSets, LinePrinterPrintsEveryCharacterOfItsSets) {
     EXPECT_GT(drawn, 3000);
 }
 
+TEST(Pcl5SymbolSets, SymbolPrintsTheSymbolFontsGlyphsAndNothingElse) {
+    // Symbol (19M) in the Symbol typeface: every code the Symbol font fills draws one glyph of
+    // its own (the face that stands in for the Symbol font), the empty ones draw nothing.
+    const std::string face = ESC + "(19M" + ESC + "(s1p12v0s0b16686T";
+    int drawn = 0;
+    for (int code = 0; code < 256; ++code) {
+        const std::vector<std::string> m = masksOf(face + ESC + "&p1X" + std::string(1, static_cast<char>(code)));
+        const char32_t u = symbolSetToUnicode(symsets::Symbol, code);
+        EXPECT_EQ(m.size(), u == 0 || u == U' ' ? 0u : 1u) << "code " << code;
+        drawn += static_cast<int>(m.size());
+    }
+    EXPECT_EQ(drawn, 188); // PS Math's 188 characters and the radical extender, less the space
+}
+
 TEST(Pcl5SymbolSets, WingdingsPrintsItsSymbolsAndNothingForCodesItLacks) {
     const uint16_t wing = symsets::Wingdings;
     const std::string face = ESC + "(579L" + ESC + "(s1p12v0s0b31402T";
