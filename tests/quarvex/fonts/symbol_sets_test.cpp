@@ -176,30 +176,26 @@ TEST(SymbolSets, WindowsThreeAndPc8DanishNorwegianDifferWhereHpsTablesSay) {
 }
 
 TEST(SymbolSets, PostScriptSetsFollowAdobesEncodings) {
+    struct Code {
+        uint16_t set;
+        int code;
+        char32_t want;
+    };
     const uint16_t psText = symbolSetId(10, 'J'), psMath = symbolSetId(5, 'M');
-    EXPECT_EQ(symbolSetToUnicode(psText, 0x27), U'\u2019'); // quoteright
-    EXPECT_EQ(symbolSetToUnicode(psText, 0x60), U'\u2018'); // quoteleft
-    EXPECT_EQ(symbolSetToUnicode(psText, 0xAE), U'\uFB01'); // fi
-    EXPECT_EQ(symbolSetToUnicode(psText, 0xD0), U'\u2014'); // emdash
-    EXPECT_EQ(symbolSetToUnicode(psText, 0xE1), U'\u00C6'); // AE
-    EXPECT_EQ(symbolSetToUnicode(psText, 0xA0), 0U);
-    EXPECT_EQ(symbolSetToUnicode(psMath, 0x22), U'\u2200'); // universal
-    EXPECT_EQ(symbolSetToUnicode(psMath, 0x2D), U'\u2212'); // minus
-    EXPECT_EQ(symbolSetToUnicode(psMath, 0x61), U'\u03B1'); // alpha
-    EXPECT_EQ(symbolSetToUnicode(psMath, 0xA5), U'\u221E'); // infinity
-    EXPECT_EQ(symbolSetToUnicode(psMath, 0xF2), U'\u222B'); // integral
-    // The Symbol font's pieces that Adobe's glyph list leaves private print the characters made
-    // for them; the radical extender and the Apple logo have none.
-    EXPECT_EQ(symbolSetToUnicode(psMath, 0xD2), U'\u00AE'); // registerserif
-    EXPECT_EQ(symbolSetToUnicode(psMath, 0xE4), U'\u2122'); // trademarksans
-    EXPECT_EQ(symbolSetToUnicode(psMath, 0xBD), U'\u23D0'); // arrowvertex
-    EXPECT_EQ(symbolSetToUnicode(psMath, 0xE6), U'\u239B'); // parenlefttp
-    EXPECT_EQ(symbolSetToUnicode(psMath, 0xED), U'\u23A8'); // braceleftmid
-    EXPECT_EQ(symbolSetToUnicode(psMath, 0xF4), U'\u23AE'); // integralex
-    EXPECT_EQ(symbolSetToUnicode(psMath, 0xFE), U'\u23AD'); // bracerightbt
-    EXPECT_EQ(symbolSetToUnicode(psMath, 0x60), 0U);
-    EXPECT_EQ(symbolSetToUnicode(psMath, 0xF0), 0U);
-    EXPECT_EQ(symbolSetToUnicode(psMath, 0xFF), 0U);
+    // The characters of Adobe's glyph names (quoteright, quoteleft, fi, emdash, AE; universal,
+    // minus, alpha, infinity, integral) and, for the Symbol font's pieces that the glyph list
+    // leaves private, the characters made for them (registerserif, trademarksans, arrowvertex,
+    // parenlefttp, braceleftmid, integralex, bracerightbt); the radical extender and the Apple
+    // logo have none.
+    const Code codes[] = {
+        {psText, 0x27, U'\u2019'}, {psText, 0x60, U'\u2018'}, {psText, 0xAE, U'\uFB01'}, {psText, 0xD0, U'\u2014'},
+        {psText, 0xE1, U'\u00C6'}, {psText, 0xA0, 0},         {psMath, 0x22, U'\u2200'}, {psMath, 0x2D, U'\u2212'},
+        {psMath, 0x61, U'\u03B1'}, {psMath, 0xA5, U'\u221E'}, {psMath, 0xF2, U'\u222B'}, {psMath, 0xD2, U'\u00AE'},
+        {psMath, 0xE4, U'\u2122'}, {psMath, 0xBD, U'\u23D0'}, {psMath, 0xE6, U'\u239B'}, {psMath, 0xED, U'\u23A8'},
+        {psMath, 0xF4, U'\u23AE'}, {psMath, 0xFE, U'\u23AD'}, {psMath, 0x60, 0},         {psMath, 0xF0, 0},
+        {psMath, 0xFF, 0}};
+    for (const Code& c : codes)
+        EXPECT_EQ(symbolSetToUnicode(c.set, c.code), c.want) << symbolSetName(c.set) << " code " << c.code;
 }
 
 TEST(SymbolSets, GroffsLaserJetCharactersAreWhereHpPutsThem) {
