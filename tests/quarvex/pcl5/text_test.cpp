@@ -118,6 +118,24 @@ TEST(Pcl5SymbolSets, RomanEightDashPrintsTheMinusSign) {
     EXPECT_NE(dash.glyph, printCode(symsets::Win31Latin1, 0x97).glyph);
 }
 
+TEST(Pcl5SymbolSets, PlotutilsLabelMinusSignsPrintAsMinusSigns) {
+    // plotutils writes "-6" on an axis as an HP-GL/2 label in Univers, Roman-8, with the minus
+    // as code 246. That code draws Math-8's minus, not Windows 3.1 Latin 1's em dash.
+    auto labelGlyph = [](int symbolSet, char code) {
+        const std::string job = ESC + "E" + ESC + "%0BIN;SP1;SD1," + std::to_string(symbolSet) +
+                                ",2,1,4,14,5,0,6,0,7,4148;PA2000,2000;LB" + std::string(1, code) + "\x03;" +
+                                ESC + "%0A" + ESC + "E";
+        const std::vector<std::string> m = masksOf(job);
+        return m.size() == 1 ? m.front().substr(0, m.front().find(" [")) : std::string();
+    };
+    const std::string minus = labelGlyph(symsets::Roman8, '\xF6');
+    ASSERT_FALSE(minus.empty());
+    EXPECT_EQ(minus, labelGlyph(symbolSetId(8, 'M'), '-'));
+    const std::string emDash = labelGlyph(symsets::Win31Latin1, '\x97');
+    ASSERT_FALSE(emDash.empty());
+    EXPECT_NE(minus, emDash);
+}
+
 TEST(Pcl5SymbolSets, EveryCodeOfEverySetPrintsItsCharacterOrNothing) {
     // Where each character can be reached: the first set and code that map to it.
     std::map<char32_t, std::pair<uint16_t, int>> first;
