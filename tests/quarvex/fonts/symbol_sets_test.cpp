@@ -9,6 +9,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <vector>
 
 using namespace qx;
 
@@ -196,6 +197,55 @@ TEST(SymbolSets, PostScriptSetsFollowAdobesEncodings) {
         {psMath, 0xFF, 0}};
     for (const Code& c : codes)
         EXPECT_EQ(symbolSetToUnicode(c.set, c.code), c.want) << symbolSetName(c.set) << " code " << c.code;
+}
+
+namespace {
+
+// The 256 characters of one of Ghostscript's encodings, through its Adobe Glyph List (0 for a
+// code without a glyph or a glyph without a character); empty when Ghostscript does not run.
+std::vector<char32_t> ghostscriptEncoding(const std::string& encoding) {
+    const std::string cmd = "gs -q -dNODISPLAY -dNOSAFER -c '/" + encoding +
+                            " findencoding 0 1 255 { 1 index exch get dup AdobeGlyphList exch known "
+                            "{ AdobeGlyphList exch get } { pop 0 } ifelse = } for pop quit' 2>/dev/null";
+    std::vector<char32_t> out;
+    FILE* f = popen(cmd.c_str(), "r");
+    if (!f)
+        return out;
+    unsigned long u = 0;
+    while (out.size() < 256 && std::fscanf(f, "%lu", &u) == 1)
+        out.push_back(static_cast<char32_t>(u));
+    pclose(f);
+    return out;
+}
+
+bool privateUse(char32_t u) { return u >= 0xE000 && u <= 0xF8FF; }
+
+} // namespace
+
+TEST(SymbolSets, EveryCodeOfThePostScriptSetsIsAdobesGlyph) {
+    // Every code of PS Text and PS Math against Adobe's StandardEncoding and Symbol encoding as
+    // Ghostscript carries them. The Symbol font's private-use pieces print the bracket, brace,
+    // integral and arrow pieces or the registered, copyright and trademark signs Unicode has,
+    // except the radical extender and the Apple logo, which print nothing.
+    const std::vector<char32_t> standard = ghostscriptEncoding("StandardEncoding");
+    const std::vector<char32_t> symbol = ghostscriptEncoding("SymbolEncoding");
+    ASSERT_EQ(standard.size(), 256u);
+    ASSERT_EQ(symbol.size(), 256u);
+    const uint16_t psText = symbolSetId(10, 'J'), psMath = symbolSetId(5, 'M');
+    for (int code = 0; code < 256; ++code) {
+        EXPECT_EQ(symbolSetToUnicode(psText, code), privateUse(standard[code]) ? 0 : standard[code]) << code;
+        const char32_t got = symbolSetToUnicode(psMath, code);
+        if (!privateUse(symbol[code])) {
+            EXPECT_EQ(got, symbol[code]) << code;
+            continue;
+        }
+        const bool piece = (got >= 0x239B && got <= 0x23AE) || got == 0x23AF || got == 0x23D0 || got == 0xAE ||
+                           got == 0xA9 || got == 0x2122;
+        if (code == 0x60 || code == 0xF0)
+            EXPECT_EQ(got, 0U) << code;
+        else
+            EXPECT_TRUE(piece) << code << " prints U+" << std::hex << static_cast<unsigned>(got);
+    }
 }
 
 TEST(SymbolSets, GroffsLaserJetCharactersAreWhereHpPutsThem) {
