@@ -7,7 +7,7 @@ packages=(
     libtiff-dev libcairo2-dev libpixman-1-dev libfreetype-dev libfontconfig-dev zlib1g-dev libjpeg-dev
     libgs-dev
     libgtest-dev
-    fonts-liberation fonts-urw-base35 fonts-dejavu-core
+    fonts-liberation fonts-urw-base35 fonts-dejavu-core fonts-symbola
     ghostscript netpbm groff python3 python3-pil imagemagick graphicsmagick
     cups cups-filters cups-ppdc printer-driver-gutenprint printer-driver-hpcups
     plotutils gnuplot-nox hp2xx mupdf-tools

@@ -55,7 +55,8 @@ std::string symbolSetName(uint16_t id);
 bool symbolSetKnown(uint16_t id);
 // The Unicode character for a code in a symbol set; 0 when the code has no character there.
 // Codes of an unknown symbol set are taken as Roman-8; Unicode (18N) passes codes through, and
-// so does Symbol (19M), whose face's character map uses the Symbol font's own codes.
+// so does Symbol (19M), whose face's character map uses the Symbol font's own codes (only those
+// the Symbol font's layout fills).
 char32_t symbolSetToUnicode(uint16_t id, uint32_t code);
 
 // PCL attributes, as ESC ( s ... sets them.

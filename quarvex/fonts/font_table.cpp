@@ -146,8 +146,12 @@ constexpr FaceFile kChancery[] = {{"Z003-MediumItalic.otf", "Z003", "Medium Ital
 constexpr FaceFile kSymbol[] = {{"StandardSymbolsPS.otf", "Standard Symbols PS", "Regular"},
                                 {nullptr, nullptr, nullptr}};
 constexpr FaceFile kDingbats[] = {{"D050000L.otf", "D050000L", "Regular"}, {nullptr, nullptr, nullptr}};
-// Wingdings prints through the Unicode characters of its symbol set; DejaVu Sans draws most of them.
-constexpr FaceFile kWingdings[] = {{"DejaVuSans.ttf", "DejaVu Sans", "Book"}, {nullptr, nullptr, nullptr}};
+// Wingdings prints through the Unicode characters of its symbol set. Symbola draws every one of
+// them (the pictographs, clock faces and arrows Unicode 7.0 added for Wingdings among them);
+// DejaVu Sans draws about half.
+constexpr FaceFile kWingdings[] = {{"Symbola_hint.ttf", "Symbola", "Regular"},
+                                   {"DejaVuSans.ttf", "DejaVu Sans", "Book"},
+                                   {nullptr, nullptr, nullptr}};
 
 // family, PCL XL name, typeface, proportional, bold, italic, internal font number, symbolic, files
 constexpr FaceEntry kFaces[] = {

@@ -42,6 +42,8 @@ constexpr NamedSet kPjlNames[] = {
     {"PSMATH", symbolSetId(5, 'M')},   {"MSPUBL", symbolSetId(6, 'J')},
     {"PIFONT", symbolSetId(15, 'L')},  {"SYMBOL", symbolSetId(19, 'M')},
     {"WING", symbolSetId(579, 'L')},   {"UNICODE", symbolSetId(18, 'N')},
+    {"ISOL4", symbolSetId(4, 'N')},    {"ISOL6", symbolSetId(6, 'N')},
+    {"PC775", symbolSetId(26, 'U')},   {"WINBALT", symbolSetId(19, 'L')},
 };
 
 } // namespace
@@ -89,9 +91,10 @@ char32_t symbolSetToUnicode(uint16_t id, uint32_t code) {
     if (code > 255)
         return 0;
     // The Symbol face carries the Symbol font's own encoding in its character map: codes pass
-    // through to it.
+    // through to it where the font's layout, the one PS Math shares, has a glyph (the radical
+    // extender has no Unicode character but is one of them). The other codes print nothing.
     if (id == symsets::Symbol)
-        return code >= 0x20 ? static_cast<char32_t>(code) : 0;
+        return code == 0x60 || findTable(symbolSetId(5, 'M'))->codes[code] ? static_cast<char32_t>(code) : 0;
     const SymbolSetTable* t = findTable(id);
     if (!t)
         t = findTable(symsets::Roman8);

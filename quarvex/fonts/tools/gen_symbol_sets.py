@@ -6,8 +6,9 @@ Run from this folder:  /usr/bin/python3 gen_symbol_sets.py > ../symbol_set_table
 
 Where each table comes from:
 - Sets that are the same as a published code page take Unicode's mapping of that code page
-  (Python's codecs carry those tables): Roman-8, PC-8, PC-850, PC-852, the ISO 8859 and Windows
-  sets, ASCII, PC-8 D/N (from the Nordic PC code page, see below), MC Text (Macintosh).
+  (Python's codecs carry those tables): Roman-8, PC-8, PC-850, PC-852, PC-Turkish, PC-775, the
+  ISO 8859 and Windows sets, ASCII, PC-8 D/N (from the Nordic PC code page, see below), MC Text
+  (Macintosh).
 - PS Text and PS Math are Adobe's StandardEncoding and Symbol encoding; the encodings and the
   Adobe Glyph List are read from Ghostscript's resource files.
 - HP's own code assignments as its LaserJet font metrics record them: groff's LaserJet 4 font
@@ -15,6 +16,8 @@ Where each table comes from:
   its MSL or Unicode number. Those pairs fill the sets that have no public code page (Desktop,
   Math-8, Wingdings, MS Publishing, Pi Font, Ventura International) and check every other table:
   a disagreement stops the script.
+- Wingdings codes that HP's metrics leave empty take the character Unicode 7.0 gave the font's
+  symbol (wingdings_unicode.txt beside this script).
 Codes the sources leave undefined map to 0: the printer prints nothing for them.
 """
 
@@ -71,6 +74,23 @@ def read_agl():
     return agl
 
 
+# The Symbol font's glyphs that the Adobe Glyph List gives private-use numbers, with the Unicode
+# characters made for them: the serif and sans serif registered, copyright and trademark signs,
+# the arrow extenders, and the pieces of tall parentheses, brackets, braces and integrals.
+SYMBOL_PIECES = {
+    "registerserif": 0x00AE, "copyrightserif": 0x00A9, "trademarkserif": 0x2122,
+    "registersans": 0x00AE, "copyrightsans": 0x00A9, "trademarksans": 0x2122,
+    "arrowvertex": 0x23D0, "arrowhorizex": 0x23AF,
+    "parenlefttp": 0x239B, "parenleftex": 0x239C, "parenleftbt": 0x239D,
+    "bracketlefttp": 0x23A1, "bracketleftex": 0x23A2, "bracketleftbt": 0x23A3,
+    "bracelefttp": 0x23A7, "braceleftmid": 0x23A8, "braceleftbt": 0x23A9, "braceex": 0x23AA,
+    "integralex": 0x23AE,
+    "parenrighttp": 0x239E, "parenrightex": 0x239F, "parenrightbt": 0x23A0,
+    "bracketrighttp": 0x23A4, "bracketrightex": 0x23A5, "bracketrightbt": 0x23A6,
+    "bracerighttp": 0x23AB, "bracerightmid": 0x23AC, "bracerightbt": 0x23AD,
+}
+
+
 def read_ps_encoding(name, agl):
     """The 256 glyph names of a Ghostscript encoding file, as Unicode (PUA and .notdef -> 0)."""
     text = open(os.path.join(GS_INIT, name)).read()
@@ -93,7 +113,9 @@ def read_ps_encoding(name, agl):
     for n in names:
         u = agl.get(n, 0)
         if 0xE000 <= u <= 0xF8FF:
-            u = 0  # a private-use piece (radical extender, brace parts): no character
+            # The Symbol font's pieces that the glyph list leaves in the private use area: the
+            # characters Unicode has for them, or none (the radical extender, the Apple logo).
+            u = SYMBOL_PIECES.get(n, 0)
         out.append(u)
     return out
 
@@ -113,6 +135,17 @@ def read_groff_pairs():
     return pairs
 
 
+def read_wingdings():
+    """The Wingdings font's code -> Unicode pairs of wingdings_unicode.txt."""
+    out = [0] * 256
+    with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "wingdings_unicode.txt")) as f:
+        for line in f:
+            fields = line.split("#")[0].split()
+            if len(fields) == 2:
+                out[int(fields[0], 16)] = int(fields[1], 16)
+    return out
+
+
 def build_sets():
     """[(C++ name, (number, letter), 256 Unicode values)] for every set, checked against HP's
     metrics; stops the script on a disagreement."""
@@ -126,6 +159,11 @@ def build_sets():
     # has the straight apostrophe.
     roman8 = codec_table("hp_roman8")
     roman8[0x27] = 0x2019
+    # Code 246 is the dash that LaserJet fonts set as wide as their minus sign, and producers
+    # (plotutils' PCL driver among them) print every minus sign through it: it is drawn with the
+    # minus sign, as the same plot's PostScript shows it, not with the em dash the code page
+    # names, whose ink runs the whole advance and reads as a long dash.
+    roman8[0xF6] = 0x2212
 
     win30 = codec_table("cp1252")
     for c in range(0x80, 0xA0):
@@ -151,6 +189,13 @@ def build_sets():
         ("WinLatin2", (9, "E"), codec_table("cp1250"), False),
         ("WinLatin5", (5, "T"), codec_table("cp1254"), False),
         ("Ascii", (0, "U"), codec_table("ascii"), False),
+        # The other Latin sets of the Line Printer font, each the code page HP names it after.
+        ("Latin9", (9, "N"), codec_table("iso8859_15"), False),
+        ("Latin4", (4, "N"), codec_table("iso8859_4"), False),
+        ("Latin6", (6, "N"), codec_table("iso8859_10"), False),
+        ("PC8Turkish", (9, "T"), codec_table("cp857", PC_GRAPHICS_LOW, "\u2302"), False),
+        ("PC775", (26, "U"), codec_table("cp775", PC_GRAPHICS_LOW, "\u2302"), False),
+        ("WinBaltic", (19, "L"), codec_table("cp1257"), False),
         ("McText", (12, "J"), codec_table("mac_roman", keep_c1=True), False),
         ("PsText", (10, "J"), standard, False),
         ("PsMath", (5, "M"), symbol, False),
@@ -186,6 +231,16 @@ def build_sets():
                 problems += 1
     if problems:
         sys.exit(f"{problems} disagreements")
+
+    # HP's metrics name about half of Wingdings; the rest take the characters Unicode gave them.
+    # The Om (0x5C) is named by the Devanagari letter in HP's metrics: it takes the Om symbol
+    # Unicode encoded for Wingdings, which the symbol faces draw.
+    wingdings = next(t for name, _, t, _ in sets if name == "Wingdings")
+    assert wingdings[0x5C] == 0x0950
+    wingdings[0x5C] = 0
+    for code, u in enumerate(read_wingdings()):
+        if wingdings[code] == 0:
+            wingdings[code] = u
 
     return [(name, nl, t) for name, nl, t, _ in sets]
 

@@ -84,7 +84,8 @@ const std::vector<uint16_t>& textSets() {
         symbolSetId(19, 'U'), symbolSetId(9, 'U'),  symbolSetId(9, 'E'),  symbolSetId(5, 'T'),
         symbolSetId(0, 'U'),  symbolSetId(12, 'J'), symbolSetId(10, 'J'), symbolSetId(5, 'M'),
         symbolSetId(7, 'J'),  symbolSetId(8, 'M'),  symbolSetId(6, 'J'),  symbolSetId(15, 'U'),
-        symbolSetId(13, 'J')};
+        symbolSetId(13, 'J'), symbolSetId(9, 'N'),  symbolSetId(4, 'N'),  symbolSetId(6, 'N'),
+        symbolSetId(9, 'T'),  symbolSetId(26, 'U'), symbolSetId(19, 'L')};
     return sets;
 }
 
@@ -105,6 +106,34 @@ TEST(Pcl5SymbolSets, GroffMinusSignsAndLigaturesPrintAsThemselves) {
     EXPECT_EQ(fi, printCode(symbolSetId(10, 'J'), 0xAE));
     EXPECT_EQ(fi, printCode(symbolSetId(12, 'J'), 0xDE));
     EXPECT_NE(fi.glyph, printCode(symsets::Roman8, 0xAD).glyph);
+}
+
+TEST(Pcl5SymbolSets, RomanEightDashPrintsTheMinusSign) {
+    // plotutils' PCL driver prints every minus sign as Roman-8 code 246. It must come out as the
+    // minus sign that Math-8 prints at 0x2D and the plot's PostScript shows, not as the em dash
+    // of Windows 3.1 Latin 1 code 151, whose ink runs the whole advance.
+    const Printed dash = printCode(symsets::Roman8, 0xF6);
+    ASSERT_FALSE(dash.glyph.empty());
+    EXPECT_EQ(dash, printCode(symbolSetId(8, 'M'), 0x2D));
+    EXPECT_NE(dash.glyph, printCode(symsets::Win31Latin1, 0x97).glyph);
+}
+
+TEST(Pcl5SymbolSets, PlotutilsLabelMinusSignsPrintAsMinusSigns) {
+    // plotutils writes "-6" on an axis as an HP-GL/2 label in Univers, Roman-8, with the minus
+    // as code 246. That code draws Math-8's minus, not Windows 3.1 Latin 1's em dash.
+    auto labelGlyph = [](int symbolSet, char code) {
+        const std::string job = ESC + "E" + ESC + "%0BIN;SP1;SD1," + std::to_string(symbolSet) +
+                                ",2,1,4,14,5,0,6,0,7,4148;PA2000,2000;LB" + std::string(1, code) + "\x03;" +
+                                ESC + "%0A" + ESC + "E";
+        const std::vector<std::string> m = masksOf(job);
+        return m.size() == 1 ? m.front().substr(0, m.front().find(" [")) : std::string();
+    };
+    const std::string minus = labelGlyph(symsets::Roman8, '\xF6');
+    ASSERT_FALSE(minus.empty());
+    EXPECT_EQ(minus, labelGlyph(symbolSetId(8, 'M'), '-'));
+    const std::string emDash = labelGlyph(symsets::Win31Latin1, '\x97');
+    ASSERT_FALSE(emDash.empty());
+    EXPECT_NE(minus, emDash);
 }
 
 TEST(Pcl5SymbolSets, EveryCodeOfEverySetPrintsItsCharacterOrNothing) {
@@ -145,18 +174,64 @@ TEST(Pcl5SymbolSets, EveryCodeOfEverySetPrintsItsCharacterOrNothing) {
     EXPECT_GT(blank, 1000);
 }
 
+TEST(Pcl5SymbolSets, LinePrinterPrintsEveryCharacterOfItsSets) {
+    // The Line Printer font (typeface 0, 16.67 pitch, 8.5 point) with each Latin set it carries:
+    // every code with a character draws it, every code without one draws nothing and does not move.
+    const uint16_t sets[] = {symbolSetId(0, 'N'),  symbolSetId(0, 'U'),  symbolSetId(2, 'N'),  symbolSetId(4, 'N'),
+                             symbolSetId(5, 'N'),  symbolSetId(6, 'N'),  symbolSetId(8, 'U'),  symbolSetId(9, 'E'),
+                             symbolSetId(9, 'N'),  symbolSetId(9, 'T'),  symbolSetId(10, 'U'), symbolSetId(11, 'U'),
+                             symbolSetId(12, 'U'), symbolSetId(17, 'U'), symbolSetId(19, 'L'), symbolSetId(19, 'U'),
+                             symbolSetId(26, 'U')};
+    const std::string font = ESC + "(s0p16.67h8.5v0s0b0T";
+    int drawn = 0;
+    for (uint16_t set : sets) {
+        ASSERT_TRUE(symbolSetKnown(set)) << setName(set);
+        for (int code = 0; code < 256; ++code) {
+            const char32_t u = symbolSetToUnicode(set, code);
+            if (u == 0xA0)
+                continue; // the no-break space: a glyph without ink
+            const std::vector<std::string> m = masksOf(ESC + "E" + ESC + "(" + setName(set) + font + ESC + "*p300x300Y" +
+                                                       ESC + "&p1X" + std::string(1, static_cast<char>(code)) + "|");
+            // Each code is followed by a bar: with a character the code draws one glyph before it.
+            const size_t want = (u == 0 || u == U' ') ? 1 : 2;
+            EXPECT_EQ(m.size(), want) << setName(set) << " code " << code;
+            drawn += m.size() == 2 ? 1 : 0;
+        }
+    }
+    EXPECT_GT(drawn, 3000);
+}
+
+TEST(Pcl5SymbolSets, SymbolPrintsTheSymbolFontsGlyphsAndNothingElse) {
+    // Symbol (19M) in the Symbol typeface: every code the Symbol font fills draws one glyph of
+    // its own (the face that stands in for the Symbol font), the empty ones draw nothing.
+    const std::string face = ESC + "(19M" + ESC + "(s1p12v0s0b16686T";
+    int drawn = 0;
+    for (int code = 0; code < 256; ++code) {
+        const std::vector<std::string> m = masksOf(face + ESC + "&p1X" + std::string(1, static_cast<char>(code)));
+        const char32_t u = symbolSetToUnicode(symsets::Symbol, code);
+        EXPECT_EQ(m.size(), u == 0 || u == U' ' ? 0u : 1u) << "code " << code;
+        drawn += static_cast<int>(m.size());
+    }
+    EXPECT_EQ(drawn, 188); // PS Math's 188 characters and the radical extender, less the space
+}
+
 TEST(Pcl5SymbolSets, WingdingsPrintsItsSymbolsAndNothingForCodesItLacks) {
     const uint16_t wing = symsets::Wingdings;
     const std::string face = ESC + "(579L" + ESC + "(s1p12v0s0b31402T";
-    int drawn = 0;
-    for (int code = 0x20; code < 256; ++code) {
+    int symbols = 0;
+    for (int code = 0; code < 256; ++code) {
         std::vector<std::string> m = masksOf(face + ESC + "&p1X" + std::string(1, static_cast<char>(code)));
-        if (symbolSetToUnicode(wing, code) == 0)
+        const char32_t u = symbolSetToUnicode(wing, code);
+        if (u == 0 || u == U' ') {
             EXPECT_TRUE(m.empty()) << "code " << code;
-        else
-            drawn += m.empty() ? 0 : 1;
+            continue;
+        }
+        // Every symbol of the set is drawn, by the face that stands in for Wingdings itself.
+        EXPECT_EQ(m.size(), 1u) << "code " << code;
+        EXPECT_TRUE(fonts().hasGlyph(fonts().selectByName("Wingdings"), u)) << "code " << code;
+        ++symbols;
     }
-    EXPECT_GT(drawn, 100);
+    EXPECT_EQ(symbols, 222);
     // The scissors (0x22) are not Zapf Dingbats' first symbol nor a quotation mark.
     std::vector<std::string> scissors = masksOf(face + "\"");
     ASSERT_EQ(scissors.size(), 1u);
