@@ -2,6 +2,7 @@
 
 #include "common/diagnostics.h"
 #include "emf/dib.h"
+#include "emf/plus_player.h"
 #include "emf/records.h"
 
 #include <algorithm>
@@ -305,6 +306,7 @@ bool Player::play(Bytes mf, const EmfHeader& header, const PagePlacement& placem
     s.path.clear();
     s.clipPointsUsed = 0;
     s.patternBytesUsed = 0;
+    s.plus.reset();
 
     size_t pos = 0;
     bool ended = false;
@@ -346,10 +348,13 @@ void Player::Impl::playRecord(uint32_t type, Bytes rec) {
         return;
     switch (type) {
     case EMR_COMMENT:
-        // GDI+ writes its own records into comments; an "EMF+ only" metafile (the header
-        // record's dual flag clear) has no GDI records to draw.
-        if (rec.u32(12) == 0x2B464D45 && rec.u16(16) == 0x4001 && !(rec.u16(18) & 1))
-            warnOnce("the page is drawn in EMF+ records only, which are not read");
+        // GDI+ writes its own records into comments. A page drawn in EMF+ only (the EMF+
+        // header's dual flag clear) is drawn from them; a dual one from its GDI records.
+        if (rec.u32(12) == 0x2B464D45) {
+            if (!plus)
+                plus = std::make_unique<PlusPlayer>(*this);
+            plus->playComment(rec);
+        }
         return;
     // Records that change nothing on paper.
     case EMR_HEADER:

@@ -16,26 +16,6 @@ namespace {
 // Whether a ROP3 looks at the source operand.
 bool usesSource(uint8_t rop3) { return ((rop3 >> 2) & 0x33) != (rop3 & 0x33); }
 
-// The part [x, x + w) x [y, y + h) of an image (clamped to it); the whole image when it is all.
-Image crop(Image img, int x, int y, int w, int h) {
-    x = std::clamp(x, 0, img.width);
-    y = std::clamp(y, 0, img.height);
-    w = std::clamp(w, 0, img.width - x);
-    h = std::clamp(h, 0, img.height - y);
-    if (x == 0 && y == 0 && w == img.width && h == img.height)
-        return img;
-    Image out;
-    out.width = w;
-    out.height = h;
-    out.format = img.format;
-    out.stride = size_t(w) * 3;
-    out.data.resize(out.stride * size_t(h));
-    for (int r = 0; r < h; ++r)
-        std::copy_n(img.data.data() + size_t(y + r) * img.stride + size_t(x) * 3, out.stride,
-                    out.data.data() + size_t(r) * out.stride);
-    return out;
-}
-
 } // namespace
 
 bool Player::Impl::playBitmapRecord(uint32_t type, Bytes rec) {
@@ -220,7 +200,7 @@ bool Player::Impl::playBitmapRecord(uint32_t type, Bytes rec) {
     if (dibSourceRect && info.i32(8) > 0)
         top = img.height - (ySrc + cySrc);
     if (xSrc != 0 || top != 0 || cxSrc != img.width || cySrc != img.height)
-        img = crop(std::move(img), xSrc, top, cxSrc, cySrc);
+        img = cropImage(std::move(img), xSrc, top, cxSrc, cySrc);
     if (img.width == 0 || img.height == 0)
         return true;
     const Matrix imageToPage = m * Matrix::translate(xDest, yDest) *

@@ -5,6 +5,7 @@
 
 #include "emf/file_face.h"
 #include "emf/player.h"
+#include "emf/plus_player.h"
 
 #include <array>
 #include <map>
@@ -113,6 +114,8 @@ struct Player::Impl {
     // not found); kept for the whole job.
     std::map<std::string, std::unique_ptr<FileFace>> fileFaces;
     const FileFace* fileFaceFor(const FontObject& font); // player_text.cpp
+    // The EMF+ records of the page (made at its first EMF+ comment).
+    std::unique_ptr<PlusPlayer> plus;
 
     // --- coordinates (player.cpp)
     Matrix pageToDeviceUnits() const;     // logical -> reference device pixels
