@@ -378,6 +378,19 @@ TEST(EmfPlusPixels, ShapesMatchGhostscriptDrawingTheSamePostScript) {
         }())
         .points(test::EmfPlusFillPolygon, 0x8000, {0xff000000}, {{20, 180}, {120, 200}, {40, 300}})
         .points(test::EmfPlusDrawBeziers, 1, {}, {{150, 150}, {200, 100}, {250, 300}, {350, 200}})
+        .image(5, 4, 4, {0, 0xffffff, 0, 0xffffff, 0xffffff, 0, 0xffffff, 0, 0, 0, 0xffffff, 0xffffff, 0, 0xffffff, 0xffffff, 0})
+        .rec(test::EmfPlusDrawImage, 5, [] {
+            test::Buffer b;
+            test::put32(b, 0xffffffff);
+            test::put32(b, 2);
+            for (float v : {0.f, 0.f, 4.f, 4.f, 300.f, 150.f, 40.f, 40.f})
+                test::putF(b, v);
+            return b;
+        }())
+        .fields(test::EmfPlusSave, 0, {1}, false)
+        .fields(test::EmfPlusSetClipRect, 0, {360, 150, 20, 100}, true)
+        .fillRects(0xff000000, true, {{340, 180, 60, 20}})
+        .fields(test::EmfPlusRestore, 0, {1}, false)
         .fields(test::EmfPlusTranslateWorldTransform, 0, {300, 40}, true)
         .fields(test::EmfPlusRotateWorldTransform, 0, {30}, true)
         .fillRects(0xff000000, true, {{0, 0, 50, 20}});
@@ -390,6 +403,8 @@ newpath 10 10 moveto 70 10 lineto 70 40 lineto 10 40 lineto closepath fill
 newpath 260 50 moveto 260 50 40 30 150 arc closepath fill
 newpath 20 180 moveto 120 200 lineto 40 300 lineto closepath fill
 newpath 150 150 moveto 200 100 250 300 350 200 curveto stroke
+gsave 300 150 translate 40 40 scale 4 4 8 [4 0 0 4 0 0] {<00ff00ffff00ff000000ffff00ffff00>} image grestore
+newpath 360 180 moveto 380 180 lineto 380 200 lineto 360 200 lineto closepath fill
 gsave 300 40 translate 30 rotate newpath 0 0 moveto 50 0 lineto 50 20 lineto 0 20 lineto closepath fill grestore
 showpage
 )";
