@@ -152,6 +152,10 @@ struct Player::Impl {
                   const int32_t* rect, bool graphicsAdvanced); // player_text.cpp
     // A RGNDATA region (rectangles in reference device pixels) as a page path.
     bool regionPath(Bytes rgnData, Path& out) const;     // player_bitmap.cpp
+    // The set bits of a monochrome mask DIB, from (x0, y0) over width x height pixels of the
+    // image it goes with, as rectangles through imageToPage. False when the mask is unusable.
+    bool maskPath(Bytes info, Bytes bits, int32_t x0, int32_t y0, int width, int height, const Matrix& imageToPage,
+                  Path& out); // player_bitmap.cpp
 };
 
 // The rectangle with corners (l, t) and (r, b), mapped by m, as a closed path.
