@@ -248,6 +248,31 @@ TEST(EmfPlus, ImagesByRectangleAndByPoints) {
     EXPECT_TRUE(r.has("image 1x2 rgb [0 14.17 -7.09 0 0 0]")) << r.calls;
 }
 
+TEST(EmfPlus, ObjectsSpreadOverSeveralRecordsAreJoined) {
+    // An image object's data cut in two, each part after the whole object's size.
+    PlusWriter whole;
+    whole.image(4, 3, 2, {0, 0xffffff, 0, 0xffffff, 0, 0xffffff});
+    const Buffer& b = whole.bytes();
+    const size_t objectAt = 28 + 12; // after the EMF+ header record and this record's header
+    const Buffer data(b.begin() + long(objectAt), b.end());
+    PlusWriter w;
+    for (size_t start : {size_t(0), size_t(20)}) {
+        Buffer part;
+        test::put32(part, uint32_t(data.size()));
+        part.insert(part.end(), data.begin() + long(start), start == 0 ? data.begin() + 20 : data.end());
+        w.rec(test::EmfPlusObject, 0x8000 | 5 << 8 | 4, part);
+    }
+    Buffer draw;
+    test::put32(draw, 0xffffffff);
+    test::put32(draw, 2);
+    for (float v : {0.f, 0.f, 3.f, 2.f, 0.f, 0.f, 30.f, 20.f})
+        test::putF(draw, v);
+    w.rec(test::EmfPlusDrawImage, 4, draw);
+    Played r(page(w));
+    EXPECT_TRUE(r.has("image 3x2 rgb [7.09 0 0 7.09 0 0]")) << r.calls;
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.calls;
+}
+
 TEST(EmfPlus, StringsWithTheStandInFonts) {
     static FontLibrary fonts({std::string(QX_STAGE_DIR) + "/fonts"}, false);
     PlusWriter w;
