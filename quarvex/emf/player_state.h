@@ -1,7 +1,7 @@
 #pragma once
 // The player's inner state, shared by the files that play the different kinds of record
 // (player.cpp: state, objects and paths; player_shapes.cpp: shapes; player_text.cpp: text;
-// player_bitmap.cpp: bitmaps and regions).
+// player_bitmap.cpp: bitmaps and regions; the EMF+ player in plus_*.cpp borrows it too).
 
 #include "emf/file_face.h"
 #include "emf/player.h"

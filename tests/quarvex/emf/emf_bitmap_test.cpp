@@ -2,6 +2,7 @@
 // transfers (EMR_PLGBLT) and the monochrome mask of EMR_MASKBLT.
 
 #include "emf_writer.h"
+#include "played.h"
 
 #include "common/diagnostics.h"
 #include "common/job.h"
@@ -25,6 +26,7 @@ namespace {
 
 using test::Buffer;
 using test::EmfWriter;
+using test::Played;
 
 // A BITMAPINFOHEADER of w x h at bits a pixel in compression, with colours colour-table entries.
 Buffer infoHeader(int w, int h, int bits, uint32_t compression, uint32_t imageSize,
@@ -152,21 +154,14 @@ TEST(EmfBitmaps, DamagedAndHugeCompressedPayloadsAreRefused) {
     EXPECT_FALSE(decodePngOrJpeg({jpg.data(), 3}).image);
 }
 
-struct Played {
-    RecordingDevice device;
-    Diagnostics diag{"test", false};
-    std::string calls;
-    explicit Played(const Buffer& data) {
-        JobContext ctx{device, diag, nullptr, {}};
-        run(data.data(), data.size(), ctx);
-        calls = device.joined();
+// The identity XFORM (six floats).
+void putIdentityXform(Buffer& b) {
+    for (float v : {1.f, 0.f, 0.f, 1.f, 0.f, 0.f}) {
+        uint32_t u;
+        std::memcpy(&u, &v, 4);
+        test::put32(b, u);
     }
-    size_t count(const std::string& prefix) const {
-        return size_t(std::count_if(device.calls().begin(), device.calls().end(),
-                                    [&](const std::string& c) { return c.rfind(prefix, 0) == 0; }));
-    }
-    bool has(const std::string& part) const { return calls.find(part) != std::string::npos; }
-};
+}
 
 // A 24-bit bitmap of w x 1 pixels (bottom-up, one row) after its header.
 Buffer rowBitmap(int w) {
@@ -197,11 +192,7 @@ Buffer plgblt(std::initializer_list<int32_t> corners, bool withMask) {
         test::put32(body, uint32_t(v));
     for (int32_t v : {0, 0, 4, 1})
         test::put32(body, uint32_t(v));
-    for (float v : {1.f, 0.f, 0.f, 1.f, 0.f, 0.f}) {
-        uint32_t u;
-        std::memcpy(&u, &v, 4);
-        test::put32(body, u);
-    }
+    putIdentityXform(body);
     test::put32(body, 0xffffff);
     test::put32(body, 0); // usage
     const uint32_t bmiAt = 140, bitsAt = bmiAt + 40;
@@ -251,11 +242,7 @@ TEST(EmfBitmaps, MasksLimitTheTransferToTheirSetBits) {
     test::put32(body, 0x00CC0020);      // ROP4: background BLACKNESS (0x00), foreground SRCCOPY
     for (int32_t v : {0, 0})
         test::put32(body, uint32_t(v));
-    for (float v : {1.f, 0.f, 0.f, 1.f, 0.f, 0.f}) {
-        uint32_t u;
-        std::memcpy(&u, &v, 4);
-        test::put32(body, u);
-    }
+    putIdentityXform(body);
     test::put32(body, 0xffffff);
     test::put32(body, 0);
     const uint32_t bmiAt = 128, maskAt = bmiAt + uint32_t(bmp.size());

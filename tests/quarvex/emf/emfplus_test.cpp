@@ -3,9 +3,11 @@
 // of a PostScript page that draws the same shapes.
 
 #include "emfplus_writer.h"
+#include "played.h"
 
 #include "common/diagnostics.h"
 #include "common/ink_score.h"
+#include "common/pgm.h"
 #include "common/job.h"
 #include "common/render_job.h"
 #include "emf/emf.h"
@@ -29,6 +31,7 @@ namespace {
 
 using test::Buffer;
 using test::EmfWriter;
+using test::Played;
 using test::PlusWriter;
 
 // One EMF of a 100 x 50 mm page (4 reference pixels a millimetre) holding the records of w.
@@ -37,27 +40,6 @@ Buffer page(PlusWriter& w, int widthMm = 100, int heightMm = 50) {
     w.flushInto(emf);
     return emf.finish();
 }
-
-struct Played {
-    RecordingDevice device;
-    Diagnostics diag{"test", false};
-    std::string calls;
-
-    explicit Played(const Buffer& data, const FontLibrary* fonts = nullptr) {
-        JobContext ctx{device, diag, fonts, {}};
-        run(data.data(), data.size(), ctx);
-        calls = device.joined();
-    }
-    size_t count(const std::string& prefix) const {
-        return size_t(std::count_if(device.calls().begin(), device.calls().end(),
-                                    [&](const std::string& c) { return c.rfind(prefix, 0) == 0; }));
-    }
-    bool has(const std::string& part) const { return calls.find(part) != std::string::npos; }
-    bool warned(const std::string& part) const {
-        return std::any_of(diag.lines().begin(), diag.lines().end(),
-                           [&](const std::string& l) { return l.find(part) != std::string::npos; });
-    }
-};
 
 // 1 reference pixel = 0.25 mm = 0.70866 pt.
 TEST(EmfPlus, APageInEmfPlusOnlyIsDrawn) {
@@ -365,22 +347,8 @@ struct GreyGrabber : PageSink {
 };
 
 qxtest::InkMask readPgmInk(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    // The header's fields, skipping comment lines (Ghostscript writes one).
-    auto field = [&] {
-        std::string token;
-        while (in >> token && token[0] == '#')
-            in.ignore(1 << 20, '\n');
-        return token;
-    };
-    const std::string magic = field();
-    const int w = std::atoi(field().c_str()), h = std::atoi(field().c_str()), max = std::atoi(field().c_str());
-    in.get();
-    std::vector<uint8_t> px(size_t(std::max(w, 0)) * size_t(std::max(h, 0)));
-    in.read(reinterpret_cast<char*>(px.data()), std::streamsize(px.size()));
-    if (magic != "P5" || max != 255 || !in)
-        return {};
-    return qxtest::inkOfGrey(px.data(), w, h, size_t(w), 128);
+    const qxtest::GreyPage g = qxtest::readPgm(path);
+    return qxtest::inkOfGrey(g.pixels.data(), g.width, g.height, size_t(g.width), 128);
 }
 
 TEST(EmfPlusPixels, ShapesMatchGhostscriptDrawingTheSamePostScript) {
