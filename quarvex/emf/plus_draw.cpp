@@ -107,6 +107,30 @@ Path polyPath(const std::vector<Point>& pts, bool closed) {
 
 } // namespace
 
+void PlusPlayer::fillGradient(const Path& shape, FillRule rule, const PlusBrush& b, const RenderState& rs) {
+    // Bands of even colour across the gradient's rectangle, clipped to the shape; beyond the
+    // rectangle the end colours go on (GDI+ would repeat the gradient there).
+    constexpr int kBands = 128;
+    auto clip = std::make_shared<ClipRegion>();
+    if (rs.clip)
+        clip->entries = rs.clip->entries;
+    clip->entries.push_back({shape, rule});
+    RenderState brs = rs;
+    brs.clip = std::move(clip);
+    const Matrix toPage = worldToPage() * b.gradient;
+    const double far = 1000 * std::max({std::fabs(b.w), std::fabs(b.h), 1.0});
+    const Rgb s = b.color.onWhite(), e = b.back.onWhite();
+    for (int i = 0; i < kBands; ++i) {
+        const double t = (i + 0.5) / kBands;
+        const Rgb c{uint8_t(std::lround(s.r + (e.r - s.r) * t)), uint8_t(std::lround(s.g + (e.g - s.g) * t)),
+                    uint8_t(std::lround(s.b + (e.b - s.b) * t))};
+        const double x0 = i == 0 ? b.x - far : b.x + b.w * i / kBands;
+        const double x1 = i == kBands - 1 ? b.x + b.w + far : b.x + b.w * (i + 1) / kBands;
+        gdi.device.fillPath(rectPath(toPage, x0, b.y - far, x1, b.y + b.h + far), FillRule::NonZero, Paint::solid(c),
+                            brs);
+    }
+}
+
 bool PlusPlayer::playDrawRecord(uint16_t type, uint16_t flags, Bytes data) {
     if (gdi.inPath)
         return false;
@@ -143,6 +167,11 @@ bool PlusPlayer::playDrawRecord(uint16_t type, uint16_t flags, Bytes data) {
             const Rgb f = b.color.onWhite(), k = b.back.onWhite();
             return Paint::solid({uint8_t((f.r + k.r) / 2), uint8_t((f.g + k.g) / 2), uint8_t((f.b + k.b) / 2)});
         }
+        if (b.kind == PlusBrush::Kind::Linear) {
+            // Lines in a gradient: its middle colour.
+            const Rgb f = b.color.onWhite(), k = b.back.onWhite();
+            return Paint::solid({uint8_t((f.r + k.r) / 2), uint8_t((f.g + k.g) / 2), uint8_t((f.b + k.b) / 2)});
+        }
         return b.color.a == 0 ? Paint::none() : Paint::solid(b.color.onWhite());
     };
     // The brush of a fill record: a colour in the record or a brush object.
@@ -161,6 +190,10 @@ bool PlusPlayer::playDrawRecord(uint16_t type, uint16_t flags, Bytes data) {
         PlusBrush b;
         if (world.empty() || !brushOf(brushValue, b))
             return;
+        if (b.kind == PlusBrush::Kind::Linear) {
+            fillGradient(world.transformed(m), rule, b, rs);
+            return;
+        }
         const Paint paint = paintOf(b);
         if (paint.kind == Paint::Kind::None)
             return;

@@ -42,14 +42,28 @@ std::string readBrush(Bytes data, size_t o, PlusBrush& brush) {
         brush.kind = PlusBrush::Kind::Solid;
         brush.color = Argb::of(data.u32(o + 16));
         return "gradient brushes are drawn in one colour";
-    case 4: { // LinearGradient: flags, wrap mode, rectangle, start and end colours
-        if (!data.has(o, 40))
+    case 4: { // LinearGradient: flags, wrap mode, rectangle, start and end colours, two
+              // reserved fields, then a transform when flag 0x2 says so
+        if (!data.has(o, 48))
             return "a gradient brush cut short";
-        const Argb a = Argb::of(data.u32(o + 32)), b = Argb::of(data.u32(o + 36));
-        brush.kind = PlusBrush::Kind::Solid;
-        brush.color = {uint8_t((a.a + b.a) / 2), uint8_t((a.r + b.r) / 2), uint8_t((a.g + b.g) / 2),
-                       uint8_t((a.b + b.b) / 2)};
-        return "gradient brushes are drawn in one colour";
+        const uint32_t flags = data.u32(o + 8);
+        brush.kind = PlusBrush::Kind::Linear;
+        brush.x = data.f32(o + 16), brush.y = data.f32(o + 20), brush.w = data.f32(o + 24), brush.h = data.f32(o + 28);
+        brush.color = Argb::of(data.u32(o + 32));
+        brush.back = Argb::of(data.u32(o + 36));
+        if ((flags & 0x2) && data.has(o + 48, 24)) {
+            const Matrix t{data.f32(o + 48), data.f32(o + 52), data.f32(o + 56),
+                           data.f32(o + 60), data.f32(o + 64), data.f32(o + 68)};
+            if (finite(t.a) && finite(t.b) && finite(t.c) && finite(t.d) && finite(t.e) && finite(t.f))
+                brush.gradient = t;
+        }
+        if (!(finite(brush.x) && finite(brush.y) && finite(brush.w) && finite(brush.h)) || brush.w == 0) {
+            brush.kind = PlusBrush::Kind::Solid;
+            return "a gradient brush without a rectangle is drawn in its start colour";
+        }
+        if (flags & 0x1C)
+            return "gradient blend factors and preset colours are left out (the gradient is even)";
+        return "";
     }
     default:
         brush.kind = PlusBrush::Kind::Solid;

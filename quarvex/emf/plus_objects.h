@@ -27,11 +27,15 @@ struct Argb {
 };
 
 struct PlusBrush {
-    enum class Kind : uint8_t { Solid, Hatch };
+    enum class Kind : uint8_t { Solid, Hatch, Linear };
     Kind kind = Kind::Solid;
-    Argb color;           // Solid: the colour; Hatch: the fore colour
-    Argb back;            // Hatch: the back colour
+    Argb color;           // Solid: the colour; Hatch: the fore colour; Linear: the start colour
+    Argb back;            // Hatch: the back colour; Linear: the end colour
     uint32_t hatch = 0;   // HatchStyle
+    // Linear: the colours go from the left to the right edge of this rectangle in the brush's
+    // own space, which gradient maps to world space.
+    double x = 0, y = 0, w = 0, h = 0;
+    Matrix gradient;
 };
 
 struct PlusPen {

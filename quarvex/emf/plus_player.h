@@ -22,7 +22,8 @@
 
 namespace qx::emf {
 
-struct PlusObjects; // plus_objects.cpp
+struct PlusObjects; // plus_objects.h
+struct PlusBrush;
 
 // How many saved graphics states (Save and BeginContainer) are kept at most.
 inline constexpr size_t kMaxPlusSaves = 256;
@@ -68,6 +69,8 @@ public:
     bool playStateRecord(uint16_t type, uint16_t flags, Bytes data);
     bool playDrawRecord(uint16_t type, uint16_t flags, Bytes data); // plus_draw.cpp
     void drawStringRecord(bool driverString, uint16_t flags, Bytes data); // plus_text.cpp
+    // Fills a page-space shape with a linear gradient brush (plus_draw.cpp).
+    void fillGradient(const Path& shape, FillRule rule, const PlusBrush& brush, const RenderState& rs);
     void warn(const std::string& message);
 };
 

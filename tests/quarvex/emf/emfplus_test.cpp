@@ -88,6 +88,17 @@ TEST(EmfPlus, HatchBrushesAndTransparentColours) {
     EXPECT_EQ(r.count("fill"), 2u) << r.calls;
 }
 
+TEST(EmfPlus, LinearGradientsAreBandsClippedToTheShape) {
+    PlusWriter w;
+    w.linearBrush(1, 0, 0, 100, 10, 0xff000000, 0xffffffff).fillRects(1, false, {{0, 0, 100, 10}});
+    Played r(page(w));
+    EXPECT_EQ(r.count("fill nz"), 128u) << r.calls;
+    // The first band is nearly black, the last nearly white, each clipped to the rectangle.
+    EXPECT_EQ(r.device.calls()[1].rfind("fill nz #010101 rop=252 srcO patO clip=1", 0), 0u) << r.calls;
+    EXPECT_TRUE(r.has("fill nz #fefefe rop=252 srcO patO clip=1")) << r.calls;
+    EXPECT_FALSE(r.diag.hasWarnings()) << r.calls;
+}
+
 TEST(EmfPlus, WorldAndPageTransforms) {
     PlusWriter w;
     w.fields(test::EmfPlusTranslateWorldTransform, 0, {100, 0}, true)
@@ -384,6 +395,8 @@ TEST(EmfPlusPixels, ShapesMatchGhostscriptDrawingTheSamePostScript) {
         .fields(test::EmfPlusSetClipRect, 0, {360, 150, 20, 100}, true)
         .fillRects(0xff000000, true, {{340, 180, 60, 20}})
         .fields(test::EmfPlusRestore, 0, {1}, false)
+        .linearBrush(7, 240, 270, 150, 45, 0xff000000, 0xffffffff)
+        .fillRects(7, false, {{240, 270, 150, 45}})
         .fields(test::EmfPlusTranslateWorldTransform, 0, {300, 40}, true)
         .fields(test::EmfPlusRotateWorldTransform, 0, {30}, true)
         .fillRects(0xff000000, true, {{0, 0, 50, 20}});
@@ -398,6 +411,9 @@ newpath 20 180 moveto 120 200 lineto 40 300 lineto closepath fill
 newpath 150 150 moveto 200 100 250 300 350 200 curveto stroke
 gsave 300 150 translate 40 40 scale 4 4 8 [4 0 0 4 0 0] {<00ff00ffff00ff000000ffff00ffff00>} image grestore
 newpath 360 180 moveto 380 180 lineto 380 200 lineto 360 200 lineto closepath fill
+gsave newpath 240 270 moveto 390 270 lineto 390 315 lineto 240 315 lineto closepath clip
+<< /ShadingType 2 /ColorSpace /DeviceGray /Coords [240 0 390 0] /Extend [true true]
+   /Function << /FunctionType 2 /Domain [0 1] /C0 [0] /C1 [1] /N 1 >> >> shfill grestore
 gsave 300 40 translate 30 rotate newpath 0 0 moveto 50 0 lineto 50 20 lineto 0 20 lineto closepath fill grestore
 showpage
 )";

@@ -82,6 +82,17 @@ public:
             put32(b, v);
         return object(id, 1, b);
     }
+    // A linear gradient from start (left edge) to end (right edge) of a rectangle.
+    PlusWriter& linearBrush(uint8_t id, float x, float y, float w, float h, uint32_t start, uint32_t end) {
+        Buffer b;
+        for (uint32_t v : {4u, 0u, 0u})
+            put32(b, v); // type, flags, wrap mode
+        for (float v : {x, y, w, h})
+            putF(b, v);
+        for (uint32_t v : {start, end, 0u, 0u})
+            put32(b, v);
+        return object(id, 1, b);
+    }
     // A pen of width in unit (0 world, 2 pixel, ...), with a solid brush; lineStyle 0 is solid.
     PlusWriter& pen(uint8_t id, float width, uint32_t argb, uint32_t unit = 0, int lineStyle = 0) {
         Buffer b;
