@@ -20,8 +20,13 @@ constexpr size_t kMaxImageBytesPerPage = size_t(256) << 20;
 
 bool finite(double v) { return std::isfinite(v); }
 
-// A brush at offset o of data (after the object's version); "" when read.
-std::string readBrush(Bytes data, size_t o, PlusBrush& brush) {
+std::string readImage(Bytes data, PlusObject& obj, size_t& imageBytes);
+
+// The largest texture brush image kept, in pixels.
+constexpr size_t kMaxTexturePixels = size_t(1) << 20;
+
+// A brush at offset o of data (its version first); "" when read.
+std::string readBrush(Bytes data, size_t o, PlusBrush& brush, size_t& imageBytes) {
     const uint32_t type = data.u32(o + 4);
     if (!data.has(o, 12))
         return "a brush cut short";
@@ -65,14 +70,36 @@ std::string readBrush(Bytes data, size_t o, PlusBrush& brush) {
             return "gradient blend factors and preset colours are left out (the gradient is even)";
         return "";
     }
+    case 2: { // TextureFill: flags, wrap mode, a transform when flag 0x2 says so, the image
+        const uint32_t flags = data.u32(o + 8);
+        size_t at = o + 16;
+        if (flags & 0x2) {
+            const Matrix t{data.f32(at), data.f32(at + 4), data.f32(at + 8), data.f32(at + 12), data.f32(at + 16), data.f32(at + 20)};
+            if (finite(t.a) && finite(t.b) && finite(t.c) && finite(t.d) && finite(t.e) && finite(t.f))
+                brush.gradient = t;
+            at += 24;
+        }
+        PlusObject image;
+        std::string problem = data.has(at, 8) ? readImage(data.sub(at, data.size - at), image, imageBytes)
+                                              : "a texture brush without its image";
+        brush.kind = PlusBrush::Kind::Solid;
+        brush.color = {255, 128, 128, 128};
+        if (image.image && size_t(image.image->width) * size_t(image.image->height) <= kMaxTexturePixels) {
+            brush.kind = PlusBrush::Kind::Texture;
+            brush.texture = image.image;
+        } else if (problem.empty()) {
+            problem = "a texture brush too large to tile is drawn in grey";
+        }
+        return problem;
+    }
     default:
         brush.kind = PlusBrush::Kind::Solid;
         brush.color = {255, 128, 128, 128};
-        return "texture brushes are drawn in grey";
+        return "brushes of type " + std::to_string(type) + " are drawn in grey";
     }
 }
 
-std::string readPen(Bytes data, PlusPen& pen) {
+std::string readPen(Bytes data, PlusPen& pen, size_t& imageBytes) {
     // Version, type, then the pen data: flags, unit, width, optional fields, then the brush.
     if (!data.has(0, 20))
         return "a pen cut short";
@@ -128,7 +155,7 @@ std::string readPen(Bytes data, PlusPen& pen) {
     }
     if (!data.has(o, 12))
         return "a pen without its brush";
-    return readBrush(data, o, pen.brush);
+    return readBrush(data, o, pen.brush, imageBytes);
 }
 
 // One point type: the low nibble its kind (0 start, 1 line, 3 Bézier), 0x80 closes the figure.
@@ -416,11 +443,11 @@ std::string readPlusObject(uint32_t kind, Bytes data, PlusObject& obj, size_t& i
     switch (kind) {
     case kBrush:
         obj.kind = PlusObject::Kind::Brush;
-        problem = readBrush(data, 0, obj.brush);
+        problem = readBrush(data, 0, obj.brush, imageBytes);
         break;
     case kPen:
         obj.kind = PlusObject::Kind::Pen;
-        problem = readPen(data, obj.pen);
+        problem = readPen(data, obj.pen, imageBytes);
         break;
     case kPath:
         obj.kind = PlusObject::Kind::Path;

@@ -27,15 +27,16 @@ struct Argb {
 };
 
 struct PlusBrush {
-    enum class Kind : uint8_t { Solid, Hatch, Linear };
+    enum class Kind : uint8_t { Solid, Hatch, Linear, Texture };
     Kind kind = Kind::Solid;
     Argb color;           // Solid: the colour; Hatch: the fore colour; Linear: the start colour
     Argb back;            // Hatch: the back colour; Linear: the end colour
     uint32_t hatch = 0;   // HatchStyle
     // Linear: the colours go from the left to the right edge of this rectangle in the brush's
-    // own space, which gradient maps to world space.
+    // own space, which gradient maps to world space (for Texture: image pixels to world units).
     double x = 0, y = 0, w = 0, h = 0;
     Matrix gradient;
+    std::shared_ptr<const Image> texture;
 };
 
 struct PlusPen {

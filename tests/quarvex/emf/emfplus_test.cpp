@@ -81,11 +81,14 @@ TEST(EmfPlus, HatchBrushesAndTransparentColours) {
     w.hatchBrush(1, 4, 0xff000000, 0xffffffff)
         .fillRects(1, false, {{0, 0, 10, 10}})
         .fillRects(0x00ff0000, true, {{0, 0, 10, 10}})  // fully transparent: nothing
-        .fillRects(0x80000000, true, {{0, 0, 10, 10}}); // half black on white paper
+        .fillRects(0x80000000, true, {{0, 0, 10, 10}}) // half black on white paper
+        .textureBrush(2, 2, 3, {0, 0xffffff, 0xffffff, 0, 0, 0})
+        .fillRects(2, false, {{0, 0, 10, 10}});
     Played r(page(w));
+    EXPECT_TRUE(r.has("fill nz pattern(2x3) rop=252 srcO patO M0,0")) << r.calls;
     EXPECT_TRUE(r.has("fill nz pattern(8x8)")) << r.calls;
     EXPECT_TRUE(r.has("fill nz #7f7f7f")) << r.calls;
-    EXPECT_EQ(r.count("fill"), 2u) << r.calls;
+    EXPECT_EQ(r.count("fill"), 3u) << r.calls;
 }
 
 TEST(EmfPlus, LinearGradientsAreBandsClippedToTheShape) {

@@ -132,6 +132,18 @@ public:
     }
     // A 24-bit bitmap of w x h pixels (rows top-down, 0xRRGGBB each).
     PlusWriter& image(uint8_t id, int w, int h, const std::vector<uint32_t>& rgb) {
+        return object(id, 5, imageData(w, h, rgb));
+    }
+    // A texture brush tiling such a bitmap.
+    PlusWriter& textureBrush(uint8_t id, int w, int h, const std::vector<uint32_t>& rgb) {
+        Buffer b;
+        for (uint32_t v : {2u, 0u, 0u, kGraphicsVersion})
+            put32(b, v); // type, flags, wrap mode, the image's version
+        const Buffer image = imageData(w, h, rgb);
+        b.insert(b.end(), image.begin(), image.end());
+        return object(id, 1, b);
+    }
+    static Buffer imageData(int w, int h, const std::vector<uint32_t>& rgb) {
         Buffer b;
         const uint32_t stride = (uint32_t(w) * 3 + 3) & ~3u;
         put32(b, 1); // bitmap
@@ -150,7 +162,7 @@ public:
             for (uint32_t i = uint32_t(w) * 3; i < stride; ++i)
                 b.push_back(0);
         }
-        return object(id, 5, b);
+        return b;
     }
 
     // --- drawing
