@@ -111,6 +111,7 @@ void PlusPlayer::fillGradient(const Path& shape, FillRule rule, const PlusBrush&
     // Bands of even colour across the gradient's rectangle, clipped to the shape; beyond the
     // rectangle the end colours go on (GDI+ would repeat the gradient there).
     constexpr int kBands = 128;
+    gradientBands += kBands;
     auto clip = std::make_shared<ClipRegion>();
     if (rs.clip)
         clip->entries = rs.clip->entries;
@@ -204,10 +205,12 @@ bool PlusPlayer::playDrawRecord(uint16_t type, uint16_t flags, Bytes data) {
         PlusBrush b;
         if (world.empty() || !brushOf(brushValue, b))
             return;
-        if (b.kind == PlusBrush::Kind::Linear) {
+        if (b.kind == PlusBrush::Kind::Linear && gradientBands < kMaxGradientBands) {
             fillGradient(world.transformed(m), rule, b, rs);
             return;
         }
+        if (b.kind == PlusBrush::Kind::Linear)
+            warn("too many gradients on one page; the rest are drawn in one colour");
         const Paint paint = paintOf(b);
         if (paint.kind == Paint::Kind::None)
             return;

@@ -27,6 +27,9 @@ struct PlusBrush;
 
 // How many saved graphics states (Save and BeginContainer) are kept at most.
 inline constexpr size_t kMaxPlusSaves = 256;
+// The most bands of colour that gradient fills may draw on one page; later gradients are
+// drawn in their middle colour, so that a page of many costs no more than its size.
+inline constexpr size_t kMaxGradientBands = size_t(1) << 15;
 // The most bytes one object spread over several records may gather.
 inline constexpr size_t kMaxPlusObjectBytes = size_t(64) << 20;
 
@@ -57,6 +60,7 @@ public:
     double dpiX = 96, dpiY = 96;
     bool videoReference = false; // the reference device is a display (its Display unit is a pixel)
     bool ended = false;
+    size_t gradientBands = 0; // drawn on this page so far
     bool m_plusOnly = false;
 
     // --- coordinates (plus_player.cpp)

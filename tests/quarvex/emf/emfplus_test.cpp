@@ -305,6 +305,16 @@ TEST(EmfPlus, HostileRecordsWarnAndNeverCrash) {
         EXPECT_TRUE(r.warned("run past")) << r.calls;
     }
     {
+        // Gradients drawn as bands up to a page's budget, then in one colour each.
+        PlusWriter w;
+        w.linearBrush(1, 0, 0, 10, 10, 0xff000000, 0xffffffff);
+        for (int i = 0; i < 300; ++i)
+            w.fillRects(1, false, {{0, 0, 10, 10}});
+        Played r(page(w));
+        EXPECT_EQ(r.count("fill"), 256u * 128u + 44u);
+        EXPECT_TRUE(r.warned("too many gradients"));
+    }
+    {
         // Saved states far deeper than kept, then restored in a loop.
         PlusWriter w;
         for (int i = 0; i < 2000; ++i)
