@@ -201,6 +201,19 @@ DibResult decodePngOrJpeg(Bytes file) {
     return r;
 }
 
+PatternTile imageTile(const Image& img) {
+    PatternTile tile;
+    tile.width = img.width;
+    tile.height = img.height;
+    tile.pixels.resize(size_t(img.width) * size_t(img.height));
+    for (int y = 0; y < img.height; ++y)
+        for (int x = 0; x < img.width; ++x) {
+            const uint8_t* p = img.data.data() + size_t(y) * img.stride + size_t(x) * 3;
+            tile.pixels[size_t(y) * size_t(img.width) + size_t(x)] = {p[0], p[1], p[2]};
+        }
+    return tile;
+}
+
 Image cropImage(Image img, int x, int y, int w, int h) {
     x = std::clamp(x, 0, img.width);
     y = std::clamp(y, 0, img.height);

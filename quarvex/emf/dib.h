@@ -32,6 +32,9 @@ DibResult decodeDib(Bytes info, Bytes bits, bool paletteIndices = false);
 // white.
 DibResult decodePngOrJpeg(Bytes file);
 
+// An RGB image as a pattern tile (laid on the page by the caller's tileToPage).
+PatternTile imageTile(const Image& img);
+
 // The part [x, x + w) x [y, y + h) of an RGB image (clamped to it); the whole image when it is all.
 Image cropImage(Image img, int x, int y, int w, int h);
 

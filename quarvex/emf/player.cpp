@@ -158,20 +158,11 @@ Paint Player::Impl::brushPaint(const BrushObject& brush) const {
     default: {
         if (!brush.pattern)
             return Paint::solid(brush.color);
-        const Image& img = *brush.pattern;
-        auto tile = std::make_shared<PatternTile>();
-        tile->width = img.width;
-        tile->height = img.height;
-        tile->pixels.resize(size_t(img.width) * size_t(img.height));
-        for (int y = 0; y < img.height; ++y)
-            for (int x = 0; x < img.width; ++x) {
-                const uint8_t* p = img.data.data() + size_t(y) * img.stride + size_t(x) * 3;
-                Rgb c{p[0], p[1], p[2]};
-                // A one-bit pattern paints its 0 bits in the text colour, 1 bits in the background.
-                if (brush.monoPattern)
-                    c = (c == Rgb::black()) ? dc.textColor : dc.bkColor;
-                tile->pixels[size_t(y) * size_t(img.width) + size_t(x)] = c;
-            }
+        auto tile = std::make_shared<PatternTile>(imageTile(*brush.pattern));
+        // A one-bit pattern paints its 0 bits in the text colour, 1 bits in the background.
+        if (brush.monoPattern)
+            for (Rgb& c : tile->pixels)
+                c = (c == Rgb::black()) ? dc.textColor : dc.bkColor;
         tile->tileToPage = Matrix::scale(devPxToPtX, devPxToPtY);
         return Paint::tiled(std::move(tile));
     }

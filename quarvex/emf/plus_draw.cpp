@@ -169,16 +169,7 @@ bool PlusPlayer::playDrawRecord(uint16_t type, uint16_t flags, Bytes data) {
             return Paint::solid({uint8_t((f.r + k.r) / 2), uint8_t((f.g + k.g) / 2), uint8_t((f.b + k.b) / 2)});
         }
         if (b.kind == PlusBrush::Kind::Texture && b.texture) {
-            const Image& img = *b.texture;
-            auto tile = std::make_shared<PatternTile>();
-            tile->width = img.width;
-            tile->height = img.height;
-            tile->pixels.resize(size_t(img.width) * size_t(img.height));
-            for (int y = 0; y < img.height; ++y)
-                for (int x = 0; x < img.width; ++x) {
-                    const uint8_t* p = img.data.data() + size_t(y) * img.stride + size_t(x) * 3;
-                    tile->pixels[size_t(y) * size_t(img.width) + size_t(x)] = {p[0], p[1], p[2]};
-                }
+            auto tile = std::make_shared<PatternTile>(imageTile(*b.texture));
             tile->tileToPage = m * b.gradient;
             return Paint::tiled(std::move(tile));
         }
