@@ -56,12 +56,8 @@ std::string readBrush(Bytes data, size_t o, PlusBrush& brush, size_t& imageBytes
         brush.x = data.f32(o + 16), brush.y = data.f32(o + 20), brush.w = data.f32(o + 24), brush.h = data.f32(o + 28);
         brush.color = Argb::of(data.u32(o + 32));
         brush.back = Argb::of(data.u32(o + 36));
-        if ((flags & 0x2) && data.has(o + 48, 24)) {
-            const Matrix t{data.f32(o + 48), data.f32(o + 52), data.f32(o + 56),
-                           data.f32(o + 60), data.f32(o + 64), data.f32(o + 68)};
-            if (finite(t.a) && finite(t.b) && finite(t.c) && finite(t.d) && finite(t.e) && finite(t.f))
-                brush.gradient = t;
-        }
+        if (flags & 0x2)
+            brush.gradient = readPlusMatrix(data, o + 48).value_or(Matrix{});
         if (!(finite(brush.x) && finite(brush.y) && finite(brush.w) && finite(brush.h)) || brush.w == 0) {
             brush.kind = PlusBrush::Kind::Solid;
             return "a gradient brush without a rectangle is drawn in its start colour";
@@ -74,9 +70,7 @@ std::string readBrush(Bytes data, size_t o, PlusBrush& brush, size_t& imageBytes
         const uint32_t flags = data.u32(o + 8);
         size_t at = o + 16;
         if (flags & 0x2) {
-            const Matrix t{data.f32(at), data.f32(at + 4), data.f32(at + 8), data.f32(at + 12), data.f32(at + 16), data.f32(at + 20)};
-            if (finite(t.a) && finite(t.b) && finite(t.c) && finite(t.d) && finite(t.e) && finite(t.f))
-                brush.gradient = t;
+            brush.gradient = readPlusMatrix(data, at).value_or(Matrix{});
             at += 24;
         }
         PlusObject image;
@@ -373,6 +367,13 @@ std::string readImage(Bytes data, PlusObject& obj, size_t& imageBytes) {
 }
 
 } // namespace
+
+std::optional<Matrix> readPlusMatrix(Bytes data, size_t o) {
+    const Matrix m{data.f32(o), data.f32(o + 4), data.f32(o + 8), data.f32(o + 12), data.f32(o + 16), data.f32(o + 20)};
+    if (!data.has(o, 24) || !finiteMatrix(m))
+        return std::nullopt;
+    return m;
+}
 
 PlusRect readPlusRect(Bytes data, size_t o, bool compressed) {
     PlusRect r;

@@ -6,8 +6,10 @@
 #include "render/device.h"
 
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -101,6 +103,14 @@ std::string readPlusObject(uint32_t kind, Bytes data, PlusObject& obj, size_t& i
 // run-length coordinates (flag 0x0800), else 32-bit floats. Returns the bytes read, or 0 when
 // count points do not fit.
 size_t readPlusPoints(Bytes data, size_t offset, uint32_t count, uint16_t flags, std::vector<Point>& out);
+
+inline bool finiteMatrix(const Matrix& m) {
+    return std::isfinite(m.a) && std::isfinite(m.b) && std::isfinite(m.c) && std::isfinite(m.d) &&
+           std::isfinite(m.e) && std::isfinite(m.f);
+}
+
+// The six floats of a transform at offset o; nothing when one is not finite or missing.
+std::optional<Matrix> readPlusMatrix(Bytes data, size_t offset);
 
 // A rectangle (x, y, width, height): 16-bit integers with flag 0x4000, else floats.
 struct PlusRect {

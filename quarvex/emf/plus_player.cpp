@@ -30,15 +30,6 @@ enum : uint16_t {
     SerializableObject = 0x4038, SetTSGraphics = 0x4039, SetTSClip = 0x403A,
 };
 
-bool finiteMatrix(const Matrix& m) {
-    return std::isfinite(m.a) && std::isfinite(m.b) && std::isfinite(m.c) && std::isfinite(m.d) &&
-           std::isfinite(m.e) && std::isfinite(m.f);
-}
-
-Matrix readMatrix(Bytes data, size_t o) {
-    return {data.f32(o), data.f32(o + 4), data.f32(o + 8), data.f32(o + 12), data.f32(o + 16), data.f32(o + 20)};
-}
-
 // EMF+ clip combination modes as GDI region modes.
 uint32_t regionMode(uint32_t combine) {
     switch (combine) {
@@ -154,12 +145,12 @@ void PlusPlayer::playRecord(uint16_t type, uint16_t flags, Bytes data) {
 bool PlusPlayer::playStateRecord(uint16_t type, uint16_t flags, Bytes data) {
     // Post-multiplied (the A flag): the new transform applies after the world transform.
     const bool append = flags & 0x2000;
-    auto compose = [&](const Matrix& m) {
-        if (!finiteMatrix(m)) {
+    auto compose = [&](const std::optional<Matrix>& m) {
+        if (!m || !finiteMatrix(*m)) {
             warn("a world transform that is not finite is ignored");
             return;
         }
-        state.world = append ? m * state.world : state.world * m;
+        state.world = append ? *m * state.world : state.world * *m;
     };
     auto push = [&](uint32_t index) {
         if (saved.size() >= kMaxPlusSaves) {
@@ -217,15 +208,14 @@ bool PlusPlayer::playStateRecord(uint16_t type, uint16_t flags, Bytes data) {
         return true;
     }
     case SetWorldTransform: {
-        const Matrix m = readMatrix(data, 0);
-        if (data.size >= 24 && finiteMatrix(m))
-            state.world = m;
+        if (const auto m = readPlusMatrix(data, 0))
+            state.world = *m;
         return true;
     }
     case ResetWorldTransform: state.world = Matrix{}; return true;
     case MultiplyWorldTransform:
         if (data.size >= 24)
-            compose(readMatrix(data, 0));
+            compose(readPlusMatrix(data, 0));
         return true;
     case TranslateWorldTransform: compose(Matrix::translate(data.f32(0), data.f32(4))); return true;
     case ScaleWorldTransform: compose(Matrix::scale(data.f32(0), data.f32(4))); return true;

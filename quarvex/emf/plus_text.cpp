@@ -100,13 +100,8 @@ void PlusPlayer::drawStringRecord(bool driverString, uint16_t flags, Bytes data)
             return;
         }
         const size_t positions = 16 + size_t(count) * 2;
-        if (hasMatrix) {
-            const size_t o = positions + size_t(count) * 8;
-            const Matrix t{data.f32(o), data.f32(o + 4), data.f32(o + 8), data.f32(o + 12), data.f32(o + 16), data.f32(o + 20)};
-            if (std::isfinite(t.a) && std::isfinite(t.b) && std::isfinite(t.c) && std::isfinite(t.d) &&
-                std::isfinite(t.e) && std::isfinite(t.f))
-                extra = t;
-        }
+        if (hasMatrix)
+            extra = readPlusMatrix(data, positions + size_t(count) * 8).value_or(Matrix{});
         align = 24; // TA_BASELINE
         for (uint32_t i = 0; i < count; ++i) {
             const Point p{data.f32(positions + size_t(i) * 8), data.f32(positions + size_t(i) * 8 + 4)};

@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -303,6 +304,17 @@ TEST(EmfPlus, HostileRecordsWarnAndNeverCrash) {
         Played r(page(w));
         EXPECT_EQ(r.count("fill"), 0u) << r.calls;
         EXPECT_TRUE(r.warned("run past")) << r.calls;
+    }
+    {
+        // Transforms that are not finite are ignored.
+        PlusWriter w;
+        w.fields(test::EmfPlusTranslateWorldTransform, 0, {std::nan(""), 1}, true)
+            .fields(test::EmfPlusScaleWorldTransform, 0, {1e39, 1}, true)
+            .fields(test::EmfPlusMultiplyWorldTransform, 0, {1, 0, 0, std::nan(""), 0, 0}, true)
+            .fillRects(0xff000000, true, {{10, 20, 40, 30}});
+        Played r(page(w));
+        EXPECT_TRUE(r.has("M7.09,14.17 L35.43,14.17")) << r.calls;
+        EXPECT_TRUE(r.warned("not finite")) << r.calls;
     }
     {
         // Gradients drawn as bands up to a page's budget, then in one colour each.
