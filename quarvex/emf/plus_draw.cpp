@@ -133,8 +133,10 @@ void PlusPlayer::fillGradient(const Path& shape, FillRule rule, const PlusBrush&
 }
 
 bool PlusPlayer::playDrawRecord(uint16_t type, uint16_t flags, Bytes data) {
-    if (gdi.inPath)
+    if (!((type >= Clear && type <= DrawString) || type == DrawDriverString))
         return false;
+    if (gdi.inPath) // inside a GDI path bracket nothing is drawn
+        return true;
     const Matrix m = worldToPage();
     const RenderState rs = gdi.renderState();
     const uint8_t id = flags & 0xff;
