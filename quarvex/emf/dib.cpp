@@ -1,7 +1,14 @@
 #include "emf/dib.h"
 
+#include <cairo.h>
+#include <jpeglib.h>
+
 #include <algorithm>
 #include <array>
+#include <csetjmp>
+#include <cstdio>
+#include <cstring>
+#include <memory>
 #include <vector>
 
 namespace qx::emf {
@@ -80,7 +87,151 @@ bool expandRle(Bytes src, bool four, int width, int height, std::vector<uint8_t>
     return false;
 }
 
+// libjpeg reports errors by calling error_exit, which must not return: jump back out.
+struct JpegError {
+    jpeg_error_mgr mgr;
+    std::jmp_buf jump;
+};
+
+DibResult decodeJpeg(Bytes file) {
+    DibResult r;
+    jpeg_decompress_struct cinfo{};
+    JpegError err{};
+    cinfo.err = jpeg_std_error(&err.mgr);
+    err.mgr.error_exit = [](j_common_ptr c) { std::longjmp(reinterpret_cast<JpegError*>(c->err)->jump, 1); };
+    err.mgr.output_message = [](j_common_ptr) {};
+    // Everything that must be freed on a jump lives outside this frame's locals.
+    auto img = std::make_unique<Image>();
+    if (setjmp(err.jump)) {
+        jpeg_destroy_decompress(&cinfo);
+        r.problem = "a JPEG bitmap that cannot be read";
+        return r;
+    }
+    jpeg_create_decompress(&cinfo);
+    jpeg_mem_src(&cinfo, file.data, static_cast<unsigned long>(file.size));
+    jpeg_read_header(&cinfo, TRUE);
+    if (cinfo.image_width == 0 || cinfo.image_height == 0 || cinfo.image_width > 65535 || cinfo.image_height > 65535 ||
+        size_t(cinfo.image_width) * cinfo.image_height > kMaxDibPixels) {
+        jpeg_destroy_decompress(&cinfo);
+        r.problem = "a JPEG bitmap of impossible size";
+        return r;
+    }
+    cinfo.out_color_space = JCS_RGB;
+    jpeg_start_decompress(&cinfo);
+    img->width = int(cinfo.output_width);
+    img->height = int(cinfo.output_height);
+    img->stride = size_t(img->width) * 3;
+    img->data.assign(img->stride * size_t(img->height), 255);
+    while (cinfo.output_scanline < cinfo.output_height) {
+        JSAMPROW row = img->data.data() + size_t(cinfo.output_scanline) * img->stride;
+        jpeg_read_scanlines(&cinfo, &row, 1);
+    }
+    jpeg_finish_decompress(&cinfo);
+    jpeg_destroy_decompress(&cinfo);
+    r.image = std::move(*img);
+    return r;
+}
+
+struct PngReader {
+    Bytes file;
+    size_t at = 0;
+};
+
+DibResult decodePng(Bytes file) {
+    DibResult r;
+    // The PNG header gives the size; refuse huge ones before cairo allocates them.
+    const uint32_t w = uint32_t(file.u8(16)) << 24 | uint32_t(file.u8(17)) << 16 | uint32_t(file.u8(18)) << 8 | file.u8(19);
+    const uint32_t h = uint32_t(file.u8(20)) << 24 | uint32_t(file.u8(21)) << 16 | uint32_t(file.u8(22)) << 8 | file.u8(23);
+    if (w == 0 || h == 0 || w > 65535 || h > 65535 || size_t(w) * h > kMaxDibPixels) {
+        r.problem = "a PNG bitmap of impossible size";
+        return r;
+    }
+    PngReader reader{file, 0};
+    cairo_surface_t* surface = cairo_image_surface_create_from_png_stream(
+        [](void* closure, unsigned char* out, unsigned int length) {
+            auto* rd = static_cast<PngReader*>(closure);
+            if (length > rd->file.size - rd->at)
+                return CAIRO_STATUS_READ_ERROR;
+            std::copy_n(rd->file.data + rd->at, length, out);
+            rd->at += length;
+            return CAIRO_STATUS_SUCCESS;
+        },
+        &reader);
+    if (cairo_surface_status(surface) != CAIRO_STATUS_SUCCESS) {
+        cairo_surface_destroy(surface);
+        r.problem = "a PNG bitmap that cannot be read";
+        return r;
+    }
+    cairo_surface_flush(surface);
+    const cairo_format_t format = cairo_image_surface_get_format(surface);
+    Image img;
+    img.width = cairo_image_surface_get_width(surface);
+    img.height = cairo_image_surface_get_height(surface);
+    img.stride = size_t(img.width) * 3;
+    img.data.resize(img.stride * size_t(img.height));
+    const unsigned char* src = cairo_image_surface_get_data(surface);
+    const size_t srcStride = size_t(cairo_image_surface_get_stride(surface));
+    for (int y = 0; y < img.height; ++y)
+        for (int x = 0; x < img.width; ++x) {
+            uint32_t v;
+            std::memcpy(&v, src + size_t(y) * srcStride + size_t(x) * 4, 4);
+            // Premultiplied ARGB in native order: over white, each channel is c + (255 - a).
+            const uint32_t a = format == CAIRO_FORMAT_ARGB32 ? v >> 24 : 255;
+            if (a < 255)
+                r.hasAlpha = true;
+            uint8_t* out = img.data.data() + size_t(y) * img.stride + size_t(x) * 3;
+            out[0] = uint8_t(std::min<uint32_t>(255, ((v >> 16) & 0xff) + 255 - a));
+            out[1] = uint8_t(std::min<uint32_t>(255, ((v >> 8) & 0xff) + 255 - a));
+            out[2] = uint8_t(std::min<uint32_t>(255, (v & 0xff) + 255 - a));
+        }
+    cairo_surface_destroy(surface);
+    r.image = std::move(img);
+    return r;
+}
+
 } // namespace
+
+DibResult decodePngOrJpeg(Bytes file) {
+    if (file.size >= 24 && file.u32(0) == 0x474E5089 && file.u32(4) == 0x0A1A0A0D)
+        return decodePng(file);
+    if (file.size >= 4 && file.u8(0) == 0xFF && file.u8(1) == 0xD8)
+        return decodeJpeg(file);
+    DibResult r;
+    r.problem = "a compressed bitmap that is neither PNG nor JPEG";
+    return r;
+}
+
+PatternTile imageTile(const Image& img) {
+    PatternTile tile;
+    tile.width = img.width;
+    tile.height = img.height;
+    tile.pixels.resize(size_t(img.width) * size_t(img.height));
+    for (int y = 0; y < img.height; ++y)
+        for (int x = 0; x < img.width; ++x) {
+            const uint8_t* p = img.data.data() + size_t(y) * img.stride + size_t(x) * 3;
+            tile.pixels[size_t(y) * size_t(img.width) + size_t(x)] = {p[0], p[1], p[2]};
+        }
+    return tile;
+}
+
+Image cropImage(Image img, int x, int y, int w, int h) {
+    x = std::clamp(x, 0, img.width);
+    y = std::clamp(y, 0, img.height);
+    w = std::clamp(w, 0, img.width - x);
+    h = std::clamp(h, 0, img.height - y);
+    if (x == 0 && y == 0 && w == img.width && h == img.height)
+        return img;
+    Image out;
+    out.width = w;
+    out.height = h;
+    out.format = img.format;
+    out.stride = size_t(w) * 3;
+    out.data.resize(out.stride * size_t(h));
+    for (int r = 0; r < h; ++r)
+        std::copy_n(img.data.data() + size_t(y + r) * img.stride + size_t(x) * 3, out.stride,
+                    out.data.data() + size_t(r) * out.stride);
+    return out;
+}
 
 DibResult decodeDib(Bytes info, Bytes bits, bool paletteIndices) {
     DibResult r;
@@ -116,10 +267,8 @@ DibResult decodeDib(Bytes info, Bytes bits, bool paletteIndices) {
         r.problem = "a bitmap of " + std::to_string(width) + "x" + std::to_string(height) + " pixels, too large to draw";
         return r;
     }
-    if (compression == BI_JPEG || compression == BI_PNG) {
-        r.problem = "a JPEG or PNG bitmap";
-        return r;
-    }
+    if (compression == BI_JPEG || compression == BI_PNG)
+        return decodePngOrJpeg(bits);
     const bool rle = compression == BI_RLE8 || compression == BI_RLE4;
     if (!(bitCount == 1 || bitCount == 4 || bitCount == 8 || bitCount == 16 || bitCount == 24 || bitCount == 32) ||
         (compression == BI_RLE8 && bitCount != 8) || (compression == BI_RLE4 && bitCount != 4) ||

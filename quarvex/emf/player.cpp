@@ -2,6 +2,7 @@
 
 #include "common/diagnostics.h"
 #include "emf/dib.h"
+#include "emf/plus_player.h"
 #include "emf/records.h"
 
 #include <algorithm>
@@ -165,20 +166,11 @@ Paint Player::Impl::brushPaint(const BrushObject& brush) const {
     default: {
         if (!brush.pattern)
             return Paint::solid(brush.color);
-        const Image& img = *brush.pattern;
-        auto tile = std::make_shared<PatternTile>();
-        tile->width = img.width;
-        tile->height = img.height;
-        tile->pixels.resize(size_t(img.width) * size_t(img.height));
-        for (int y = 0; y < img.height; ++y)
-            for (int x = 0; x < img.width; ++x) {
-                const uint8_t* p = img.data.data() + size_t(y) * img.stride + size_t(x) * 3;
-                Rgb c{p[0], p[1], p[2]};
-                // A one-bit pattern paints its 0 bits in the text colour, 1 bits in the background.
-                if (brush.monoPattern)
-                    c = (c == Rgb::black()) ? dc.textColor : dc.bkColor;
-                tile->pixels[size_t(y) * size_t(img.width) + size_t(x)] = c;
-            }
+        auto tile = std::make_shared<PatternTile>(imageTile(*brush.pattern));
+        // A one-bit pattern paints its 0 bits in the text colour, 1 bits in the background.
+        if (brush.monoPattern)
+            for (Rgb& c : tile->pixels)
+                c = (c == Rgb::black()) ? dc.textColor : dc.bkColor;
         tile->tileToPage = Matrix::scale(devPxToPtX, devPxToPtY);
         return Paint::tiled(std::move(tile));
     }
@@ -313,6 +305,7 @@ bool Player::play(Bytes mf, const EmfHeader& header, const PagePlacement& placem
     s.path.clear();
     s.clipPointsUsed = 0;
     s.patternBytesUsed = 0;
+    s.plus.reset();
 
     size_t pos = 0;
     bool ended = false;
@@ -363,10 +356,13 @@ void Player::Impl::playRecord(uint32_t type, Bytes rec) {
                 addFonts(embedded.addRecords(rec.sub(20, dataSize - 8)));
             return;
         }
-        // GDI+ writes its own records into comments; an "EMF+ only" metafile (the header
-        // record's dual flag clear) has no GDI records to draw.
-        if (rec.u32(12) == 0x2B464D45 && rec.u16(16) == 0x4001 && !(rec.u16(18) & 1))
-            warnOnce("the page is drawn in EMF+ records only, which are not read");
+        // GDI+ writes its own records into comments. A page drawn in EMF+ only (the EMF+
+        // header's dual flag clear) is drawn from them; a dual one from its GDI records.
+        if (rec.u32(12) == 0x2B464D45) {
+            if (!plus)
+                plus = std::make_unique<PlusPlayer>(*this);
+            plus->playComment(rec);
+        }
         return;
     // Records that change nothing on paper.
     case EMR_HEADER:

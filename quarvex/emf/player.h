@@ -29,6 +29,8 @@ class FontLibrary;
 
 namespace qx::emf {
 
+class PlusPlayer;
+
 // How deep SaveDC may nest, and how many clip paths may pile up; beyond them the records are
 // skipped with a warning.
 inline constexpr size_t kMaxSaveDepth = 256;
@@ -89,6 +91,7 @@ public:
     size_t recordsPlayed() const;
 
 private:
+    friend class PlusPlayer;
     struct Impl;
     std::unique_ptr<Impl> d;
 };

@@ -16,26 +16,6 @@ namespace {
 // Whether a ROP3 looks at the source operand.
 bool usesSource(uint8_t rop3) { return ((rop3 >> 2) & 0x33) != (rop3 & 0x33); }
 
-// The part [x, x + w) x [y, y + h) of an image (clamped to it); the whole image when it is all.
-Image crop(Image img, int x, int y, int w, int h) {
-    x = std::clamp(x, 0, img.width);
-    y = std::clamp(y, 0, img.height);
-    w = std::clamp(w, 0, img.width - x);
-    h = std::clamp(h, 0, img.height - y);
-    if (x == 0 && y == 0 && w == img.width && h == img.height)
-        return img;
-    Image out;
-    out.width = w;
-    out.height = h;
-    out.format = img.format;
-    out.stride = size_t(w) * 3;
-    out.data.resize(out.stride * size_t(h));
-    for (int r = 0; r < h; ++r)
-        std::copy_n(img.data.data() + size_t(y + r) * img.stride + size_t(x) * 3, out.stride,
-                    out.data.data() + size_t(r) * out.stride);
-    return out;
-}
-
 } // namespace
 
 bool Player::Impl::playBitmapRecord(uint32_t type, Bytes rec) {
@@ -45,6 +25,12 @@ bool Player::Impl::playBitmapRecord(uint32_t type, Bytes rec) {
     bool dibSourceRect = false; // source y counts from the bitmap's last stored row
     bool alpha = false, transparent = false;
     Rgb transparentColor;
+    // The mask of EMR_MASKBLT and EMR_PLGBLT: where its bits are 1 the foreground ROP is used,
+    // elsewhere the background ROP (the top byte of a ROP4).
+    int32_t xMask = 0, yMask = 0;
+    uint32_t offBmiMask = 0, cbBmiMask = 0, offBitsMask = 0, cbBitsMask = 0;
+    bool parallelogram = false;
+    Point corners[3]; // EMR_PLGBLT: where the source's upper-left, upper-right and lower-left go
     switch (type) {
     case EMR_BITBLT:
     case EMR_STRETCHBLT:
@@ -68,7 +54,8 @@ bool Player::Impl::playBitmapRecord(uint32_t type, Bytes rec) {
             transparentColor = colorRef(rop);
             rop = 0x00CC0020;
         } else if (type == EMR_MASKBLT) {
-            warnOnce("the mask of a masked bit-block transfer is not applied");
+            xMask = rec.i32(100), yMask = rec.i32(104);
+            offBmiMask = rec.u32(112), cbBmiMask = rec.u32(116), offBitsMask = rec.u32(120), cbBitsMask = rec.u32(124);
         }
         break;
     case EMR_STRETCHDIBITS:
@@ -88,8 +75,15 @@ bool Player::Impl::playBitmapRecord(uint32_t type, Bytes rec) {
         dibSourceRect = true;
         break;
     case EMR_PLGBLT:
-        warnOnce("parallelogram bit-block transfers are not drawn");
-        return true;
+        for (int i = 0; i < 3; ++i)
+            corners[i] = {double(rec.i32(24 + size_t(i) * 8)), double(rec.i32(28 + size_t(i) * 8))};
+        xSrc = rec.i32(48), ySrc = rec.i32(52), cxSrc = rec.i32(56), cySrc = rec.i32(60);
+        usage = rec.u32(92), offBmi = rec.u32(96), cbBmi = rec.u32(100), offBits = rec.u32(104), cbBits = rec.u32(108);
+        xMask = rec.i32(112), yMask = rec.i32(116);
+        offBmiMask = rec.u32(124), cbBmiMask = rec.u32(128), offBitsMask = rec.u32(132), cbBitsMask = rec.u32(136);
+        rop = 0xAACC0020; // the source where the mask is set, the destination kept elsewhere
+        parallelogram = true;
+        break;
     case EMR_GRADIENTFILL: {
         // Rectangles are drawn in bands of interpolated colour; triangles in their mean colour.
         const uint32_t nVer = rec.u32(24), nTri = rec.u32(28), mode = rec.u32(32);
@@ -220,12 +214,93 @@ bool Player::Impl::playBitmapRecord(uint32_t type, Bytes rec) {
     if (dibSourceRect && info.i32(8) > 0)
         top = img.height - (ySrc + cySrc);
     if (xSrc != 0 || top != 0 || cxSrc != img.width || cySrc != img.height)
-        img = crop(std::move(img), xSrc, top, cxSrc, cySrc);
+        img = cropImage(std::move(img), xSrc, top, cxSrc, cySrc);
     if (img.width == 0 || img.height == 0)
         return true;
-    const Matrix imageToPage = m * Matrix::translate(xDest, yDest) *
-                               Matrix::scale(double(cxDest) / img.width, double(cyDest) / img.height);
-    device.drawImage(img, imageToPage, texture.kind == Paint::Kind::None ? Paint::solid(Rgb::black()) : texture, rs);
+    Matrix imageToPage;
+    if (parallelogram) {
+        const Point a = corners[0], b = corners[1], c = corners[2];
+        imageToPage = m * Matrix{(b.x - a.x) / img.width,  (b.y - a.y) / img.width, (c.x - a.x) / img.height,
+                                 (c.y - a.y) / img.height, a.x,                     a.y};
+    } else {
+        imageToPage = m * Matrix::translate(xDest, yDest) *
+                      Matrix::scale(double(cxDest) / img.width, double(cyDest) / img.height);
+    }
+    const Paint paint = texture.kind == Paint::Kind::None ? Paint::solid(Rgb::black()) : texture;
+    if (cbBmiMask == 0 || cbBitsMask == 0) {
+        device.drawImage(img, imageToPage, paint, rs);
+        return true;
+    }
+    Path inside;
+    if (!maskPath(rec.sub(offBmiMask, cbBmiMask), rec.sub(offBitsMask, cbBitsMask), xMask, yMask, img.width,
+                  img.height, imageToPage, inside)) {
+        device.drawImage(img, imageToPage, paint, rs);
+        return true;
+    }
+    // The foreground ROP inside the mask's set bits, the background ROP outside them.
+    const uint8_t background = uint8_t(rop >> 24);
+    RenderState fore = rs;
+    auto clipped = [&](const Path& p, FillRule rule) {
+        auto clip = std::make_shared<ClipRegion>();
+        if (dc.clip)
+            clip->entries = dc.clip->entries;
+        clip->entries.push_back({p, rule});
+        return clip;
+    };
+    if (!inside.empty()) {
+        fore.clip = clipped(inside, FillRule::NonZero);
+        device.drawImage(img, imageToPage, paint, fore);
+    }
+    if (background != 0xAA) { // 0xAA keeps the destination
+        Path outside;
+        outside.addRect(-1e5, -1e5, 2e5, 2e5);
+        outside.append(inside);
+        RenderState back = rs;
+        back.rop3 = background;
+        back.clip = clipped(outside, FillRule::EvenOdd);
+        device.drawImage(img, imageToPage, paint, back);
+    }
+    return true;
+}
+
+bool Player::Impl::maskPath(Bytes info, Bytes bits, int32_t x0, int32_t y0, int width, int height,
+                            const Matrix& imageToPage, Path& out) {
+    if (!info.size || !bits.size) {
+        warnOnce("a mask whose data runs past the end of its record is left out");
+        return false;
+    }
+    DibResult mask = decodeDib(info, bits);
+    if (!mask.image) {
+        warnOnce(mask.problem + " as a mask is left out");
+        return false;
+    }
+    // One rectangle for each run of set (light) mask pixels, at most this many.
+    constexpr size_t kMaxRuns = size_t(1) << 16;
+    size_t runs = 0;
+    const Image& mi = *mask.image;
+    auto set = [&](int x, int y) {
+        const int mx = x + x0, my = y + y0;
+        if (mx < 0 || my < 0 || mx >= mi.width || my >= mi.height)
+            return false;
+        const uint8_t* p = mi.data.data() + size_t(my) * mi.stride + size_t(mx) * 3;
+        return p[0] + p[1] + p[2] > 382;
+    };
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width;) {
+            if (!set(x, y)) {
+                ++x;
+                continue;
+            }
+            const int start = x;
+            while (x < width && set(x, y))
+                ++x;
+            if (++runs > kMaxRuns) {
+                warnOnce("a mask too detailed to follow is left out");
+                return false;
+            }
+            out.append(rectPath(imageToPage, start, y, x, y + 1));
+        }
+    }
     return true;
 }
 

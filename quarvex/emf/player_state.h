@@ -1,11 +1,12 @@
 #pragma once
 // The player's inner state, shared by the files that play the different kinds of record
 // (player.cpp: state, objects and paths; player_shapes.cpp: shapes; player_text.cpp: text;
-// player_bitmap.cpp: bitmaps and regions).
+// player_bitmap.cpp: bitmaps and regions; the EMF+ player in plus_*.cpp borrows it too).
 
 #include "emf/embedded_fonts.h"
 #include "emf/file_face.h"
 #include "emf/player.h"
+#include "emf/plus_player.h"
 
 #include <array>
 #include <map>
@@ -123,6 +124,8 @@ struct Player::Impl {
     // the stand-in when that is the very font named; null when neither.
     const FileFace* glyphFaceFor(const FontObject& font); // player_text.cpp
     void addFonts(const std::vector<std::string>& problems);
+    // The EMF+ records of the page (made at its first EMF+ comment).
+    std::unique_ptr<PlusPlayer> plus;
 
     // --- coordinates (player.cpp)
     Matrix pageToDeviceUnits() const;     // logical -> reference device pixels
@@ -165,6 +168,10 @@ struct Player::Impl {
                   bool graphicsAdvanced); // player_text.cpp
     // A RGNDATA region (rectangles in reference device pixels) as a page path.
     bool regionPath(Bytes rgnData, Path& out) const;     // player_bitmap.cpp
+    // The set bits of a monochrome mask DIB, from (x0, y0) over width x height pixels of the
+    // image it goes with, as rectangles through imageToPage. False when the mask is unusable.
+    bool maskPath(Bytes info, Bytes bits, int32_t x0, int32_t y0, int width, int height, const Matrix& imageToPage,
+                  Path& out); // player_bitmap.cpp
 };
 
 // The rectangle with corners (l, t) and (r, b), mapped by m, as a closed path.

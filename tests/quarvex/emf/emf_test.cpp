@@ -359,14 +359,6 @@ TEST(EmfHostile, HugeBitmapsAndCountsAreRefused) {
     EXPECT_TRUE(g.warned("clipping region"));
 }
 
-TEST(EmfPlayer, EmfPlusOnlyPagesAreNamed) {
-    // EMR_COMMENT: DataSize, "EMF+", then an EMF+ header record (type 0x4001, flags 0).
-    Played only(EmfWriter().rec(70, {28, 0x2B464D45, 0x4001, 28, 16, 0xDBC01002, 0, 96}).finish());
-    EXPECT_TRUE(only.warned("EMF+ records only"));
-    Played dual(EmfWriter().rec(70, {28, 0x2B464D45, 0x14001, 28, 16, 0xDBC01002, 0, 96}).finish());
-    EXPECT_FALSE(dual.diag.hasWarnings());
-}
-
 TEST(EmfHostile, AFrameLargerThanAnySheetIsDrawnOnLetter) {
     Buffer emf = EmfWriter().rec(RECTANGLE, {0, 0, 10, 10}).finish();
     test::set32(emf, 32, 499999); // 5 m square

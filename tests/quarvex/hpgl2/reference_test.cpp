@@ -7,6 +7,7 @@
 
 #include "common/diagnostics.h"
 #include "common/ink_score.h"
+#include "common/pgm.h"
 #include "common/job.h"
 #include "common/render_job.h"
 #include "fonts/font_library.h"
@@ -38,27 +39,8 @@ struct Grey {
 };
 
 Grey readPgm(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    // The header's fields, skipping comment lines (Ghostscript writes one).
-    auto field = [&] {
-        std::string token;
-        while (in >> token && token[0] == '#')
-            in.ignore(1 << 20, '\n');
-        return token;
-    };
-    Grey g;
-    const std::string magic = field();
-    g.width = std::atoi(field().c_str());
-    g.height = std::atoi(field().c_str());
-    const int maxval = std::atoi(field().c_str());
-    in.get();
-    if (g.width <= 0 || g.height <= 0 || g.width > 20000 || g.height > 20000)
-        return Grey{};
-    g.pixels.resize(size_t(g.width) * g.height);
-    in.read(reinterpret_cast<char*>(g.pixels.data()), std::streamsize(g.pixels.size()));
-    if (magic != "P5" || maxval != 255 || !in)
-        g = Grey{};
-    return g;
+    qxtest::GreyPage g = qxtest::readPgm(path);
+    return Grey{g.width, g.height, std::move(g.pixels)};
 }
 
 struct PageGrabber : PageSink {
