@@ -129,7 +129,7 @@ void PlusPlayer::drawStringRecord(bool driverString, uint16_t flags, Bytes data)
     dc.textAlign = align;
     for (const auto& [at, text] : runs)
         if (!text.empty())
-            gdi.drawText({at.x * k, at.y * k}, text, {}, 0x100 /* no rectangle */, nullptr, true);
+            gdi.drawText({at.x * k, at.y * k}, text, false, {}, {}, 0x100 /* no rectangle */, nullptr, true);
     gdi.dc = kept;
 }
 
