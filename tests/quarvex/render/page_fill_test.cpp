@@ -159,3 +159,145 @@ TEST(PageFills, PagesReportAndClearTheRowsDrawnOn) {
     for (uint8_t v : second.data)
         ASSERT_EQ(v, 255);
 }
+
+namespace {
+
+std::shared_ptr<const PatternTile> opaqueTile() {
+    auto t = std::make_shared<PatternTile>();
+    t->width = t->height = 4;
+    for (int i = 0; i < 16; ++i)
+        t->pixels.push_back(Rgb{uint8_t(40 * (i % 4)), uint8_t(15 * i), 200});
+    t->tileToPage = Matrix::scale(1.3, 1.3);
+    return t;
+}
+
+Mask smallMask() {
+    Mask m;
+    m.width = m.height = 24;
+    m.stride = 3;
+    for (int y = 0; y < 24; ++y)
+        for (int k = 0; k < 3; ++k)
+            m.bits.push_back(uint8_t(((y * 7 + k * 3) % 5) ? 0xA5 : 0x3C));
+    return m;
+}
+
+} // namespace
+
+// A job that clears its logical page thousands of times: the rectangle is looked at once and
+// its pixels are drawn once, whatever the number of fills.
+TEST(PageFills, RepeatedFillsOfOneRectangleDrawItOnce) {
+    for (int depth : {1, 8, 24}) {
+        KeepSink sink;
+        RasterDevice dev(opts(depth, 100), sink);
+        dev.beginPage(PageSpec{612, 792, 0, 0});
+        for (int i = 0; i < 10000; ++i)
+            dev.fillPath(rect(18, 12, 576, 768), FillRule::NonZero, Paint::solid(Rgb::black()), state(true));
+        dev.endPage();
+        ASSERT_EQ(sink.pages.size(), 1u);
+        const RasterPage& p = sink.pages[0];
+        const uint64_t pagePixels = uint64_t(p.width) * uint64_t(p.height);
+        EXPECT_EQ(dev.stats().rectangles, 10000u) << depth;
+        EXPECT_EQ(dev.stats().rectProbes, 1u) << depth;
+        EXPECT_GT(dev.stats().rectPixels, pagePixels * 8 / 10) << depth;
+        EXPECT_LT(dev.stats().rectPixels, pagePixels) << depth;
+        EXPECT_EQ(dev.stats().bandPixels, 0u) << depth;
+        // Inked in the middle, white at the corner.
+        const int mx = p.width / 2, my = p.height / 2;
+        if (depth == 1) {
+            EXPECT_TRUE(p.row(my)[mx / 8] & (0x80 >> (mx % 8)));
+            EXPECT_EQ(p.row(0)[0] & 0x80, 0);
+        } else {
+            EXPECT_EQ(p.row(my)[mx * (depth / 8)], 0);
+            EXPECT_EQ(p.row(0)[0], 255);
+        }
+    }
+}
+
+// Page-sized fills with a pattern brush: opaque ones hide each other, transparent ones over the
+// same area change nothing the second time. Either way the page is drawn about once.
+TEST(PageFills, RepeatedPatternFillsOfThePageDrawItOnce) {
+    for (int depth : {1, 8, 24}) {
+        for (bool withWhite : {false, true}) {
+            KeepSink sink;
+            RasterDevice dev(opts(depth, 100), sink);
+            dev.beginPage(PageSpec{612, 792, 0, 0});
+            const Paint brush = Paint::tiled(withWhite ? checkerTile(2.4) : opaqueTile());
+            for (int i = 0; i < 2000; ++i)
+                dev.fillPath(rect(0, 0, 612, 792), FillRule::NonZero, brush, state(true));
+            dev.endPage();
+            ASSERT_EQ(sink.pages.size(), 1u);
+            const RasterPage& p = sink.pages[0];
+            EXPECT_EQ(dev.stats().rectangles, 2000u);
+            EXPECT_EQ(dev.stats().rectPixels, uint64_t(p.width) * uint64_t(p.height))
+                << "depth " << depth << " white " << withWhite;
+            EXPECT_EQ(dev.stats().pixelsBlended, 0u);
+        }
+    }
+}
+
+// Fills put off and dropped give the very pixels of fills drawn as they come: the same calls,
+// with every rectangle given as a polygon (which is drawn at once, band by band), in every
+// depth, with raster operations that read the page, transparent and opaque patterns, clips,
+// lines and masks between them, over two pages.
+TEST(PageFills, PutOffFillsGiveThePixelsOfFillsDrawnAtOnce) {
+    const double rects[][4] = {{0, 0, 612, 792},      {18, 12, 576, 768},   {100.3, 200.7, 300.2, 100.1},
+                               {-20, -20, 800, 900},  {50, 60, 70, 80},     {18, 12, 576, 768}};
+    const uint8_t rops[] = {252, 240, 0x66, 0x5A, 0, 255, 0xCC};
+    auto clip = std::make_shared<ClipRegion>();
+    Path c;
+    c.addRect(40.5, 70.25, 400, 500);
+    clip->entries.push_back({c, FillRule::NonZero});
+    const Paint paints[] = {Paint::solid({90, 160, 40}), Paint::solid(Rgb::black()), Paint::solid(Rgb::white()),
+                            Paint::tiled(checkerTile(2.4)), Paint::tiled(opaqueTile())};
+    for (int depth : {1, 8, 24}) {
+        for (uint32_t seed : {1u, 7u, 42u, 1234u}) {
+            KeepSink quick, bands;
+            RasterDevice a(opts(depth, 90), quick), b(opts(depth, 90), bands);
+            for (RasterDevice* dev : {&a, &b}) {
+                uint32_t r = seed;
+                auto next = [&](uint32_t n) {
+                    r = r * 1103515245u + 12345u;
+                    return (r >> 16) % n;
+                };
+                for (int page = 0; page < 2; ++page) {
+                    dev->beginPage(PageSpec{612, 792, 0, 0});
+                    int lastRect = 0, lastPaint = 0;
+                    RenderState last = state(true);
+                    for (int i = 0; i < 40; ++i) {
+                        const uint32_t what = next(10);
+                        if (what < 4) {
+                            lastRect = int(next(6));
+                            lastPaint = int(next(5));
+                            last = state(next(2) == 0, rops[next(7)]);
+                            last.clip = next(5) == 0 ? clip : nullptr;
+                        }
+                        if (what < 7) { // a fill, or the last fill again
+                            const auto& q = rects[lastRect];
+                            const Path path = dev == &a ? rect(q[0], q[1], q[2], q[3]) : rectAsPolygon(q[0], q[1], q[2], q[3]);
+                            dev->fillPath(path, FillRule::NonZero, paints[lastPaint], last);
+                        } else if (what == 7) {
+                            Path line;
+                            line.moveTo({10.0 + next(500), 10.0 + next(700)});
+                            line.lineTo({10.0 + next(500), 10.0 + next(700)});
+                            StrokeStyle s;
+                            s.width = 3;
+                            dev->strokePath(line, s, Paint::solid({200, 30, 30}), state(true));
+                        } else if (what == 8) {
+                            dev->fillMask(smallMask(), Matrix::translate(double(next(500)), double(next(700))),
+                                          Paint::solid({10, 10, 120}), state(true, 0x66));
+                        } else {
+                            dev->fillMask(smallMask(), Matrix::translate(double(next(500)), double(next(700))),
+                                          paints[3], state(false));
+                        }
+                    }
+                    dev->endPage();
+                }
+            }
+            ASSERT_EQ(quick.pages.size(), 2u);
+            ASSERT_EQ(bands.pages.size(), 2u);
+            for (int page = 0; page < 2; ++page)
+                EXPECT_TRUE(quick.pages[page].data == bands.pages[page].data)
+                    << "depth " << depth << " seed " << seed << " page " << page;
+        }
+    }
+}
