@@ -3,6 +3,7 @@
 // pixels of the band-by-band way.
 
 #include "render/raster_device.h"
+#include "render/raster_ops.h"
 
 #include <gtest/gtest.h>
 
@@ -299,5 +300,39 @@ TEST(PageFills, PutOffFillsGiveThePixelsOfFillsDrawnAtOnce) {
                 EXPECT_TRUE(quick.pages[page].data == bands.pages[page].data)
                     << "depth " << depth << " seed " << seed << " page " << page;
         }
+    }
+}
+
+// Pages large enough to be taken in huge pages start white, keep what is drawn on them, and the
+// next page of the same size starts white again.
+TEST(PageFills, LargePagesStartWhiteAndComeBackWhite) {
+    for (int depth : {8, 24}) {
+        KeepSink sink;
+        RasterDevice dev(opts(depth, 300), sink);
+        for (int page = 0; page < 2; ++page) {
+            dev.beginPage(PageSpec{612, 792, 0, 0});
+            if (page == 0)
+                dev.fillPath(rect(72, 72, 144, 72), FillRule::NonZero, Paint::solid({10, 20, 30}), state(true));
+            dev.endPage();
+        }
+        ASSERT_EQ(sink.pages.size(), 2u);
+        const RasterPage& first = sink.pages[0];
+        ASSERT_GE(first.data.size(), size_t(8) << 20);
+        const int C = depth / 8;
+        uint64_t inked = 0;
+        for (int y = 0; y < first.height; ++y) {
+            const uint8_t* r = first.row(y);
+            for (int x = 0; x < first.width; ++x) {
+                const bool in = x >= 300 && x < 900 && y >= 300 && y < 600;
+                if (in)
+                    ++inked;
+                for (int c = 0; c < C; ++c)
+                    ASSERT_EQ(r[x * C + c], in ? (C == 1 ? raster::luminance(10, 20, 30) : uint8_t(10 * (c + 1))) : 255)
+                        << "depth " << depth << " at " << x << "," << y;
+            }
+        }
+        EXPECT_EQ(inked, 600u * 300u);
+        for (uint8_t v : sink.pages[1].data)
+            ASSERT_EQ(v, 255);
     }
 }
