@@ -66,21 +66,30 @@ RenderState state(bool patternTransparent, uint8_t rop = 252) {
     return rs;
 }
 
+// One Letter page at 100 dpi on which the same fill is made n times; the device's counts into
+// stats.
+RasterPage pageOfFills(int depth, int n, const Path& path, const Paint& paint, const RenderState& rs,
+                       RasterStats& stats) {
+    KeepSink sink;
+    RasterDevice dev(opts(depth, 100), sink);
+    dev.beginPage(PageSpec{612, 792, 0, 0});
+    for (int i = 0; i < n; ++i)
+        dev.fillPath(path, FillRule::NonZero, paint, rs);
+    dev.endPage();
+    stats = dev.stats();
+    EXPECT_EQ(sink.pages.size(), 1u);
+    return sink.pages.empty() ? RasterPage{} : sink.pages[0];
+}
+
 } // namespace
 
 TEST(PageFills, WholePageFillsInOneColourRenderNoCoverage) {
     for (int depth : {1, 8, 24}) {
-        KeepSink sink;
-        RasterDevice dev(opts(depth, 100), sink);
-        dev.beginPage(PageSpec{612, 792, 0, 0});
-        for (int i = 0; i < 500; ++i)
-            dev.fillPath(rect(0, 0, 612, 792), FillRule::NonZero, Paint::solid({128, 128, 128}), state(true));
-        dev.endPage();
-        ASSERT_EQ(sink.pages.size(), 1u);
-        EXPECT_EQ(dev.stats().rectangles, 500u) << depth;
-        EXPECT_EQ(dev.stats().bandPixels, 0u) << depth;
-        EXPECT_EQ(dev.stats().pixelsBlended, 0u) << depth;
-        const RasterPage& p = sink.pages[0];
+        RasterStats stats;
+        const RasterPage p = pageOfFills(depth, 500, rect(0, 0, 612, 792), Paint::solid({128, 128, 128}), state(true), stats);
+        EXPECT_EQ(stats.rectangles, 500u) << depth;
+        EXPECT_EQ(stats.bandPixels, 0u) << depth;
+        EXPECT_EQ(stats.pixelsBlended, 0u) << depth;
         if (depth == 8) {
             EXPECT_EQ(p.row(p.height / 2)[p.width / 2], 128);
         }
@@ -188,20 +197,14 @@ Mask smallMask() {
 // its pixels are drawn once, whatever the number of fills.
 TEST(PageFills, RepeatedFillsOfOneRectangleDrawItOnce) {
     for (int depth : {1, 8, 24}) {
-        KeepSink sink;
-        RasterDevice dev(opts(depth, 100), sink);
-        dev.beginPage(PageSpec{612, 792, 0, 0});
-        for (int i = 0; i < 10000; ++i)
-            dev.fillPath(rect(18, 12, 576, 768), FillRule::NonZero, Paint::solid(Rgb::black()), state(true));
-        dev.endPage();
-        ASSERT_EQ(sink.pages.size(), 1u);
-        const RasterPage& p = sink.pages[0];
+        RasterStats stats;
+        const RasterPage p = pageOfFills(depth, 10000, rect(18, 12, 576, 768), Paint::solid(Rgb::black()), state(true), stats);
         const uint64_t pagePixels = uint64_t(p.width) * uint64_t(p.height);
-        EXPECT_EQ(dev.stats().rectangles, 10000u) << depth;
-        EXPECT_EQ(dev.stats().rectProbes, 1u) << depth;
-        EXPECT_GT(dev.stats().rectPixels, pagePixels * 8 / 10) << depth;
-        EXPECT_LT(dev.stats().rectPixels, pagePixels) << depth;
-        EXPECT_EQ(dev.stats().bandPixels, 0u) << depth;
+        EXPECT_EQ(stats.rectangles, 10000u) << depth;
+        EXPECT_EQ(stats.rectProbes, 1u) << depth;
+        EXPECT_GT(stats.rectPixels, pagePixels * 8 / 10) << depth;
+        EXPECT_LT(stats.rectPixels, pagePixels) << depth;
+        EXPECT_EQ(stats.bandPixels, 0u) << depth;
         // Inked in the middle, white at the corner.
         const int mx = p.width / 2, my = p.height / 2;
         if (depth == 1) {
@@ -219,19 +222,13 @@ TEST(PageFills, RepeatedFillsOfOneRectangleDrawItOnce) {
 TEST(PageFills, RepeatedPatternFillsOfThePageDrawItOnce) {
     for (int depth : {1, 8, 24}) {
         for (bool withWhite : {false, true}) {
-            KeepSink sink;
-            RasterDevice dev(opts(depth, 100), sink);
-            dev.beginPage(PageSpec{612, 792, 0, 0});
+            RasterStats stats;
             const Paint brush = Paint::tiled(withWhite ? checkerTile(2.4) : opaqueTile());
-            for (int i = 0; i < 2000; ++i)
-                dev.fillPath(rect(0, 0, 612, 792), FillRule::NonZero, brush, state(true));
-            dev.endPage();
-            ASSERT_EQ(sink.pages.size(), 1u);
-            const RasterPage& p = sink.pages[0];
-            EXPECT_EQ(dev.stats().rectangles, 2000u);
-            EXPECT_EQ(dev.stats().rectPixels, uint64_t(p.width) * uint64_t(p.height))
+            const RasterPage p = pageOfFills(depth, 2000, rect(0, 0, 612, 792), brush, state(true), stats);
+            EXPECT_EQ(stats.rectangles, 2000u);
+            EXPECT_EQ(stats.rectPixels, uint64_t(p.width) * uint64_t(p.height))
                 << "depth " << depth << " white " << withWhite;
-            EXPECT_EQ(dev.stats().pixelsBlended, 0u);
+            EXPECT_EQ(stats.pixelsBlended, 0u);
         }
     }
 }
