@@ -41,6 +41,17 @@ RasterStats runJob(Run run, const std::string& job, int depth, CountSink& sink) 
     return dev.stats();
 }
 
+// One page came out, every fill was a rectangle, and between half a page and a page of pixels
+// was drawn, without coverage bands.
+void expectOnePageDrawnOnce(const RasterStats& s, const CountSink& sink, uint64_t fills, int depth) {
+    ASSERT_EQ(sink.pages, 1) << depth;
+    EXPECT_EQ(s.rectangles, fills) << depth;
+    EXPECT_LE(s.rectProbes, 2u) << depth;
+    EXPECT_GT(s.rectPixels, sink.pixels / 2) << depth;
+    EXPECT_LE(s.rectPixels, sink.pixels) << depth;
+    EXPECT_EQ(s.bandPixels, 0u) << depth;
+}
+
 // A little-endian PCL XL stream, as far as these jobs need one.
 struct Xl {
     std::string b = ") HP-PCL XL;2;0;Test\n";
@@ -82,12 +93,7 @@ TEST(FillJobs, TenThousandPcl5PageRectanglesDrawThePageOnce) {
     for (int depth : {1, 8, 24}) {
         CountSink sink;
         const RasterStats s = runJob(pcl5::run, job, depth, sink);
-        ASSERT_EQ(sink.pages, 1) << depth;
-        EXPECT_EQ(s.rectangles, 10000u) << depth;
-        EXPECT_LE(s.rectProbes, 2u) << depth;
-        EXPECT_GT(s.rectPixels, sink.pixels / 2) << depth;
-        EXPECT_LE(s.rectPixels, sink.pixels) << depth;
-        EXPECT_EQ(s.bandPixels, 0u) << depth;
+        expectOnePageDrawnOnce(s, sink, 10000, depth);
     }
 }
 
@@ -114,11 +120,6 @@ TEST(FillJobs, TwoThousandPclXlPatternFillsDrawThePageOnce) {
     for (int depth : {1, 8, 24}) {
         CountSink sink;
         const RasterStats s = runJob(pclxl::run, xl.b, depth, sink);
-        ASSERT_EQ(sink.pages, 1) << depth;
-        EXPECT_EQ(s.rectangles, 2000u) << depth;
-        EXPECT_LE(s.rectProbes, 2u) << depth;
-        EXPECT_GT(s.rectPixels, sink.pixels / 2) << depth;
-        EXPECT_LE(s.rectPixels, sink.pixels) << depth;
-        EXPECT_EQ(s.bandPixels, 0u) << depth;
+        expectOnePageDrawnOnce(s, sink, 2000, depth);
     }
 }
