@@ -12,11 +12,78 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
+#include <type_traits>
 #include <mutex>
 
 namespace qx::postscript {
 
 namespace {
+
+// Ghostscript's library is loaded when the first PostScript or PDF job comes, not when the
+// engine starts: it brings several dozen libraries with it, whose loading would cost every job
+// time and memory (about 10 MB) whether it holds PostScript or not.
+struct GsApi {
+    decltype(&gsapi_new_instance) new_instance = nullptr;
+    decltype(&gsapi_delete_instance) delete_instance = nullptr;
+    decltype(&gsapi_set_stdio_with_handle) set_stdio_with_handle = nullptr;
+    decltype(&gsapi_register_callout) register_callout = nullptr;
+    decltype(&gsapi_set_arg_encoding) set_arg_encoding = nullptr;
+    decltype(&gsapi_init_with_args) init_with_args = nullptr;
+    decltype(&gsapi_run_string) run_string = nullptr;
+    decltype(&gsapi_exit) exit = nullptr;
+    decltype(&gsapi_add_control_path) add_control_path = nullptr;
+    decltype(&gsapi_remove_control_path) remove_control_path = nullptr;
+};
+
+// The library's functions, or null (with why in error) when it cannot be loaded.
+const GsApi* loadGs(std::string& error) {
+    static GsApi api;
+    static std::string failure;
+    static const bool loaded = [] {
+        void* lib = nullptr;
+        for (const char* name : {QX_GS_SONAME, "libgs.so"}) {
+            lib = ::dlopen(name, RTLD_NOW | RTLD_LOCAL);
+            if (lib)
+                break;
+        }
+        if (!lib) {
+            const char* why = ::dlerror();
+            failure = std::string("cannot load Ghostscript's library (") + QX_GS_SONAME + "): " +
+                      (why ? why : "not found");
+            return false;
+        }
+        bool ok = true;
+        auto get = [&](auto& fn, const char* symbol) {
+            fn = reinterpret_cast<std::remove_reference_t<decltype(fn)>>(::dlsym(lib, symbol));
+            ok = ok && fn;
+        };
+        get(api.new_instance, "gsapi_new_instance");
+        get(api.delete_instance, "gsapi_delete_instance");
+        get(api.set_stdio_with_handle, "gsapi_set_stdio_with_handle");
+        get(api.register_callout, "gsapi_register_callout");
+        get(api.set_arg_encoding, "gsapi_set_arg_encoding");
+        get(api.init_with_args, "gsapi_init_with_args");
+        get(api.run_string, "gsapi_run_string");
+        get(api.exit, "gsapi_exit");
+        get(api.add_control_path, "gsapi_add_control_path");
+        get(api.remove_control_path, "gsapi_remove_control_path");
+        if (!ok)
+            failure = "Ghostscript's library lacks functions the engine needs";
+        return ok;
+    }();
+    if (!loaded) {
+        error = failure;
+        return nullptr;
+    }
+    return &api;
+}
+
+// Only called once loadGs() has succeeded (an instance exists).
+const GsApi& gs() {
+    std::string unused;
+    return *loadGs(unused);
+}
 
 // A PostScript string literal for text (paths).
 std::string psString(const std::string& text) {
@@ -111,8 +178,8 @@ Ghostscript::Ghostscript(const RasterOptions& options) : m_options(options) {}
 Ghostscript::~Ghostscript() {
     if (m_instance) {
         if (m_initialised)
-            gsapi_exit(m_instance);
-        gsapi_delete_instance(m_instance);
+            gs().exit(m_instance);
+        gs().delete_instance(m_instance);
     }
 }
 
@@ -133,14 +200,16 @@ Ghostscript* Ghostscript::get(const RasterOptions& options, std::string& error) 
 }
 
 bool Ghostscript::start(std::string& error) {
-    if (gsapi_new_instance(&m_instance, this) < 0) {
+    if (!loadGs(error))
+        return false;
+    if (gs().new_instance(&m_instance, this) < 0) {
         m_instance = nullptr;
         error = "cannot start Ghostscript's library";
         return false;
     }
-    gsapi_set_stdio_with_handle(m_instance, &Callbacks::in, &Callbacks::out, &Callbacks::out, this);
-    gsapi_register_callout(m_instance, &Callbacks::callout, this);
-    gsapi_set_arg_encoding(m_instance, GS_ARG_ENCODING_UTF8);
+    gs().set_stdio_with_handle(m_instance, &Callbacks::in, &Callbacks::out, &Callbacks::out, this);
+    gs().register_callout(m_instance, &Callbacks::callout, this);
+    gs().set_arg_encoding(m_instance, GS_ARG_ENCODING_UTF8);
 
     const unsigned format = unsigned(DISPLAY_COLORS_RGB) | unsigned(DISPLAY_ALPHA_NONE) | unsigned(DISPLAY_DEPTH_8) |
                             unsigned(DISPLAY_BIGENDIAN) | unsigned(DISPLAY_TOPFIRST) |
@@ -160,14 +229,14 @@ bool Ghostscript::start(std::string& error) {
     std::vector<char*> argv;
     for (std::string& a : args)
         argv.push_back(a.data());
-    const int code = gsapi_init_with_args(m_instance, static_cast<int>(argv.size()), argv.data());
+    const int code = gs().init_with_args(m_instance, static_cast<int>(argv.size()), argv.data());
     if (code < 0 && code != gs_error_Quit) {
         error = "cannot start Ghostscript (error " + std::to_string(code) + ")";
         return false;
     }
     m_initialised = true;
     int exitCode = 0;
-    if (gsapi_run_string(m_instance, prologue(), 0, &exitCode) < 0) {
+    if (gs().run_string(m_instance, prologue(), 0, &exitCode) < 0) {
         error = "Ghostscript did not accept the engine's set-up";
         return false;
     }
@@ -348,15 +417,15 @@ JobOutcome Ghostscript::run(const JobSetup& job, Device& device) {
           (job.language == JobSetup::Language::Pdf ? " QX /runpdf get exec" : " QX /runps get exec") +
           " } QX /runjob get exec\n";
 
-    gsapi_add_control_path(m_instance, GS_PERMIT_FILE_READING, job.path.c_str());
+    gs().add_control_path(m_instance, GS_PERMIT_FILE_READING, job.path.c_str());
     int exitCode = 0;
     int code = 0;
     {
         // A job that never finishes a page (an endless loop) is ended by the watchdog.
         const stall::Section guarded(job.language == JobSetup::Language::Pdf ? "PDF job" : "PostScript job");
-        code = gsapi_run_string(m_instance, ps.c_str(), 0, &exitCode);
+        code = gs().run_string(m_instance, ps.c_str(), 0, &exitCode);
     }
-    gsapi_remove_control_path(m_instance, GS_PERMIT_FILE_READING, job.path.c_str());
+    gs().remove_control_path(m_instance, GS_PERMIT_FILE_READING, job.path.c_str());
     if (!m_pending.empty()) {
         line(m_pending);
         m_pending.clear();

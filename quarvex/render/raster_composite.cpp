@@ -16,12 +16,14 @@ bool RasterDevice::Impl::preparePattern(const std::shared_ptr<const PatternTile>
         patPix.resize(n * C);
         patWhite.resize(n);
         patKeep.resize(n * C);
+        patAnyWhite = false;
         for (size_t i = 0; i < n; ++i) {
             const Rgb c = tile->pixels[i];
             uint8_t v[3];
             toDevice(c, v);
             std::memcpy(&patPix[i * C], v, C);
             patWhite[i] = c == Rgb::white();
+            patAnyWhite = patAnyWhite || patWhite[i];
             std::memset(&patKeep[i * C], patWhite[i] ? 0xFF : 0, C);
         }
         patKey = tile;
@@ -56,9 +58,14 @@ bool RasterDevice::Impl::beginCall(const Paint& paint, const RenderState& rs) {
     prepareClip(rs.clip);
     if (clip.empty)
         return false;
-    rop = rs.rop3;
-    srcTransparent = rs.sourceTransparent;
-    patTransparent = rs.patternTransparent;
+    return setPaint(paint, rs.rop3, rs.sourceTransparent, rs.patternTransparent);
+}
+
+bool RasterDevice::Impl::setPaint(const Paint& paint, uint8_t rop3, bool sourceTransparent,
+                                  bool patternTransparent) {
+    rop = rop3;
+    srcTransparent = sourceTransparent;
+    patTransparent = patternTransparent;
     if (paint.kind == Paint::Kind::Pattern)
         return preparePattern(paint.pattern);
     tex.solid = true;
@@ -482,6 +489,25 @@ bool RasterDevice::Impl::rectCover(const Path& path, const IRect& box, IRect& co
     const bool down = p0.x == p1.x && p1.y == p2.y && p2.x == p3.x && p3.y == p0.y;
     if (!across && !down)
         return false;
+    // The same rectangle as the last one (a job that fills the same area again and again)
+    // covers the same pixels.
+    RectCoverMemo& memo = rectMemo;
+    if (memo.valid && memo.n == n && std::equal(pts.begin(), pts.begin() + long(n), memo.pts.begin(),
+                                                 [](const Point& u, const Point& v) { return u.x == v.x && u.y == v.y; }) &&
+        memo.box.x0 == box.x0 && memo.box.y0 == box.y0 && memo.box.x1 == box.x1 && memo.box.y1 == box.y1 &&
+        memo.scaleX == geo.scaleX && memo.scaleY == geo.scaleY && memo.ptd.a == ptd.a && memo.ptd.d == ptd.d &&
+        memo.ptd.e == ptd.e && memo.ptd.f == ptd.f) {
+        cover = memo.cover;
+        return memo.found;
+    }
+    memo.valid = true;
+    memo.n = n;
+    std::copy(pts.begin(), pts.begin() + long(n), memo.pts.begin());
+    memo.box = box;
+    memo.scaleX = geo.scaleX;
+    memo.scaleY = geo.scaleY;
+    memo.ptd = ptd;
+    memo.found = false;
     const Point a = ptd.apply(p0), c = ptd.apply(p2);
     const int xm = std::clamp(clampToInt(std::floor((a.x + c.x) / 2)), box.x0, box.x1 - 1);
     const int ym = std::clamp(clampToInt(std::floor((a.y + c.y) / 2)), box.y0, box.y1 - 1);
@@ -506,6 +532,7 @@ bool RasterDevice::Impl::rectCover(const Path& path, const IRect& box, IRect& co
         return lo < hi;
     };
     int xa, xb, ya, yb;
+    ++stats.rectProbes;
     fill(cairo_format_stride_for_width(CAIRO_FORMAT_A8, box.width()), box.x0, ym, box.width(), 1);
     if (!stretch(box.width(), 1, xa, xb))
         return false;
@@ -514,6 +541,8 @@ bool RasterDevice::Impl::rectCover(const Path& path, const IRect& box, IRect& co
     if (!stretch(box.height(), size_t(colStride), ya, yb))
         return false;
     cover = {box.x0 + xa, box.y0 + ya, box.x0 + xb, box.y0 + yb};
+    memo.cover = cover;
+    memo.found = true;
     return true;
 }
 

@@ -14,6 +14,11 @@
 
 #include <new>
 
+#if defined(__linux__)
+#include <sys/mman.h>
+#include <unistd.h>
+#endif
+
 namespace qx {
 
 namespace raster {
@@ -47,6 +52,114 @@ const uint8_t (&ditherThresholds())[16][16] {
 
 
 
+namespace {
+bool sameRect(const IRect& a, const IRect& b) {
+    return a.x0 == b.x0 && a.y0 == b.y0 && a.x1 == b.x1 && a.y1 == b.y1;
+}
+bool contains(const IRect& outer, const IRect& inner) {
+    return outer.x0 <= inner.x0 && outer.y0 <= inner.y0 && outer.x1 >= inner.x1 && outer.y1 >= inner.y1;
+}
+} // namespace
+
+bool RasterDevice::Impl::RectFill::same(const RectFill& o) const {
+    if (active != o.active || !sameRect(area, o.area) || rop != o.rop || srcTransparent != o.srcTransparent ||
+        patTransparent != o.patTransparent || paint.kind != o.paint.kind)
+        return false;
+    if (paint.kind != Paint::Kind::Pattern)
+        return paint.color == o.paint.color;
+    const PatternTile* a = paint.pattern.get();
+    const PatternTile* b = o.paint.pattern.get();
+    if (a == b)
+        return true;
+    const Matrix &m = a->tileToPage, &n = b->tileToPage;
+    return a->width == b->width && a->height == b->height && a->pixels == b->pixels && m.a == n.a &&
+           m.b == n.b && m.c == n.c && m.d == n.d && m.e == n.e && m.f == n.f;
+}
+
+bool RasterDevice::Impl::deferRectFill(const IRect& area, const Paint& paint) {
+    if (raster::ropUsesDest(rop))
+        return false;
+    RectFill f;
+    f.active = true;
+    f.area = area;
+    f.paint = paint;
+    f.rop = rop;
+    f.srcTransparent = srcTransparent;
+    f.patTransparent = patTransparent;
+    if (tex.solid || !patTransparent || !patAnyWhite) {
+        // Every pixel of area is set whatever lies beneath: fills put off inside it cannot
+        // show; the others are drawn before it.
+        if (pendingBase.active && contains(area, pendingBase.area))
+            pendingBase = RectFill{};
+        if (pendingTop.active && contains(area, pendingTop.area))
+            pendingTop = RectFill{};
+        drawDeferredFills();
+        pendingBase = std::move(f);
+        return true;
+    }
+    // The page shows through the pattern's white: the same fill again changes nothing.
+    if (pendingTop.same(f))
+        return true;
+    if (pendingTop.active)
+        drawDeferredFills();
+    pendingTop = std::move(f);
+    return true;
+}
+
+void RasterDevice::Impl::drawRectFill(const RectFill& f) {
+    if (!f.active || !setPaint(f.paint, f.rop, f.srcTransparent, f.patTransparent))
+        return;
+    stats.rectPixels += uint64_t(f.area.width()) * uint64_t(f.area.height());
+    for (int y = f.area.y0; y < f.area.y1; ++y)
+        composite(y, f.area.x0, f.area.width(), nullptr, nullptr);
+}
+
+bool RasterDevice::Impl::drawDeferredFills() {
+    if (!pendingBase.active && !pendingTop.active)
+        return false;
+    const RectFill base = std::move(pendingBase), top = std::move(pendingTop);
+    pendingBase = RectFill{};
+    pendingTop = RectFill{};
+    drawRectFill(base);
+    drawRectFill(top);
+    return true;
+}
+
+namespace {
+
+// Makes buf a page of `bytes` bytes, all `white`. A large page is mapped in huge pages where the
+// system offers them, and its memory is taken in one call before it is filled: touching fresh
+// memory one small page at a time costs a fault each, which on a virtual machine can cost more
+// than drawing and compressing the page. The page's memory is all used either way.
+void allocatePage(std::vector<uint8_t>& buf, size_t bytes, uint8_t white) {
+    buf.clear();
+    buf.shrink_to_fit();
+    buf.reserve(bytes);
+#if defined(__linux__)
+    constexpr size_t kLargePage = size_t(8) << 20;
+    if (bytes >= kLargePage) {
+        const uintptr_t start = reinterpret_cast<uintptr_t>(buf.data());
+        const uintptr_t end = start + bytes;
+        constexpr uintptr_t huge = uintptr_t(2) << 20;
+        const uintptr_t hugeStart = (start + huge - 1) & ~(huge - 1), hugeEnd = end & ~(huge - 1);
+#ifdef MADV_HUGEPAGE
+        if (hugeStart < hugeEnd)
+            ::madvise(reinterpret_cast<void*>(hugeStart), hugeEnd - hugeStart, MADV_HUGEPAGE);
+#endif
+        const long sys = ::sysconf(_SC_PAGESIZE);
+        const uintptr_t small = sys > 0 ? uintptr_t(sys) : 4096;
+        const uintptr_t first = (start + small - 1) & ~(small - 1), last = end & ~(small - 1);
+        // Linux 5.14 and later; elsewhere the fill below takes the memory as it goes.
+        constexpr int kPopulateWrite = 23; // MADV_POPULATE_WRITE
+        if (first < last)
+            ::madvise(reinterpret_cast<void*>(first), last - first, kPopulateWrite);
+    }
+#endif
+    buf.assign(bytes, white);
+}
+
+} // namespace
+
 RasterDevice::RasterDevice(const RasterOptions& options, PageSink& sink)
     : d(std::make_unique<Impl>(options, sink)) {}
 
@@ -72,9 +185,7 @@ void RasterDevice::beginPage(const PageSpec& page) {
             std::memset(d->row(d->inkTop), white, d->stride * size_t(d->inkBottom - d->inkTop));
     } else {
         try {
-            d->buf.clear();
-            d->buf.shrink_to_fit();
-            d->buf.assign(bytes, white);
+            allocatePage(d->buf, bytes, white);
         } catch (const std::bad_alloc&) {
             // No page can be made at this size: stop, as if the output could not be written.
             d->buf.clear();
@@ -90,12 +201,14 @@ void RasterDevice::beginPage(const PageSpec& page) {
     d->inkTop = d->geo.heightPx;
     d->inkBottom = 0;
     d->clip = ClipState{};
+    d->pendingBase = d->pendingTop = Impl::RectFill{};
     d->inPage = true;
 }
 
 void RasterDevice::endPage() {
     if (!d->inPage)
         return;
+    d->drawDeferredFills();
     d->inPage = false;
     if (d->failed)
         return;
@@ -129,6 +242,7 @@ void RasterDevice::endPage() {
 void RasterDevice::discardPage() {
     // The rows it drew on stay marked, so the next page clears them.
     d->inPage = false;
+    d->pendingBase = d->pendingTop = Impl::RectFill{};
     d->clip = ClipState{};
 }
 
@@ -143,9 +257,17 @@ void RasterDevice::fillPath(const Path& path, FillRule rule, const Paint& paint,
         return;
     d->inked(box);
     IRect cover;
-    if (d->rectCover(path, box, cover)) {
+    const bool rect = d->rectCover(path, box, cover);
+    if (rect && d->clip.rect && d->deferRectFill(cover, paint)) {
+        ++d->stats.rectangles;
+        return;
+    }
+    if (d->drawDeferredFills())
+        d->setPaint(paint, rs.rop3, rs.sourceTransparent, rs.patternTransparent);
+    if (rect) {
         // A rectangle: each row is one stretch, drawn straight away.
         ++d->stats.rectangles;
+        d->stats.rectPixels += uint64_t(cover.width()) * uint64_t(cover.height());
         for (int y = cover.y0; y < cover.y1; ++y)
             d->clippedRuns(y, cover.x0, cover.x1,
                            [&](int a, int b) { d->composite(y, a, b - a, nullptr, nullptr); });
@@ -169,6 +291,8 @@ void RasterDevice::fillPath(const Path& path, FillRule rule, const Paint& paint,
 
 void RasterDevice::strokePath(const Path& path, const StrokeStyle& style, const Paint& paint,
                               const RenderState& rs) {
+    if (d->inPage)
+        d->drawDeferredFills(); // they lie beneath whatever comes now
     if (path.empty() || !Impl::wellFormed(path) || !d->beginCall(paint, rs))
         return;
     const double sx = d->geo.scaleX, sy = d->geo.scaleY;
@@ -264,6 +388,8 @@ void RasterDevice::strokePath(const Path& path, const StrokeStyle& style, const 
 
 void RasterDevice::drawImage(const Image& image, const Matrix& imageToPage, const Paint& texture,
                              const RenderState& rs) {
+    if (d->inPage)
+        d->drawDeferredFills(); // they lie beneath whatever comes now
     const int iw = image.width, ih = image.height;
     const size_t bpp = image.format == Image::Format::Gray8 ? 1 : 3;
     if (iw <= 0 || ih <= 0 || image.stride < size_t(iw) * bpp ||
@@ -360,6 +486,8 @@ void RasterDevice::drawImage(const Image& image, const Matrix& imageToPage, cons
 
 void RasterDevice::fillMask(const Mask& mask, const Matrix& maskToPage, const Paint& paint,
                             const RenderState& rs) {
+    if (d->inPage)
+        d->drawDeferredFills(); // they lie beneath whatever comes now
     const int mw = mask.width, mh = mask.height;
     if (mw <= 0 || mh <= 0 || mask.stride < size_t(mw + 7) / 8 ||
         mask.bits.size() < mask.stride * size_t(mh - 1) + size_t(mw + 7) / 8)

@@ -53,6 +53,8 @@ struct RasterStats {
     uint64_t bandPixels = 0;    // pixels of coverage rendered by cairo, band by band
     uint64_t rectangles = 0;    // fills of rectangles drawn row by row without coverage bands
     uint64_t pixelsBlended = 0; // pixels of pictures composited one by one with their source
+    uint64_t rectProbes = 0;    // rectangles whose pixels were found by asking cairo
+    uint64_t rectPixels = 0;    // pixels of rectangle fills drawn (not those put off and hidden)
 };
 
 class RasterDevice : public Device {

@@ -206,7 +206,33 @@ struct RasterDevice::Impl {
 
     std::shared_ptr<const PatternTile> patKey;
     int patChannels = 0;
+    bool patAnyWhite = false; // some pixel of the tile is white
     std::vector<uint8_t> patPix, patWhite, patKeep;
+
+    // Rectangle fills not drawn yet. A fill whose every pixel gets a value that does not
+    // depend on the page beneath (a solid colour, or a pattern without transparent white,
+    // under a raster operation that ignores the page) hides whatever was drawn before inside
+    // its rectangle: it is kept as the base, and a later such fill over the same pixels or
+    // more simply takes its place. On top of it may lie one fill that keeps the page only
+    // where its pattern is white and transparent: the same fill of the same rectangle again
+    // changes nothing. They are drawn, base first, only when something else is drawn or the
+    // page ends, so a run of fills of the whole page costs one fill of the page.
+    struct RectFill {
+        bool active = false;
+        IRect area;
+        Paint paint;
+        uint8_t rop = 252;
+        bool srcTransparent = true;
+        bool patTransparent = true;
+        bool same(const RectFill& o) const;
+    };
+    RectFill pendingBase, pendingTop;
+    // Takes the fill of area (within the page, clip a rectangle around it) in the paint set up
+    // for this call; false when it has to be drawn now.
+    bool deferRectFill(const IRect& area, const Paint& paint);
+    // Draws the fills put off; false when there were none.
+    bool drawDeferredFills();
+    void drawRectFill(const RectFill& f);
 
     // The call being drawn.
     Texture tex;
@@ -322,6 +348,8 @@ struct RasterDevice::Impl {
     bool preparePattern(const std::shared_ptr<const PatternTile>& tile);
 
     bool beginCall(const Paint& paint, const RenderState& rs);
+    // The part of beginCall that sets up the paint and the raster operation, leaving the clip.
+    bool setPaint(const Paint& paint, uint8_t rop3, bool sourceTransparent, bool patternTransparent);
 
     // The texture under n pixels of row y from x0 into tbuf, with its white flags into twhite,
     // or (withKeep) its white flags widened to every channel byte into kbuf instead.
@@ -395,6 +423,17 @@ struct RasterDevice::Impl {
     // of a row range. Both ranges are taken from cairo itself, by filling one row and one
     // column of the rectangle, so that the pixels are the ones a band by band fill gives.
     bool rectCover(const Path& path, const IRect& box, IRect& cover);
+    // The last rectangle rectCover() looked at, in page space, and what it found.
+    struct RectCoverMemo {
+        bool valid = false;
+        size_t n = 0;
+        std::array<Point, 5> pts{};
+        IRect box;
+        double scaleX = 0, scaleY = 0;
+        Matrix ptd;
+        bool found = false;
+        IRect cover;
+    } rectMemo;
 
     // Paths of many edges are filled by the active-edge scan converter: cairo's fill of a
     // self-intersecting path grows with the square of its edges. Small paths keep cairo's.

@@ -90,13 +90,18 @@ bool ScratchEncoder::encode(const StripLayout& layout, uint32_t strip, const uin
         return false;
     out.clear();
     m_capture = &out;
-    m_row.resize(layout.rowBytes);
+    if (layout.codecWritesRows)
+        m_row.resize(layout.rowBytes);
     const uint32_t first = strip * layout.rowsPerStrip, count = layout.rowsIn(strip);
     bool ok = true;
     for (uint32_t r = 0; ok && r < count; ++r) {
-        // The codec may change the row it is given (predictors work in place): pass a copy.
-        std::memcpy(m_row.data(), rows + size_t(r) * layout.stride, layout.rowBytes);
-        ok = TIFFWriteScanline(m_tif, m_row.data(), first + r, 0) == 1;
+        const uint8_t* row = rows + size_t(r) * layout.stride;
+        if (layout.codecWritesRows) {
+            // The page must stay as it is: the codec works on a copy.
+            std::memcpy(m_row.data(), row, layout.rowBytes);
+            row = m_row.data();
+        }
+        ok = TIFFWriteScanline(m_tif, const_cast<uint8_t*>(row), first + r, 0) == 1;
     }
     // Ends the strip: the codec's last bytes are written, into out.
     ok = ok && TIFFFlushData(m_tif) == 1;

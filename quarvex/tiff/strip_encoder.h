@@ -30,6 +30,8 @@ struct StripLayout {
     // Rows outside [inkTop, inkBottom) are known to be blank: every byte is `blank`.
     uint32_t inkTop = 0, inkBottom = UINT32_MAX;
     uint8_t blank = 0;
+    // The codec changes the rows it is given (a predictor works in place): it gets copies.
+    bool codecWritesRows = true;
     uint32_t strips() const { return (height + rowsPerStrip - 1) / rowsPerStrip; }
     uint32_t rowsIn(uint32_t strip) const {
         const uint32_t first = strip * rowsPerStrip;

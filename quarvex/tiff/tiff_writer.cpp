@@ -243,6 +243,9 @@ bool TiffWriter::writePage(const RasterPage& page) {
     layout.inkTop = static_cast<uint32_t>(std::clamp(page.inkTop, 0, page.height));
     layout.inkBottom = static_cast<uint32_t>(std::clamp(page.inkBottom, page.inkTop, page.height));
     layout.blank = bits == 1 ? 0 : 255; // white: no bits set at 1 bit, 255 at 8 and 24
+    // Only the horizontal predictor writes into the rows it is given; with 8-bit samples or
+    // single bits libtiff swaps no bytes either.
+    layout.codecWritesRows = comp == Compression::LzwPredictor;
     // Strips of one colour compress alike while everything that shapes them stays the same.
     const uint64_t cacheKey = (uint64_t(static_cast<int>(comp)) << 56) ^ (uint64_t(fax ? 1 : 0) << 52) ^
                               (uint64_t(page.format) << 48) ^ (uint64_t(rowsPerStrip) << 24) ^

@@ -63,6 +63,8 @@ for deb in "${debs[@]}"; do
 done
 field "$engine_deb" Recommends | grep parallel > /dev/null || fail "quarvex does not recommend parallel"
 depends_on "$engine_deb" libtiff6 || fail "quarvex does not depend on libtiff6: $(field "$engine_deb" Depends)"
+# Loaded at run time for PostScript and PDF jobs, so named by hand rather than found by the scan.
+depends_on "$engine_deb" libgs10 || fail "quarvex does not depend on libgs10: $(field "$engine_deb" Depends)"
 if [ "$frontend" = 1 ]; then
     depends_on "$frontend_deb" quarvex || fail "quarvel does not depend on quarvex"
     field "$frontend_deb" Depends | grep -F "quarvex (= $version)" > /dev/null || fail "quarvel: quarvex not pinned to $version"
