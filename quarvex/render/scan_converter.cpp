@@ -1,17 +1,40 @@
 #include "render/scan_converter.h"
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
-#include <cstring>
 
 namespace qx::raster {
 
 namespace {
 
-// Rows and columns are kept within a range no page reaches, so that nothing overflows.
-constexpr double kLimit = 1e9;
+// Coordinates are kept within this many pixels either side of the origin, so that every
+// fixed-point value and every step of an edge fits 32 bits with room to spare.
+constexpr double kLimitPx = 1 << 20;
 
-double clampCoord(double v) { return std::clamp(v, -kLimit, kLimit); }
+int32_t toFixed(double v, bool& exact) {
+    if (!(std::fabs(v) <= kLimitPx)) {
+        exact = false;
+        v = std::isnan(v) ? 0.0 : std::clamp(v, -kLimitPx, kLimitPx);
+    }
+    // Rounded to the nearest 1/256, ties to even, as cairo rounds.
+    return static_cast<int32_t>(std::nearbyint(v * 256.0));
+}
+
+// The pixel row or column a fixed-point coordinate rounds to (halves round down).
+inline int64_t roundFixed(int64_t v) { return (v + 127) >> 8; }
+inline int64_t floorFixed(int64_t v) { return v >> 8; }
+inline int64_t ceilFixed(int64_t v) { return -((-v) >> 8); }
+
+// Floored division and its remainder (0 <= rem < d) for d > 0.
+inline void floorDiv(int64_t n, int64_t d, int64_t& quo, int64_t& rem) {
+    quo = n / d;
+    rem = n % d;
+    if (rem < 0) {
+        --quo;
+        rem += d;
+    }
+}
 
 } // namespace
 
@@ -21,41 +44,73 @@ ScanConverter::ScanConverter(const std::vector<std::vector<Point>>& polylines, F
     for (const auto& line : polylines)
         total += line.size();
     m_edges.reserve(total);
+    int32_t minX = INT32_MAX, minY = INT32_MAX, maxX = INT32_MIN, maxY = INT32_MIN;
+    std::vector<int32_t> fx, fy;
     for (const auto& line : polylines) {
         const size_t n = line.size();
         if (n < 2)
             continue;
+        fx.resize(n);
+        fy.resize(n);
         for (size_t i = 0; i < n; ++i) {
-            Point a = line[i], b = line[(i + 1) % n];
-            if (!std::isfinite(a.x) || !std::isfinite(a.y) || !std::isfinite(b.x) || !std::isfinite(b.y))
+            fx[i] = toFixed(line[i].x, m_exact);
+            fy[i] = toFixed(line[i].y, m_exact);
+            minX = std::min(minX, fx[i]);
+            maxX = std::max(maxX, fx[i]);
+            minY = std::min(minY, fy[i]);
+            maxY = std::max(maxY, fy[i]);
+        }
+        for (size_t i = 0; i < n; ++i) {
+            const size_t j = i + 1 < n ? i + 1 : 0;
+            int32_t x1 = fx[i], y1 = fy[i], x2 = fx[j], y2 = fy[j];
+            if (x1 != x2 && y1 != y2)
+                m_rectilinear = false;
+            if (y1 == y2)
                 continue;
-            a = {clampCoord(a.x), clampCoord(a.y)};
-            b = {clampCoord(b.x), clampCoord(b.y)};
-            if (a.y == b.y)
-                continue;
-            int dir = 1;
-            if (a.y > b.y) {
-                std::swap(a, b);
+            int32_t dir = 1;
+            if (y1 > y2) {
+                std::swap(x1, x2);
+                std::swap(y1, y2);
                 dir = -1;
             }
-            // The rows whose centres lie in [a.y, b.y).
-            const double first = std::ceil(a.y - 0.5), end = std::ceil(b.y - 0.5);
-            if (first >= end)
-                continue;
-            const double dxdy = (b.x - a.x) / (b.y - a.y);
-            m_edges.push_back({a.x + (first + 0.5 - a.y) * dxdy, dxdy, static_cast<int64_t>(first),
-                               static_cast<int64_t>(end), dir});
+            m_edges.push_back({x1, y1, x2, y2, static_cast<int32_t>(roundFixed(y1)),
+                               static_cast<int32_t>(roundFixed(y2)), dir});
         }
+    }
+    if (m_edges.empty())
+        return;
+    m_minX = minX;
+    m_minY = minY;
+    m_maxX = maxX;
+    m_maxY = maxY;
+    // The extent of the edges' ends: cairo's polygon extent when the band holds the whole path.
+    m_edgeMinX = INT32_MAX;
+    m_edgeMaxX = INT32_MIN;
+    for (const Edge& e : m_edges) {
+        m_edgeMinX = std::min({m_edgeMinX, e.x1, e.x2});
+        m_edgeMaxX = std::max({m_edgeMaxX, e.x1, e.x2});
     }
     std::stable_sort(m_edges.begin(), m_edges.end(),
                      [](const Edge& l, const Edge& r) { return l.first < r.first; });
-    restart(m_edges.empty() ? 0 : m_edges.front().first);
+    restart(m_edges.front().first);
 }
 
-// Adds an edge to the active list with its x at the centre of the given row.
+// Adds an edge to the active list with its crossing at the given row.
 void ScanConverter::activate(const Edge& e, int64_t row) {
-    Edge a = e;
-    a.x = e.x + static_cast<double>(row - e.first) * e.dxdy;
+    const int64_t dx = int64_t(e.x2) - e.x1, dy = int64_t(e.y2) - e.y1;
+    int64_t q, r;
+    // cairo evaluates the edge 127/256 of a pixel below the top of the row.
+    floorDiv((row * 256 + 127 - e.y1) * dx, dy, q, r);
+    Active a;
+    a.xq = static_cast<int32_t>(e.x1 + q);
+    a.xr = static_cast<int32_t>(r - dy);
+    floorDiv(dx * 256, dy, q, r);
+    // An edge too flat to reach a second row never steps: its step only has to stay in range.
+    a.dq = static_cast<int32_t>(std::clamp<int64_t>(q, -(int64_t(1) << 30), int64_t(1) << 30));
+    a.dr = static_cast<int32_t>(r);
+    a.dy = static_cast<int32_t>(dy);
+    a.end = e.end;
+    a.dir = e.dir;
     m_active.push_back(a);
 }
 
@@ -71,13 +126,55 @@ void ScanConverter::restart(int64_t row) {
     m_row = row;
 }
 
+void ScanConverter::columnRange(int x0, int y0, int w, int h, int64_t& lo, int64_t& hi) const {
+    // cairo clips the polygon to the band when the path's extent, rounded out, does not fit in
+    // it; the polygon's extent then comes from the edges cut at the band's top and bottom.
+    const bool contained = floorFixed(m_minX) >= x0 && ceilFixed(m_maxX) <= int64_t(x0) + w &&
+                           floorFixed(m_minY) >= y0 && ceilFixed(m_maxY) <= int64_t(y0) + h;
+    int64_t ex1 = m_edgeMinX, ex2 = m_edgeMaxX;
+    if (!contained) {
+        const int64_t top = int64_t(y0) * 256, bottom = (int64_t(y0) + h) * 256;
+        ex1 = INT64_MAX;
+        ex2 = INT64_MIN;
+        auto xAt = [](const Edge& e, int64_t y) -> int64_t {
+            if (y == e.y1)
+                return e.x1;
+            if (y == e.y2)
+                return e.x2;
+            // Truncated, as cairo computes the ends of a cut edge.
+            return e.x1 + (y - e.y1) * (int64_t(e.x2) - e.x1) / (int64_t(e.y2) - e.y1);
+        };
+        for (const Edge& e : m_edges) {
+            if (e.y2 <= top || e.y1 >= bottom)
+                continue;
+            const int64_t a = xAt(e, std::max<int64_t>(e.y1, top));
+            const int64_t b = xAt(e, std::min<int64_t>(e.y2, bottom));
+            ex1 = std::min({ex1, a, b});
+            ex2 = std::max({ex2, a, b});
+        }
+        if (ex1 > ex2) {
+            lo = hi = x0;
+            return;
+        }
+    }
+    lo = std::max<int64_t>(x0, floorFixed(ex1));
+    hi = std::min<int64_t>(int64_t(x0) + w, ceilFixed(ex2));
+}
+
 void ScanConverter::fill(uint8_t* data, int stride, int x0, int y0, int w, int h) {
     if (w <= 0 || h <= 0 || m_edges.empty())
         return;
+    int64_t lo, hi;
+    columnRange(x0, y0, w, h, lo, hi);
+    if (lo >= hi)
+        return;
     if (y0 != m_row)
         restart(y0);
-    const int64_t rightPixel = static_cast<int64_t>(x0) + w;
-    m_delta.assign(static_cast<size_t>(w), 0);
+    const size_t n = static_cast<size_t>(hi - lo);
+    // One cell more than the columns: an edge landing just right of them closes a gap.
+    m_delta.assign(n + 1, 0);
+    m_landed.assign(n + 1, 0);
+    const int32_t mask = m_rule == FillRule::EvenOdd ? 1 : ~0;
     for (int r = 0; r < h; ++r) {
         const int64_t row = static_cast<int64_t>(y0) + r;
         while (m_next < m_edges.size() && m_edges[m_next].first <= row) {
@@ -85,43 +182,47 @@ void ScanConverter::fill(uint8_t* data, int stride, int x0, int y0, int w, int h
                 activate(m_edges[m_next], row);
             ++m_next;
         }
-        // Each crossing changes the winding of the pixels whose centres lie at or right of it;
-        // a running sum along the row gives every pixel's winding without sorting.
-        // Active edges carry their x at the current row and step it by one row each time.
+        // Each crossing changes the winding of the pixels from the one it lands on rightwards;
+        // a running sum along the row gives every pixel's winding without sorting. Crossings
+        // left of the columns only add to the winding they start with.
+        int32_t left = 0;
         size_t landed = 0, keep = 0;
         const size_t count = m_active.size();
         for (size_t i = 0; i < count; ++i) {
-            Edge& e = m_active[i];
+            Active e = m_active[i];
             if (e.end <= row)
-                continue;
-            // The first pixel whose centre lies at or right of the crossing: ceil(x - 0.5),
-            // by integer conversion (x is bounded, so it fits).
-            const double v = e.x - 0.5;
-            e.x += e.dxdy;
-            int64_t at = static_cast<int64_t>(v);
-            at += static_cast<double>(at) < v;
-            if (at < rightPixel) {
-                m_delta[at <= x0 ? 0 : static_cast<size_t>(at - x0)] += e.dir;
+                continue; // ended: the others move up over it
+            const int64_t at = roundFixed(e.xq) - lo;
+            e.xq += e.dq;
+            e.xr += e.dr;
+            const int32_t carry = ~(e.xr >> 31); // all ones when the remainder reached zero
+            e.xq -= carry;
+            e.xr -= e.dy & carry;
+            if (at < 0) {
+                left += e.dir;
+            } else if (at <= static_cast<int64_t>(n)) {
+                m_delta[static_cast<size_t>(at)] += e.dir;
+                m_landed[static_cast<size_t>(at)] = 1;
                 ++landed;
             }
-            // Edges that have ended drop out; the others move up over them.
-            if (keep != i)
-                m_active[keep] = e;
-            ++keep;
+            m_active[keep++] = e;
         }
         m_active.resize(keep);
-        m_crossings += m_active.size();
+        m_crossings += keep;
         m_row = row + 1;
-        if (landed == 0)
+        if (landed == 0 && (left & mask) == 0)
             continue;
-        uint8_t* out = data + static_cast<size_t>(r) * static_cast<size_t>(stride);
-        int winding = 0;
-        for (int x = 0; x < w; ++x) {
-            winding += m_delta[static_cast<size_t>(x)];
-            m_delta[static_cast<size_t>(x)] = 0;
-            if (m_rule == FillRule::EvenOdd ? (winding & 1) != 0 : winding != 0)
-                out[x] = 0xFF;
+        uint8_t* out = data + static_cast<size_t>(r) * static_cast<size_t>(stride) + (lo - x0);
+        int32_t winding = left;
+        for (size_t x = 0; x < n; ++x) {
+            winding += m_delta[x];
+            const bool covered = (winding & mask) != 0 || (m_landed[x] & m_landed[x + 1]) != 0;
+            out[x] |= static_cast<uint8_t>(-static_cast<int>(covered));
+            m_delta[x] = 0;
+            m_landed[x] = 0;
         }
+        m_delta[n] = 0;
+        m_landed[n] = 0;
     }
 }
 
