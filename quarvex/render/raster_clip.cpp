@@ -71,7 +71,7 @@ void RasterDevice::Impl::prepareClip(const std::shared_ptr<const ClipRegion>& re
         band2.resize(size_t(bstride) * rows);
     std::vector<std::unique_ptr<raster::ScanConverter>> scans;
     for (const ClipRegion::Entry& e : region->entries)
-        scans.push_back(scanConverterFor(e.path, e.rule));
+        scans.push_back(scanConverterFor(e.path, e.rule, box.x0, box.x1));
     for (int sx = box.x0; sx < box.x1; sx += kMaxSliceWidth) {
         const int w = std::min(kMaxSliceWidth, box.x1 - sx);
         const size_t byteOffset = size_t(sx - box.x0) / 8; // slices start on whole bytes

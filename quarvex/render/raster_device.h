@@ -52,6 +52,8 @@ public:
 struct RasterStats {
     uint64_t bandPixels = 0;    // pixels of coverage rendered by cairo, band by band
     uint64_t rectangles = 0;    // fills of rectangles drawn row by row without coverage bands
+    uint64_t scanFills = 0;     // fills drawn stretch by stretch by the scan converter
+    uint64_t scanCrossings = 0; // edge crossings of rows the scan converter computed for them
     uint64_t pixelsBlended = 0; // pixels of pictures composited one by one with their source
 };
 

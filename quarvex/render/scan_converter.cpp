@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstring>
 
 namespace qx::raster {
 
@@ -162,6 +163,13 @@ void ScanConverter::columnRange(int x0, int y0, int w, int h, int64_t& lo, int64
 }
 
 void ScanConverter::fill(uint8_t* data, int stride, int x0, int y0, int w, int h) {
+    spans(x0, y0, w, h, [&](int y, int a, int b) {
+        std::memset(data + static_cast<size_t>(y - y0) * static_cast<size_t>(stride) + (a - x0), 0xFF,
+                    static_cast<size_t>(b - a));
+    });
+}
+
+void ScanConverter::spans(int x0, int y0, int w, int h, const SpanFn& span) {
     if (w <= 0 || h <= 0 || m_edges.empty())
         return;
     int64_t lo, hi;
@@ -171,10 +179,14 @@ void ScanConverter::fill(uint8_t* data, int stride, int x0, int y0, int w, int h
     if (y0 != m_row)
         restart(y0);
     const size_t n = static_cast<size_t>(hi - lo);
-    // One cell more than the columns: an edge landing just right of them closes a gap.
-    m_delta.assign(n + 1, 0);
-    m_landed.assign(n + 1, 0);
     const int32_t mask = m_rule == FillRule::EvenOdd ? 1 : ~0;
+    bool denseReady = false;
+    auto emit = [&](int64_t row, int64_t a, int64_t b) {
+        a = std::max(a, lo);
+        b = std::min(b, hi);
+        if (a < b)
+            span(static_cast<int>(row), static_cast<int>(a), static_cast<int>(b));
+    };
     for (int r = 0; r < h; ++r) {
         const int64_t row = static_cast<int64_t>(y0) + r;
         while (m_next < m_edges.size() && m_edges[m_next].first <= row) {
@@ -182,45 +194,89 @@ void ScanConverter::fill(uint8_t* data, int stride, int x0, int y0, int w, int h
                 activate(m_edges[m_next], row);
             ++m_next;
         }
-        // Each crossing changes the winding of the pixels from the one it lands on rightwards;
-        // a running sum along the row gives every pixel's winding without sorting. Crossings
-        // left of the columns only add to the winding they start with.
-        int32_t left = 0;
-        size_t landed = 0, keep = 0;
+        if (m_active.empty()) {
+            m_row = row + 1;
+            continue;
+        }
+        // Few crossings for the width: sorted, and the stretches found between them. Many:
+        // each crossing adds its direction to the winding change where it lands, and a running
+        // sum along the row gives every pixel's winding without sorting.
+        const bool dense = m_active.size() * 8 >= n;
+        if (dense && !denseReady) {
+            // One cell more than the columns: an edge landing just right of them closes a gap.
+            m_delta.assign(n + 1, 0);
+            m_landed.assign(n + 1, 0);
+            denseReady = true;
+        }
+        m_cross.clear();
+        int32_t left = 0; // crossings left of the columns only add to the starting winding
+        size_t keep = 0;
         const size_t count = m_active.size();
         for (size_t i = 0; i < count; ++i) {
             Active e = m_active[i];
             if (e.end <= row)
                 continue; // ended: the others move up over it
-            const int64_t at = roundFixed(e.xq) - lo;
+            const int64_t c = roundFixed(e.xq);
             e.xq += e.dq;
             e.xr += e.dr;
             const int32_t carry = ~(e.xr >> 31); // all ones when the remainder reached zero
             e.xq -= carry;
             e.xr -= e.dy & carry;
+            m_active[keep++] = e;
+            if (!dense) {
+                m_cross.push_back(c * 2 + (e.dir > 0));
+                continue;
+            }
+            const int64_t at = c - lo;
             if (at < 0) {
                 left += e.dir;
             } else if (at <= static_cast<int64_t>(n)) {
                 m_delta[static_cast<size_t>(at)] += e.dir;
                 m_landed[static_cast<size_t>(at)] = 1;
-                ++landed;
             }
-            m_active[keep++] = e;
         }
         m_active.resize(keep);
         m_crossings += keep;
         m_row = row + 1;
-        if (landed == 0 && (left & mask) == 0)
+        if (!dense) {
+            // cairo's walk along the sorted crossings: a stretch opens at the first crossing
+            // of a run and closes where the winding is outside and the next crossing lies more
+            // than one column further on.
+            std::sort(m_cross.begin(), m_cross.end());
+            const size_t k = m_cross.size();
+            int64_t start = INT64_MIN;
+            int32_t winding = 0;
+            for (size_t i = 0; i < k;) {
+                const int64_t c = m_cross[i] >> 1;
+                for (; i < k && (m_cross[i] >> 1) == c; ++i)
+                    winding += (m_cross[i] & 1) ? 1 : -1;
+                if (start == INT64_MIN)
+                    start = c;
+                if ((winding & mask) == 0 && (i == k || (m_cross[i] >> 1) > c + 1)) {
+                    emit(row, start, c);
+                    start = INT64_MIN;
+                }
+            }
             continue;
-        uint8_t* out = data + static_cast<size_t>(r) * static_cast<size_t>(stride) + (lo - x0);
+        }
         int32_t winding = left;
+        int64_t start = -1;
         for (size_t x = 0; x < n; ++x) {
             winding += m_delta[x];
+            // Inside, or outside between two landings side by side (cairo closes that gap).
             const bool covered = (winding & mask) != 0 || (m_landed[x] & m_landed[x + 1]) != 0;
-            out[x] |= static_cast<uint8_t>(-static_cast<int>(covered));
             m_delta[x] = 0;
             m_landed[x] = 0;
+            if (covered) {
+                if (start < 0)
+                    start = static_cast<int64_t>(x);
+            } else if (start >= 0) {
+                emit(row, lo + start, lo + static_cast<int64_t>(x));
+                start = -1;
+            }
         }
+        if (start >= 0)
+            emit(row, lo + start, hi);
         m_delta[n] = 0;
         m_landed[n] = 0;
     }

@@ -21,6 +21,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 namespace qx::raster {
@@ -36,12 +37,23 @@ public:
     // come in any order; rows are fastest in increasing order.
     void fill(uint8_t* data, int stride, int x0, int y0, int w, int h);
 
+    // The same pixels as stretches: span(y, a, b) for each covered stretch [a, b) of each row
+    // of the band, rows in order and stretches left to right. A row costs its crossings (sorted
+    // when few) or, when they are many, its width: never the band's area for a small polygon.
+    using SpanFn = std::function<void(int y, int a, int b)>;
+    void spans(int x0, int y0, int w, int h, const SpanFn& span);
+
     // True when every point lay within the range where the fixed-point coordinates are cairo's
     // own (points beyond about a million pixels are pulled in).
     bool exact() const { return m_exact; }
     // True when every edge is horizontal or vertical once rounded: cairo fills such paths as
     // boxes, not through its scan converter.
     bool rectilinear() const { return m_rectilinear; }
+    // True when every point lies within the columns [x0, x1): cairo cuts edges that leave its
+    // surface sideways in ways the converter does not copy, so the surfaces must hold them.
+    bool fitsAcross(int64_t x0, int64_t x1) const {
+        return m_edges.empty() || (m_minX >= x0 * 256 && m_maxX <= x1 * 256);
+    }
 
     size_t edgeCount() const { return m_edges.size(); }
     // Edge crossings computed so far: the work of the rows, for tests that bound it.
@@ -80,6 +92,7 @@ private:
     std::vector<Active> m_active;  // the edges crossing the current row
     std::vector<int32_t> m_delta;  // winding changes along the row being filled
     std::vector<uint8_t> m_landed; // 1 where an edge lands on the row being filled
+    std::vector<int64_t> m_cross;  // a row's crossings: column * 2 + (1 when downwards)
     uint64_t m_crossings = 0;
 };
 
