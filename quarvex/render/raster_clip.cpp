@@ -57,6 +57,28 @@ void RasterDevice::Impl::prepareClip(const std::shared_ptr<const ClipRegion>& re
         clip.empty = true;
         return;
     }
+    // Rectangles along the axes (a picture frame, a window, a PCL clip): what passes is a column
+    // range on a row range, found as for a rectangle fill, with no mask to render and scan.
+    IRect passes = box;
+    bool rectangles = true;
+    for (const ClipRegion::Entry& e : region->entries) {
+        IRect cover;
+        if (!rectCover(e.path, box, cover)) {
+            rectangles = false;
+            break;
+        }
+        passes = intersect(passes, cover);
+    }
+    if (rectangles) {
+        if (passes.empty()) {
+            clip.empty = true;
+            return;
+        }
+        clip.bound = clip.box = passes;
+        clip.rect = true;
+        return;
+    }
+
     clip.box = box;
     clip.stride = size_t(box.width() + 7) / 8;
     clip.bits.assign(clip.stride * size_t(box.height()), 0);

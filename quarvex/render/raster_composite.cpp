@@ -431,6 +431,14 @@ void RasterDevice::Impl::compositeBits(int y, int x0, int n, const uint8_t* s, c
 void RasterDevice::Impl::compositeCoverage(int y, int x0, const uint8_t* cov, int n, uint8_t* clear) {
     int k = 0;
     while (k < n) {
+        // Most of a band is empty: skipped 32 bytes a time, then 8.
+        while (k + 32 <= n) {
+            uint64_t v[4];
+            std::memcpy(v, cov + k, 32);
+            if (v[0] | v[1] | v[2] | v[3])
+                break;
+            k += 32;
+        }
         while (k + 8 <= n) {
             uint64_t v;
             std::memcpy(&v, cov + k, 8);
