@@ -5,6 +5,10 @@
 #include <cmath>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace qx::raster {
 
 namespace {
@@ -96,23 +100,63 @@ ScanConverter::ScanConverter(const std::vector<std::vector<Point>>& polylines, F
     restart(m_edges.front().first);
 }
 
+void ScanConverter::ActiveEdges::clear() { resize(0); }
+
+void ScanConverter::ActiveEdges::resize(size_t n) {
+    for (auto* v : {&xq, &xr, &dq, &dr, &dy, &end, &dir})
+        v->resize(n);
+}
+
+void ScanConverter::ActiveEdges::copy(size_t from, size_t to) {
+    for (auto* v : {&xq, &xr, &dq, &dr, &dy, &end, &dir})
+        (*v)[to] = (*v)[from];
+}
+
+void ScanConverter::ActiveEdges::stepAll() {
+    int32_t* q = xq.data();
+    int32_t* r = xr.data();
+    const int32_t* sq = dq.data();
+    const int32_t* sr = dr.data();
+    const int32_t* h = dy.data();
+    const size_t n = xq.size();
+    size_t i = 0;
+#if defined(__SSE2__)
+    // Four edges at a time (SSE2 is part of every x86-64).
+    const __m128i minusOne = _mm_set1_epi32(-1);
+    for (; i + 4 <= n; i += 4) {
+        __m128i vq = _mm_loadu_si128(reinterpret_cast<const __m128i*>(q + i));
+        __m128i rem = _mm_add_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(r + i)),
+                                    _mm_loadu_si128(reinterpret_cast<const __m128i*>(sr + i)));
+        const __m128i carry = _mm_cmpgt_epi32(rem, minusOne);
+        vq = _mm_sub_epi32(_mm_add_epi32(vq, _mm_loadu_si128(reinterpret_cast<const __m128i*>(sq + i))), carry);
+        rem = _mm_sub_epi32(rem, _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(h + i)), carry));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(q + i), vq);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(r + i), rem);
+    }
+#endif
+    for (; i < n; ++i) {
+        const int32_t rem = r[i] + sr[i];
+        const int32_t carry = ~(rem >> 31); // all ones when the remainder reached zero
+        q[i] = q[i] + sq[i] - carry;
+        r[i] = rem - (h[i] & carry);
+    }
+}
+
 // Adds an edge to the active list with its crossing at the given row.
 void ScanConverter::activate(const Edge& e, int64_t row) {
     const int64_t dx = int64_t(e.x2) - e.x1, dy = int64_t(e.y2) - e.y1;
     int64_t q, r;
     // cairo evaluates the edge 127/256 of a pixel below the top of the row.
     floorDiv((row * 256 + 127 - e.y1) * dx, dy, q, r);
-    Active a;
-    a.xq = static_cast<int32_t>(e.x1 + q);
-    a.xr = static_cast<int32_t>(r - dy);
+    m_active.xq.push_back(static_cast<int32_t>(e.x1 + q));
+    m_active.xr.push_back(static_cast<int32_t>(r - dy));
     floorDiv(dx * 256, dy, q, r);
     // An edge too flat to reach a second row never steps: its step only has to stay in range.
-    a.dq = static_cast<int32_t>(std::clamp<int64_t>(q, -(int64_t(1) << 30), int64_t(1) << 30));
-    a.dr = static_cast<int32_t>(r);
-    a.dy = static_cast<int32_t>(dy);
-    a.end = e.end;
-    a.dir = e.dir;
-    m_active.push_back(a);
+    m_active.dq.push_back(static_cast<int32_t>(std::clamp<int64_t>(q, -(int64_t(1) << 30), int64_t(1) << 30)));
+    m_active.dr.push_back(static_cast<int32_t>(r));
+    m_active.dy.push_back(static_cast<int32_t>(dy));
+    m_active.end.push_back(e.end);
+    m_active.dir.push_back(e.dir);
 }
 
 void ScanConverter::restart(int64_t row) {
@@ -199,44 +243,48 @@ void ScanConverter::spans(int x0, int y0, int w, int h, const SpanFn& span) {
             continue;
         }
         // Few crossings for the width: sorted, and the stretches found between them. Many:
-        // each crossing adds its direction to the winding change where it lands, and a running
-        // sum along the row gives every pixel's winding without sorting.
+        // each crossing adds to the cell of the column it lands on, and a running sum along
+        // the row gives every pixel's winding without sorting. A cell holds the crossings that
+        // landed in its upper half and the sum of their directions in its lower half; cell 0
+        // gathers those left of the columns, the last those beyond the one just right of them.
         const bool dense = m_active.size() * 8 >= n;
         if (dense && !denseReady) {
-            // One cell more than the columns: an edge landing just right of them closes a gap.
-            m_delta.assign(n + 1, 0);
-            m_landed.assign(n + 1, 0);
+            m_cells.assign(n + 3, 0);
             denseReady = true;
         }
         m_cross.clear();
-        int32_t left = 0; // crossings left of the columns only add to the starting winding
-        size_t keep = 0;
-        const size_t count = m_active.size();
-        for (size_t i = 0; i < count; ++i) {
-            Active e = m_active[i];
-            if (e.end <= row)
-                continue; // ended: the others move up over it
-            const int64_t c = roundFixed(e.xq);
-            e.xq += e.dq;
-            e.xr += e.dr;
-            const int32_t carry = ~(e.xr >> 31); // all ones when the remainder reached zero
-            e.xq -= carry;
-            e.xr -= e.dy & carry;
-            m_active[keep++] = e;
-            if (!dense) {
-                m_cross.push_back(c * 2 + (e.dir > 0));
-                continue;
+        // Ended edges leave the list by taking the last one's place: the order does not matter.
+        // The crossings are taken first, then every edge steps to the next row at once.
+        ActiveEdges& act = m_active;
+        size_t count = act.size();
+        const int32_t* ends = act.end.data();
+        const int32_t* xs = act.xq.data();
+        const int32_t* dirs = act.dir.data();
+        if (dense) {
+            const int64_t last = static_cast<int64_t>(n) + 2;
+            int64_t* cells = m_cells.data();
+            for (size_t i = 0; i < count;) {
+                if (ends[i] <= row) {
+                    act.copy(--count, i);
+                    continue;
+                }
+                const int64_t at = std::clamp<int64_t>(roundFixed(xs[i]) - lo + 1, 0, last);
+                cells[at] += (int64_t(1) << 32) + dirs[i];
+                ++i;
             }
-            const int64_t at = c - lo;
-            if (at < 0) {
-                left += e.dir;
-            } else if (at <= static_cast<int64_t>(n)) {
-                m_delta[static_cast<size_t>(at)] += e.dir;
-                m_landed[static_cast<size_t>(at)] = 1;
+        } else {
+            for (size_t i = 0; i < count;) {
+                if (ends[i] <= row) {
+                    act.copy(--count, i);
+                    continue;
+                }
+                m_cross.push_back(roundFixed(xs[i]) * 2 + (dirs[i] > 0));
+                ++i;
             }
         }
-        m_active.resize(keep);
-        m_crossings += keep;
+        act.resize(count);
+        act.stepAll();
+        m_crossings += count;
         m_row = row + 1;
         if (!dense) {
             // cairo's walk along the sorted crossings: a stretch opens at the first crossing
@@ -259,26 +307,28 @@ void ScanConverter::spans(int x0, int y0, int w, int h, const SpanFn& span) {
             }
             continue;
         }
-        int32_t winding = left;
+        int64_t* cells = m_cells.data();
+        int32_t winding = static_cast<int32_t>(cells[0]);
+        cells[0] = 0;
         int64_t start = -1;
-        for (size_t x = 0; x < n; ++x) {
-            winding += m_delta[x];
+        for (size_t x = 1; x <= n; ++x) {
+            const int64_t cell = cells[x];
+            winding += static_cast<int32_t>(cell);
             // Inside, or outside between two landings side by side (cairo closes that gap).
-            const bool covered = (winding & mask) != 0 || (m_landed[x] & m_landed[x + 1]) != 0;
-            m_delta[x] = 0;
-            m_landed[x] = 0;
+            const bool covered = (winding & mask) != 0 || (cell != 0 && cells[x + 1] != 0);
+            cells[x] = 0;
             if (covered) {
                 if (start < 0)
-                    start = static_cast<int64_t>(x);
+                    start = static_cast<int64_t>(x) - 1;
             } else if (start >= 0) {
-                emit(row, lo + start, lo + static_cast<int64_t>(x));
+                emit(row, lo + start, lo + static_cast<int64_t>(x) - 1);
                 start = -1;
             }
         }
         if (start >= 0)
             emit(row, lo + start, hi);
-        m_delta[n] = 0;
-        m_landed[n] = 0;
+        cells[n + 1] = 0;
+        cells[n + 2] = 0;
     }
 }
 

@@ -65,14 +65,18 @@ private:
         int32_t first, end;     // the rows it takes part in: [first, end)
         int32_t dir;            // +1 downwards, -1 upwards
     };
-    // An edge taking part in the current row: its crossing x (fixed point) as quotient and
-    // remainder, stepped a row at a time exactly.
-    struct Active {
-        int32_t xq, xr; // x = xq + (xr + dy) / dy, with -dy <= xr < 0
-        int32_t dq, dr; // the step per row: 256 dx / dy as quotient and remainder
-        int32_t dy;
-        int32_t end;
-        int32_t dir;
+    // The edges taking part in the current row, a field an array so that the stepping of a
+    // whole row vectorises: crossing x (fixed point) as quotient and remainder,
+    // x = xq + (xr + dy) / dy with -dy <= xr < 0, stepped a row at a time exactly by the
+    // quotient and remainder of 256 dx / dy; the row it ends before; its direction.
+    struct ActiveEdges {
+        std::vector<int32_t> xq, xr, dq, dr, dy, end, dir;
+        size_t size() const { return xq.size(); }
+        bool empty() const { return xq.empty(); }
+        void clear();
+        void resize(size_t n);
+        void copy(size_t from, size_t to); // edge from takes the place of edge to
+        void stepAll();
     };
 
     void restart(int64_t row);
@@ -89,9 +93,8 @@ private:
     std::vector<Edge> m_edges;     // sorted by first row
     size_t m_next = 0;             // the next edge to become active
     int64_t m_row = 0;             // the row the active list is for
-    std::vector<Active> m_active;  // the edges crossing the current row
-    std::vector<int32_t> m_delta;  // winding changes along the row being filled
-    std::vector<uint8_t> m_landed; // 1 where an edge lands on the row being filled
+    ActiveEdges m_active;          // the edges crossing the current row
+    std::vector<int64_t> m_cells;  // per column of the row being filled: landings, winding change
     std::vector<int64_t> m_cross;  // a row's crossings: column * 2 + (1 when downwards)
     uint64_t m_crossings = 0;
 };
