@@ -114,6 +114,21 @@ std::string zigzagPolygon(int points) {
     return s + "PM2;FP;";
 }
 
+// Runs a PCL job through a rasterising device at its default resolution and the given depth.
+struct Rasterised {
+    int pages = 0;
+    RasterStats stats;
+};
+Rasterised rasteriseJob(const std::string& job, PageSink& sink, int depth) {
+    RasterOptions options;
+    options.depth = depth;
+    RasterDevice dev(options, sink);
+    Diagnostics diag("job", false);
+    JobContext ctx{dev, diag, &fonts(), {}};
+    pcl5::run(reinterpret_cast<const uint8_t*>(job.data()), job.size(), ctx);
+    return {dev.pagesWritten(), dev.stats()};
+}
+
 } // namespace
 
 TEST(Hpgl2Bounded, TransparentDataLabelPrintsEveryCodeUpToItsTerminator) {
@@ -242,14 +257,8 @@ TEST(Hpgl2Bounded, TwoHundredThousandPointFillReachesThePage) {
             return true;
         }
     } sink;
-    RasterOptions options;
-    options.depth = 8;
-    RasterDevice dev(options, sink);
-    Diagnostics diag("job", false);
-    JobContext ctx{dev, diag, &fonts(), {}};
     const std::string job = "\x1b" "E\x1b%0B" + zigzagPolygon(200000) + "\x1b%0A\x1b" "E";
-    pcl5::run(reinterpret_cast<const uint8_t*>(job.data()), job.size(), ctx);
-    EXPECT_EQ(dev.pagesWritten(), 1);
+    EXPECT_EQ(rasteriseJob(job, sink, 8).pages, 1);
     EXPECT_GT(sink.ink, 100000u);
 }
 
@@ -274,14 +283,9 @@ TEST(Hpgl2Bounded, SelfIntersectingFillCostsItsRowCrossings) {
     struct Sink : PageSink {
         bool writePage(const RasterPage&) override { return true; }
     } sink;
-    RasterOptions options;
-    options.depth = 1;
-    RasterDevice dev(options, sink);
-    Diagnostics diag("job", false);
-    JobContext ctx{dev, diag, &fonts(), {}};
-    pcl5::run(reinterpret_cast<const uint8_t*>(job.data()), job.size(), ctx);
-    EXPECT_EQ(dev.pagesWritten(), 1);
-    EXPECT_EQ(dev.stats().scanFills, 1u);
+    const Rasterised done = rasteriseJob(job, sink, 1);
+    EXPECT_EQ(done.pages, 1);
+    EXPECT_EQ(done.stats.scanFills, 1u);
     // Rows each edge spans (plotter units to 300 dpi rows: 1016 units an inch), plus one each,
     // and the closing edge across the whole height.
     uint64_t spans = 0;
@@ -289,7 +293,7 @@ TEST(Hpgl2Bounded, SelfIntersectingFillCostsItsRowCrossings) {
         const int dy = std::abs(pts[size_t(i)].second - pts[size_t((i + 1) % n)].second);
         spans += uint64_t(dy * 300 / 1016 + 2);
     }
-    EXPECT_GT(dev.stats().scanCrossings, uint64_t(n) / 2); // it did the work
-    EXPECT_LE(dev.stats().scanCrossings, spans);
+    EXPECT_GT(done.stats.scanCrossings, uint64_t(n) / 2); // it did the work
+    EXPECT_LE(done.stats.scanCrossings, spans);
     EXPECT_LT(spans, uint64_t(n) * 60); // against about n x 2700 rows for the square
 }
