@@ -359,9 +359,8 @@ void RasterDevice::Impl::compositeBits(int y, int x0, int n, const uint8_t* s, c
         put(k1, edge(k1));
         // The whole bytes between: the two-byte pattern, eight bytes at a time.
         int k = k0 + 1;
-        uint8_t eight[8];
-        for (int i = 0; i < 8; ++i)
-            eight[i] = cb[(k + i) & 1];
+        const uint8_t a = cb[k & 1], b = cb[(k + 1) & 1];
+        const uint8_t eight[8] = {a, b, a, b, a, b, a, b};
         for (; k + 8 <= k1; k += 8)
             std::memcpy(D + k, eight, 8);
         for (; k < k1; ++k)

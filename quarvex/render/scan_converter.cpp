@@ -282,7 +282,8 @@ void ScanConverter::spans(int x0, int y0, int w, int h, const SpanFn& span) {
                 ++i;
             }
         }
-        act.resize(count);
+        if (count != act.size())
+            act.resize(count);
         act.stepAll();
         m_crossings += count;
         m_row = row + 1;
