@@ -11,7 +11,8 @@
 #   - 600-dpi black-and-white PCL XL from lj5mono: the ls man page;
 #   - 300-dpi PCL 5 colour raster from cljet5c: a colour picture (Ghostscript's tiger.eps where
 #     installed, else groff's penguin example; Debian ships neither of Ghostscript's);
-#   - one 300-dpi HP-GL/2 page of 3000 grey-filled polygons, halftoned to black and white;
+#   - one 300-dpi HP-GL/2 page of 3000 grey-filled polygons, halftoned to black and white, and
+#     one HP-GL/2 polygon of 50,000 random points (hpgl2_big_polygon.py) at 24-bit Deflate;
 #   - 600-dpi 24-bit Deflate pages: the gzip man page and the colour picture through pxlcolor;
 #   - 100 empty PCL XL pages and 200 page-sized pattern fills at 24-bit Deflate, and 2000
 #     page-sized PCL 5 rectangle fills.
@@ -57,6 +58,9 @@ if example drawing "$EX/colorcir.ps" "$GROFFEX/hdtbl/rainbow.ps.gz"; then
 fi
 /usr/bin/python3 "$HERE/hpgl2_polygons.py" "$OUT/polygons_hpgl2_300.pcl" 3000
 job polygons_hpgl2_300.pcl 300 1 7 "HP-GL/2 3000 grey polygons"
+# 50,000 points: engines whose fill grows with the square of the sides take seconds on it.
+/usr/bin/python3 "$HERE/hpgl2_big_polygon.py" "$OUT/big_polygon_hpgl2_300.pcl" 50000
+job big_polygon_hpgl2_300.pcl 300 24 6 "HP-GL/2 polygon of 50,000 random points"
 if example picture "$EX/tiger.eps" "$GROFFEX/mom/penguin.ps.gz"; then
     "${GS[@]}" -sDEVICE=cljet5c -r300 -sOutputFile="$OUT/picture_cljet5c_300.pcl" "$OUT/picture.ps"
     job picture_cljet5c_300.pcl 300 24 1 "cljet5c 300 colour picture"

@@ -57,6 +57,28 @@ void RasterDevice::Impl::prepareClip(const std::shared_ptr<const ClipRegion>& re
         clip.empty = true;
         return;
     }
+    // Rectangles along the axes (a picture frame, a window, a PCL clip): what passes is a column
+    // range on a row range, found as for a rectangle fill, with no mask to render and scan.
+    IRect passes = box;
+    bool rectangles = true;
+    for (const ClipRegion::Entry& e : region->entries) {
+        IRect cover;
+        if (!rectCover(e.path, box, cover)) {
+            rectangles = false;
+            break;
+        }
+        passes = intersect(passes, cover);
+    }
+    if (rectangles) {
+        if (passes.empty()) {
+            clip.empty = true;
+            return;
+        }
+        clip.bound = clip.box = passes;
+        clip.rect = true;
+        return;
+    }
+
     clip.box = box;
     clip.stride = size_t(box.width() + 7) / 8;
     clip.bits.assign(clip.stride * size_t(box.height()), 0);
@@ -71,7 +93,7 @@ void RasterDevice::Impl::prepareClip(const std::shared_ptr<const ClipRegion>& re
         band2.resize(size_t(bstride) * rows);
     std::vector<std::unique_ptr<raster::ScanConverter>> scans;
     for (const ClipRegion::Entry& e : region->entries)
-        scans.push_back(scanConverterFor(e.path, e.rule));
+        scans.push_back(scanConverterFor(e.path, e.rule, box.x0, box.x1));
     for (int sx = box.x0; sx < box.x1; sx += kMaxSliceWidth) {
         const int w = std::min(kMaxSliceWidth, box.x1 - sx);
         const size_t byteOffset = size_t(sx - box.x0) / 8; // slices start on whole bytes

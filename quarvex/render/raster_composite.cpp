@@ -366,9 +366,8 @@ void RasterDevice::Impl::compositeBits(int y, int x0, int n, const uint8_t* s, c
         put(k1, edge(k1));
         // The whole bytes between: the two-byte pattern, eight bytes at a time.
         int k = k0 + 1;
-        uint8_t eight[8];
-        for (int i = 0; i < 8; ++i)
-            eight[i] = cb[(k + i) & 1];
+        const uint8_t a = cb[k & 1], b = cb[(k + 1) & 1];
+        const uint8_t eight[8] = {a, b, a, b, a, b, a, b};
         for (; k + 8 <= k1; k += 8)
             std::memcpy(D + k, eight, 8);
         for (; k < k1; ++k)
@@ -438,6 +437,14 @@ void RasterDevice::Impl::compositeBits(int y, int x0, int n, const uint8_t* s, c
 void RasterDevice::Impl::compositeCoverage(int y, int x0, const uint8_t* cov, int n, uint8_t* clear) {
     int k = 0;
     while (k < n) {
+        // Most of a band is empty: skipped 32 bytes a time, then 8.
+        while (k + 32 <= n) {
+            uint64_t v[4];
+            std::memcpy(v, cov + k, 32);
+            if (v[0] | v[1] | v[2] | v[3])
+                break;
+            k += 32;
+        }
         while (k + 8 <= n) {
             uint64_t v;
             std::memcpy(&v, cov + k, 8);

@@ -273,10 +273,8 @@ void RasterDevice::fillPath(const Path& path, FillRule rule, const Paint& paint,
                            [&](int a, int b) { d->composite(y, a, b - a, nullptr, nullptr); });
         return;
     }
-    if (auto scan = d->scanConverterFor(path, rule)) {
-        d->rasterise(box, [&](uint8_t* data, int bstride, int x0, int y0, int w, int h) {
-            scan->fill(data, bstride, x0, y0, w, h);
-        });
+    if (auto scan = d->scanConverterFor(path, rule, box.x0, box.x1)) {
+        d->scanFill(*scan, box);
         return;
     }
     d->rasterise(box, [&](uint8_t* data, int bstride, int x0, int y0, int w, int h) {

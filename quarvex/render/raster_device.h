@@ -52,6 +52,8 @@ public:
 struct RasterStats {
     uint64_t bandPixels = 0;    // pixels of coverage rendered by cairo, band by band
     uint64_t rectangles = 0;    // fills of rectangles drawn row by row without coverage bands
+    uint64_t scanFills = 0;     // fills drawn stretch by stretch by the scan converter
+    uint64_t scanCrossings = 0; // edge crossings of rows the scan converter computed for them
     uint64_t pixelsBlended = 0; // pixels of pictures composited one by one with their source
     uint64_t rectProbes = 0;    // rectangles whose pixels were found by asking cairo
     uint64_t rectPixels = 0;    // pixels of rectangle fills drawn (not those put off and hidden)

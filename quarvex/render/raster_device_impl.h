@@ -75,7 +75,7 @@ constexpr double kCairoLimitPx = 4.0e6;
 
 // The budget of one coverage band.
 constexpr size_t kBandBytes = size_t(1) << 20;
-// Paths of at least this many points are filled by the scan converter rather than by cairo.
+// Paths of at least this many points are filled by the scan converter whatever their shape.
 constexpr size_t kScanConvertFrom = 512;
 
 // Coverage is rendered in slices at most this wide (cairo's image surfaces stop at 32767
@@ -389,6 +389,20 @@ struct RasterDevice::Impl {
     // Draws the covered pixels (cov[k] != 0 covers x0 + k) of row y, with S black.
     void compositeCoverage(int y, int x0, const uint8_t* cov, int n, uint8_t* clear = nullptr);
 
+    // The bands coverage is rendered in over box: f(x0, y0, w, h, stride) for each, in slices no
+    // wider than a cairo surface and no more rows than the band budget holds.
+    template <class F>
+    void forBands(const IRect& box, F&& f) const {
+        const int sliceW = std::min(box.width(), kMaxSliceWidth);
+        const int bstride = cairo_format_stride_for_width(CAIRO_FORMAT_A8, sliceW);
+        const int rows = std::max(1, std::min(box.height(), int(kBandBytes / size_t(bstride))));
+        for (int sx = box.x0; sx < box.x1; sx += kMaxSliceWidth) {
+            const int w = std::min(kMaxSliceWidth, box.x1 - sx);
+            for (int by = box.y0; by < box.y1; by += rows)
+                f(sx, by, w, std::min(rows, box.y1 - by), bstride);
+        }
+    }
+
     // Renders coverage band by band over box (already within the page and the clip) with
     // fillBand(data, stride, x0, y0, w, h) and draws it.
     template <class FillBand>
@@ -402,18 +416,27 @@ struct RasterDevice::Impl {
             std::fill(band.begin(), band.end(), 0);
         band.resize(std::max(band.size(), size_t(bstride) * rows), 0);
         bandClean = true;
-        for (int sx = box.x0; sx < box.x1; sx += kMaxSliceWidth) {
-            const int w = std::min(kMaxSliceWidth, box.x1 - sx);
-            for (int by = box.y0; by < box.y1; by += rows) {
-                const int bh = std::min(rows, box.y1 - by);
-                stats.bandPixels += uint64_t(w) * uint64_t(bh);
-                fillBand(band.data(), bstride, sx, by, w, bh);
-                for (int r = 0; r < bh; ++r) {
-                    uint8_t* cov = band.data() + size_t(r) * bstride;
-                    compositeCoverage(by + r, sx, cov, w, cov);
-                }
+        forBands(box, [&](int sx, int by, int w, int bh, int) {
+            stats.bandPixels += uint64_t(w) * uint64_t(bh);
+            fillBand(band.data(), bstride, sx, by, w, bh);
+            for (int r = 0; r < bh; ++r) {
+                uint8_t* cov = band.data() + size_t(r) * bstride;
+                compositeCoverage(by + r, sx, cov, w, cov);
             }
-        }
+        });
+    }
+
+    // Draws the stretches the scan converter finds over box, band by band as cairo would have
+    // been given them (the bands decide how cairo clips the polygon, so they decide pixels),
+    // each stretch straight onto the page through the clip: no coverage band.
+    void scanFill(raster::ScanConverter& scan, const IRect& box) {
+        forBands(box, [&](int sx, int by, int w, int bh, int) {
+            scan.spans(sx, by, w, bh, [&](int y, int a, int b) {
+                clippedRuns(y, a, b, [&](int u, int v) { composite(y, u, v - u, nullptr, nullptr); });
+            });
+        });
+        ++stats.scanFills;
+        stats.scanCrossings += scan.crossings();
     }
 
     // ---- rectangles -------------------------------------------------------------------------
@@ -435,16 +458,30 @@ struct RasterDevice::Impl {
         IRect cover;
     } rectMemo;
 
-    // Paths of many edges are filled by the active-edge scan converter: cairo's fill of a
-    // self-intersecting path grows with the square of its edges. Small paths keep cairo's.
-    std::unique_ptr<raster::ScanConverter> scanConverterFor(const Path& path, FillRule rule) const {
-        if (path.points().size() < kScanConvertFrom)
+    // Fills of straight-edged paths go through the active-edge scan converter, which gives
+    // the pixels cairo gives in time that grows with the edges and their rows, where cairo's
+    // own fill of a self-intersecting path grows with the square of its edges and costs a
+    // surface and a context per band. Paths it cannot match pixel for pixel stay with cairo:
+    // curves (flattened differently), edges all horizontal or vertical (cairo fills them as
+    // boxes), points beyond its fixed-point range or outside the columns [x0, x1) the bands
+    // cover. Paths of many points go through it whatever they are, to bound the work.
+    std::unique_ptr<raster::ScanConverter> scanConverterFor(const Path& path, FillRule rule, int x0,
+                                                            int x1) const {
+        const bool many = path.points().size() >= kScanConvertFrom;
+        const bool curves =
+            std::find(path.ops().begin(), path.ops().end(), Path::Op::Curve) != path.ops().end();
+        if (curves && !many)
             return nullptr;
         auto lines = flatten(path);
+        // Scaled as cairo scales them: page to device is a scale along each axis.
         for (auto& line : lines)
             for (Point& p : line)
-                p = ptd.apply(p);
-        return std::make_unique<raster::ScanConverter>(lines, rule);
+                p = {p.x * geo.scaleX, p.y * geo.scaleY};
+        auto scan = std::make_unique<raster::ScanConverter>(lines, rule);
+        if (!many && (!scan->exact() || scan->rectilinear() || x1 - x0 > kMaxSliceWidth ||
+                      !scan->fitsAcross(x0, x1)))
+            return nullptr;
+        return scan;
     }
 
     // ---- one-pixel lines --------------------------------------------------------------------

@@ -1,17 +1,45 @@
 #include "render/scan_converter.h"
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstring>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace qx::raster {
 
 namespace {
 
-// Rows and columns are kept within a range no page reaches, so that nothing overflows.
-constexpr double kLimit = 1e9;
+// Coordinates are kept within this many pixels either side of the origin, so that every
+// fixed-point value and every step of an edge fits 32 bits with room to spare.
+constexpr double kLimitPx = 1 << 20;
 
-double clampCoord(double v) { return std::clamp(v, -kLimit, kLimit); }
+int32_t toFixed(double v, bool& exact) {
+    if (!(std::fabs(v) <= kLimitPx)) {
+        exact = false;
+        v = std::isnan(v) ? 0.0 : std::clamp(v, -kLimitPx, kLimitPx);
+    }
+    // Rounded to the nearest 1/256, ties to even, as cairo rounds.
+    return static_cast<int32_t>(std::nearbyint(v * 256.0));
+}
+
+// The pixel row or column a fixed-point coordinate rounds to (halves round down).
+inline int64_t roundFixed(int64_t v) { return (v + 127) >> 8; }
+inline int64_t floorFixed(int64_t v) { return v >> 8; }
+inline int64_t ceilFixed(int64_t v) { return -((-v) >> 8); }
+
+// Floored division and its remainder (0 <= rem < d) for d > 0.
+inline void floorDiv(int64_t n, int64_t d, int64_t& quo, int64_t& rem) {
+    quo = n / d;
+    rem = n % d;
+    if (rem < 0) {
+        --quo;
+        rem += d;
+    }
+}
 
 } // namespace
 
@@ -21,42 +49,114 @@ ScanConverter::ScanConverter(const std::vector<std::vector<Point>>& polylines, F
     for (const auto& line : polylines)
         total += line.size();
     m_edges.reserve(total);
+    int32_t minX = INT32_MAX, minY = INT32_MAX, maxX = INT32_MIN, maxY = INT32_MIN;
+    std::vector<int32_t> fx, fy;
     for (const auto& line : polylines) {
         const size_t n = line.size();
         if (n < 2)
             continue;
+        fx.resize(n);
+        fy.resize(n);
         for (size_t i = 0; i < n; ++i) {
-            Point a = line[i], b = line[(i + 1) % n];
-            if (!std::isfinite(a.x) || !std::isfinite(a.y) || !std::isfinite(b.x) || !std::isfinite(b.y))
+            fx[i] = toFixed(line[i].x, m_exact);
+            fy[i] = toFixed(line[i].y, m_exact);
+            minX = std::min(minX, fx[i]);
+            maxX = std::max(maxX, fx[i]);
+            minY = std::min(minY, fy[i]);
+            maxY = std::max(maxY, fy[i]);
+        }
+        for (size_t i = 0; i < n; ++i) {
+            const size_t j = i + 1 < n ? i + 1 : 0;
+            int32_t x1 = fx[i], y1 = fy[i], x2 = fx[j], y2 = fy[j];
+            if (x1 != x2 && y1 != y2)
+                m_rectilinear = false;
+            if (y1 == y2)
                 continue;
-            a = {clampCoord(a.x), clampCoord(a.y)};
-            b = {clampCoord(b.x), clampCoord(b.y)};
-            if (a.y == b.y)
-                continue;
-            int dir = 1;
-            if (a.y > b.y) {
-                std::swap(a, b);
+            int32_t dir = 1;
+            if (y1 > y2) {
+                std::swap(x1, x2);
+                std::swap(y1, y2);
                 dir = -1;
             }
-            // The rows whose centres lie in [a.y, b.y).
-            const double first = std::ceil(a.y - 0.5), end = std::ceil(b.y - 0.5);
-            if (first >= end)
-                continue;
-            const double dxdy = (b.x - a.x) / (b.y - a.y);
-            m_edges.push_back({a.x + (first + 0.5 - a.y) * dxdy, dxdy, static_cast<int64_t>(first),
-                               static_cast<int64_t>(end), dir});
+            m_edges.push_back({x1, y1, x2, y2, static_cast<int32_t>(roundFixed(y1)),
+                               static_cast<int32_t>(roundFixed(y2)), dir});
         }
+    }
+    if (m_edges.empty())
+        return;
+    m_minX = minX;
+    m_minY = minY;
+    m_maxX = maxX;
+    m_maxY = maxY;
+    // The extent of the edges' ends: cairo's polygon extent when the band holds the whole path.
+    m_edgeMinX = INT32_MAX;
+    m_edgeMaxX = INT32_MIN;
+    for (const Edge& e : m_edges) {
+        m_edgeMinX = std::min({m_edgeMinX, e.x1, e.x2});
+        m_edgeMaxX = std::max({m_edgeMaxX, e.x1, e.x2});
     }
     std::stable_sort(m_edges.begin(), m_edges.end(),
                      [](const Edge& l, const Edge& r) { return l.first < r.first; });
-    restart(m_edges.empty() ? 0 : m_edges.front().first);
+    restart(m_edges.front().first);
 }
 
-// Adds an edge to the active list with its x at the centre of the given row.
+void ScanConverter::ActiveEdges::clear() { resize(0); }
+
+void ScanConverter::ActiveEdges::resize(size_t n) {
+    for (auto* v : {&xq, &xr, &dq, &dr, &dy, &end, &dir})
+        v->resize(n);
+}
+
+void ScanConverter::ActiveEdges::copy(size_t from, size_t to) {
+    for (auto* v : {&xq, &xr, &dq, &dr, &dy, &end, &dir})
+        (*v)[to] = (*v)[from];
+}
+
+void ScanConverter::ActiveEdges::stepAll() {
+    int32_t* q = xq.data();
+    int32_t* r = xr.data();
+    const int32_t* sq = dq.data();
+    const int32_t* sr = dr.data();
+    const int32_t* h = dy.data();
+    const size_t n = xq.size();
+    size_t i = 0;
+#if defined(__SSE2__)
+    // Four edges at a time (SSE2 is part of every x86-64).
+    const __m128i minusOne = _mm_set1_epi32(-1);
+    for (; i + 4 <= n; i += 4) {
+        __m128i vq = _mm_loadu_si128(reinterpret_cast<const __m128i*>(q + i));
+        __m128i rem = _mm_add_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(r + i)),
+                                    _mm_loadu_si128(reinterpret_cast<const __m128i*>(sr + i)));
+        const __m128i carry = _mm_cmpgt_epi32(rem, minusOne);
+        vq = _mm_sub_epi32(_mm_add_epi32(vq, _mm_loadu_si128(reinterpret_cast<const __m128i*>(sq + i))), carry);
+        rem = _mm_sub_epi32(rem, _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(h + i)), carry));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(q + i), vq);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(r + i), rem);
+    }
+#endif
+    for (; i < n; ++i) {
+        const int32_t rem = r[i] + sr[i];
+        const int32_t carry = ~(rem >> 31); // all ones when the remainder reached zero
+        q[i] = q[i] + sq[i] - carry;
+        r[i] = rem - (h[i] & carry);
+    }
+}
+
+// Adds an edge to the active list with its crossing at the given row.
 void ScanConverter::activate(const Edge& e, int64_t row) {
-    Edge a = e;
-    a.x = e.x + static_cast<double>(row - e.first) * e.dxdy;
-    m_active.push_back(a);
+    const int64_t dx = int64_t(e.x2) - e.x1, dy = int64_t(e.y2) - e.y1;
+    int64_t q, r;
+    // cairo evaluates the edge 127/256 of a pixel below the top of the row.
+    floorDiv((row * 256 + 127 - e.y1) * dx, dy, q, r);
+    m_active.xq.push_back(static_cast<int32_t>(e.x1 + q));
+    m_active.xr.push_back(static_cast<int32_t>(r - dy));
+    floorDiv(dx * 256, dy, q, r);
+    // An edge too flat to reach a second row never steps: its step only has to stay in range.
+    m_active.dq.push_back(static_cast<int32_t>(std::clamp<int64_t>(q, -(int64_t(1) << 30), int64_t(1) << 30)));
+    m_active.dr.push_back(static_cast<int32_t>(r));
+    m_active.dy.push_back(static_cast<int32_t>(dy));
+    m_active.end.push_back(e.end);
+    m_active.dir.push_back(e.dir);
 }
 
 void ScanConverter::restart(int64_t row) {
@@ -71,13 +171,66 @@ void ScanConverter::restart(int64_t row) {
     m_row = row;
 }
 
+void ScanConverter::columnRange(int x0, int y0, int w, int h, int64_t& lo, int64_t& hi) const {
+    // cairo clips the polygon to the band when the path's extent, rounded out, does not fit in
+    // it; the polygon's extent then comes from the edges cut at the band's top and bottom.
+    const bool contained = floorFixed(m_minX) >= x0 && ceilFixed(m_maxX) <= int64_t(x0) + w &&
+                           floorFixed(m_minY) >= y0 && ceilFixed(m_maxY) <= int64_t(y0) + h;
+    int64_t ex1 = m_edgeMinX, ex2 = m_edgeMaxX;
+    if (!contained) {
+        const int64_t top = int64_t(y0) * 256, bottom = (int64_t(y0) + h) * 256;
+        ex1 = INT64_MAX;
+        ex2 = INT64_MIN;
+        auto xAt = [](const Edge& e, int64_t y) -> int64_t {
+            if (y == e.y1)
+                return e.x1;
+            if (y == e.y2)
+                return e.x2;
+            // Truncated, as cairo computes the ends of a cut edge.
+            return e.x1 + (y - e.y1) * (int64_t(e.x2) - e.x1) / (int64_t(e.y2) - e.y1);
+        };
+        for (const Edge& e : m_edges) {
+            if (e.y2 <= top || e.y1 >= bottom)
+                continue;
+            const int64_t a = xAt(e, std::max<int64_t>(e.y1, top));
+            const int64_t b = xAt(e, std::min<int64_t>(e.y2, bottom));
+            ex1 = std::min({ex1, a, b});
+            ex2 = std::max({ex2, a, b});
+        }
+        if (ex1 > ex2) {
+            lo = hi = x0;
+            return;
+        }
+    }
+    lo = std::max<int64_t>(x0, floorFixed(ex1));
+    hi = std::min<int64_t>(int64_t(x0) + w, ceilFixed(ex2));
+}
+
 void ScanConverter::fill(uint8_t* data, int stride, int x0, int y0, int w, int h) {
+    spans(x0, y0, w, h, [&](int y, int a, int b) {
+        std::memset(data + static_cast<size_t>(y - y0) * static_cast<size_t>(stride) + (a - x0), 0xFF,
+                    static_cast<size_t>(b - a));
+    });
+}
+
+void ScanConverter::spans(int x0, int y0, int w, int h, const SpanFn& span) {
     if (w <= 0 || h <= 0 || m_edges.empty())
+        return;
+    int64_t lo, hi;
+    columnRange(x0, y0, w, h, lo, hi);
+    if (lo >= hi)
         return;
     if (y0 != m_row)
         restart(y0);
-    const int64_t rightPixel = static_cast<int64_t>(x0) + w;
-    m_delta.assign(static_cast<size_t>(w), 0);
+    const size_t n = static_cast<size_t>(hi - lo);
+    const int32_t mask = m_rule == FillRule::EvenOdd ? 1 : ~0;
+    bool denseReady = false;
+    auto emit = [&](int64_t row, int64_t a, int64_t b) {
+        a = std::max(a, lo);
+        b = std::min(b, hi);
+        if (a < b)
+            span(static_cast<int>(row), static_cast<int>(a), static_cast<int>(b));
+    };
     for (int r = 0; r < h; ++r) {
         const int64_t row = static_cast<int64_t>(y0) + r;
         while (m_next < m_edges.size() && m_edges[m_next].first <= row) {
@@ -85,43 +238,98 @@ void ScanConverter::fill(uint8_t* data, int stride, int x0, int y0, int w, int h
                 activate(m_edges[m_next], row);
             ++m_next;
         }
-        // Each crossing changes the winding of the pixels whose centres lie at or right of it;
-        // a running sum along the row gives every pixel's winding without sorting.
-        // Active edges carry their x at the current row and step it by one row each time.
-        size_t landed = 0, keep = 0;
-        const size_t count = m_active.size();
-        for (size_t i = 0; i < count; ++i) {
-            Edge& e = m_active[i];
-            if (e.end <= row)
-                continue;
-            // The first pixel whose centre lies at or right of the crossing: ceil(x - 0.5),
-            // by integer conversion (x is bounded, so it fits).
-            const double v = e.x - 0.5;
-            e.x += e.dxdy;
-            int64_t at = static_cast<int64_t>(v);
-            at += static_cast<double>(at) < v;
-            if (at < rightPixel) {
-                m_delta[at <= x0 ? 0 : static_cast<size_t>(at - x0)] += e.dir;
-                ++landed;
-            }
-            // Edges that have ended drop out; the others move up over them.
-            if (keep != i)
-                m_active[keep] = e;
-            ++keep;
-        }
-        m_active.resize(keep);
-        m_crossings += m_active.size();
-        m_row = row + 1;
-        if (landed == 0)
+        if (m_active.empty()) {
+            m_row = row + 1;
             continue;
-        uint8_t* out = data + static_cast<size_t>(r) * static_cast<size_t>(stride);
-        int winding = 0;
-        for (int x = 0; x < w; ++x) {
-            winding += m_delta[static_cast<size_t>(x)];
-            m_delta[static_cast<size_t>(x)] = 0;
-            if (m_rule == FillRule::EvenOdd ? (winding & 1) != 0 : winding != 0)
-                out[x] = 0xFF;
         }
+        // Few crossings for the width: sorted, and the stretches found between them. Many:
+        // each crossing adds to the cell of the column it lands on, and a running sum along
+        // the row gives every pixel's winding without sorting. A cell holds the crossings that
+        // landed in its upper half and the sum of their directions in its lower half; cell 0
+        // gathers those left of the columns, the last those beyond the one just right of them.
+        const bool dense = m_active.size() * 8 >= n;
+        if (dense && !denseReady) {
+            m_cells.assign(n + 3, 0);
+            denseReady = true;
+        }
+        m_cross.clear();
+        // Ended edges leave the list by taking the last one's place: the order does not matter.
+        // The crossings are taken first, then every edge steps to the next row at once.
+        ActiveEdges& act = m_active;
+        size_t count = act.size();
+        const int32_t* ends = act.end.data();
+        const int32_t* xs = act.xq.data();
+        const int32_t* dirs = act.dir.data();
+        if (dense) {
+            const int64_t last = static_cast<int64_t>(n) + 2;
+            int64_t* cells = m_cells.data();
+            for (size_t i = 0; i < count;) {
+                if (ends[i] <= row) {
+                    act.copy(--count, i);
+                    continue;
+                }
+                const int64_t at = std::clamp<int64_t>(roundFixed(xs[i]) - lo + 1, 0, last);
+                cells[at] += (int64_t(1) << 32) + dirs[i];
+                ++i;
+            }
+        } else {
+            for (size_t i = 0; i < count;) {
+                if (ends[i] <= row) {
+                    act.copy(--count, i);
+                    continue;
+                }
+                m_cross.push_back(roundFixed(xs[i]) * 2 + (dirs[i] > 0));
+                ++i;
+            }
+        }
+        if (count != act.size())
+            act.resize(count);
+        act.stepAll();
+        m_crossings += count;
+        m_row = row + 1;
+        if (!dense) {
+            // cairo's walk along the sorted crossings: a stretch opens at the first crossing
+            // of a run and closes where the winding is outside and the next crossing lies more
+            // than one column further on.
+            std::sort(m_cross.begin(), m_cross.end());
+            const size_t k = m_cross.size();
+            int64_t start = INT64_MIN;
+            int32_t winding = 0;
+            for (size_t i = 0; i < k;) {
+                const int64_t c = m_cross[i] >> 1;
+                for (; i < k && (m_cross[i] >> 1) == c; ++i)
+                    winding += (m_cross[i] & 1) ? 1 : -1;
+                if (start == INT64_MIN)
+                    start = c;
+                if ((winding & mask) == 0 && (i == k || (m_cross[i] >> 1) > c + 1)) {
+                    emit(row, start, c);
+                    start = INT64_MIN;
+                }
+            }
+            continue;
+        }
+        int64_t* cells = m_cells.data();
+        int32_t winding = static_cast<int32_t>(cells[0]);
+        cells[0] = 0;
+        int64_t start = -1;
+        for (size_t x = 1; x <= n; ++x) {
+            const int64_t cell = cells[x];
+            winding += static_cast<int32_t>(cell);
+            // Inside, or outside between two landings side by side (cairo closes that gap).
+            const bool covered = (winding & mask) != 0 || (cell != 0 && cells[x + 1] != 0);
+            cells[x] = 0;
+            if (covered) {
+                if (start < 0)
+                    start = static_cast<int64_t>(x) - 1;
+            } else if (start >= 0) {
+                emit(row, lo + start, lo + static_cast<int64_t>(x) - 1);
+                start = -1;
+            }
+        }
+        if (start >= 0)
+            emit(row, lo + start, hi);
+        cells[n + 1] = 0;
+        cells[n + 2] = 0;
     }
 }
 

@@ -19,7 +19,10 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <random>
 #include <string>
+#include <utility>
+#include <vector>
 
 using namespace qx;
 using namespace qx::hpgl2;
@@ -109,6 +112,21 @@ std::string zigzagPolygon(int points) {
         s += i + 1 < points ? "," : ";";
     }
     return s + "PM2;FP;";
+}
+
+// Runs a PCL job through a rasterising device at its default resolution and the given depth.
+struct Rasterised {
+    int pages = 0;
+    RasterStats stats;
+};
+Rasterised rasteriseJob(const std::string& job, PageSink& sink, int depth) {
+    RasterOptions options;
+    options.depth = depth;
+    RasterDevice dev(options, sink);
+    Diagnostics diag("job", false);
+    JobContext ctx{dev, diag, &fonts(), {}};
+    pcl5::run(reinterpret_cast<const uint8_t*>(job.data()), job.size(), ctx);
+    return {dev.pagesWritten(), dev.stats()};
 }
 
 } // namespace
@@ -239,13 +257,43 @@ TEST(Hpgl2Bounded, TwoHundredThousandPointFillReachesThePage) {
             return true;
         }
     } sink;
-    RasterOptions options;
-    options.depth = 8;
-    RasterDevice dev(options, sink);
-    Diagnostics diag("job", false);
-    JobContext ctx{dev, diag, &fonts(), {}};
     const std::string job = "\x1b" "E\x1b%0B" + zigzagPolygon(200000) + "\x1b%0A\x1b" "E";
-    pcl5::run(reinterpret_cast<const uint8_t*>(job.data()), job.size(), ctx);
-    EXPECT_EQ(dev.pagesWritten(), 1);
+    EXPECT_EQ(rasteriseJob(job, sink, 8).pages, 1);
     EXPECT_GT(sink.ink, 100000u);
+}
+
+TEST(Hpgl2Bounded, SelfIntersectingFillCostsItsRowCrossings) {
+    // 200,000 points wandering across the page, crossing their own path all the time (a filled
+    // scribble), through the rasterising device at 300 dpi. The scan converter's work is the
+    // crossings of edges with rows: at most the rows each edge spans, summed, where a fill that
+    // grew with the square of the points (every edge tried on every row, or crossings sorted
+    // into place one by one) would be hundreds of times more.
+    std::mt19937 rng(15);
+    std::uniform_int_distribution<int> across(500, 7500), wobble(-60, 60);
+    const int n = 200000;
+    std::vector<std::pair<int, int>> pts;
+    std::string job = "\x1b" "E\x1b%0BIN;SP1;";
+    for (int i = 0; i < n; ++i) {
+        const int x = across(rng), y = 500 + int(int64_t(i) * 9000 / n) + wobble(rng);
+        pts.emplace_back(x, y);
+        job += (i == 0 ? "PU" : "") + std::to_string(x) + "," + std::to_string(y) +
+               (i == 0 ? ";PM0;PD" : (i + 1 < n ? "," : ";PM2;FP;"));
+    }
+    job += "PU;\x1b%0A\x1b" "E";
+    struct Sink : PageSink {
+        bool writePage(const RasterPage&) override { return true; }
+    } sink;
+    const Rasterised done = rasteriseJob(job, sink, 1);
+    EXPECT_EQ(done.pages, 1);
+    EXPECT_EQ(done.stats.scanFills, 1u);
+    // Rows each edge spans (plotter units to 300 dpi rows: 1016 units an inch), plus one each,
+    // and the closing edge across the whole height.
+    uint64_t spans = 0;
+    for (int i = 0; i < n; ++i) {
+        const int dy = std::abs(pts[size_t(i)].second - pts[size_t((i + 1) % n)].second);
+        spans += uint64_t(dy * 300 / 1016 + 2);
+    }
+    EXPECT_GT(done.stats.scanCrossings, uint64_t(n) / 2); // it did the work
+    EXPECT_LE(done.stats.scanCrossings, spans);
+    EXPECT_LT(spans, uint64_t(n) * 60); // against about n x 2700 rows for the square
 }
