@@ -86,6 +86,10 @@ bool ScratchEncoder::begin(const std::function<bool(TIFF*)>& setTags) {
 
 bool ScratchEncoder::encode(const StripLayout& layout, uint32_t strip, const uint8_t* rows,
                             std::vector<uint8_t>& out) {
+    if (layout.ownG4) {
+        m_g4.encodeStrip(rows, layout.width, layout.stride, layout.rowsIn(strip), out);
+        return !out.empty();
+    }
     if (!m_tif)
         return false;
     out.clear();
@@ -177,7 +181,7 @@ bool StripPipeline::encodeInto(ScratchEncoder& enc, bool& begun, uint32_t strip,
             return true;
         }
     }
-    if (!begun) {
+    if (!begun && !layout.ownG4) {
         if (!enc.begin(*m_setTags))
             return false;
         begun = true;

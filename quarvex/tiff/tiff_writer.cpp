@@ -246,6 +246,7 @@ bool TiffWriter::writePage(const RasterPage& page) {
     // Only the horizontal predictor writes into the rows it is given; with 8-bit samples or
     // single bits libtiff swaps no bytes either.
     layout.codecWritesRows = comp == Compression::LzwPredictor;
+    layout.ownG4 = comp == Compression::G4 && bits == 1;
     // Strips of one colour compress alike while everything that shapes them stays the same.
     const uint64_t cacheKey = (uint64_t(static_cast<int>(comp)) << 56) ^ (uint64_t(fax ? 1 : 0) << 52) ^
                               (uint64_t(page.format) << 48) ^ (uint64_t(rowsPerStrip) << 24) ^
