@@ -160,48 +160,53 @@ void G4Encoder::encodeStrip(const uint8_t* rows, int width, size_t stride, uint3
             out.resize(std::max(out.size() * 2, used + bound));
         bw.p = out.data() + used;
 
+        // C[ia] is a1, the next change of this row after a0 (so the colour at a0 is the
+        // parity of ia: the number of changes up to a0); R[ib] is b1, the next change of the
+        // row above after a0 to the other colour (ib of the same parity as ia).
         int32_t a0 = 0;
         size_t ia = 0, ib = 0;
-        int32_t a1 = C[0], b1 = R[0];
         for (;;) {
-            const int32_t b2 = R[ib + 1];
-            if (b2 >= a1) {
-                const int32_t d = b1 - a1;
-                if (d < -3 || d > 3) {
-                    const int32_t a2 = C[ia + 1];
-                    bw.put(kHorizontal);
-                    if ((ia & 1) == 0) {
-                        bw.span(a1 - a0, kWhiteTerm, kWhiteMakeup);
-                        bw.span(a2 - a1, kBlackTerm, kBlackMakeup);
-                    } else {
-                        bw.span(a1 - a0, kBlackTerm, kBlackMakeup);
-                        bw.span(a2 - a1, kWhiteTerm, kWhiteMakeup);
-                    }
-                    a0 = a2;
-                } else {
-                    bw.put(kVertical[d + 3]);
-                    a0 = a1;
-                }
-            } else {
+            const int32_t a1 = C[ia], b1 = R[ib], b2 = R[ib + 1];
+            if (b2 < a1) {
+                // Pass: a0 moves under b2, the colour stays; the row above's next change of
+                // the same kind is two further on.
                 bw.put(kPass);
                 a0 = b2;
+                ib += 2;
+            } else if (const int32_t d = b1 - a1; d >= -3 && d <= 3) {
+                // Vertical: a0 moves to a1 and the colour changes. The change of the row above
+                // before b1 (of the new kind) may still lie right of a1; else look on from b1.
+                bw.put(kVertical[d + 3]);
+                a0 = a1;
+                if (a0 >= width)
+                    break;
+                ++ia;
+                if (ib > 0 && R[ib - 1] > a0) {
+                    --ib;
+                } else {
+                    ++ib;
+                    while (R[ib] <= a0)
+                        ib += 2;
+                }
+                continue;
+            } else {
+                // Horizontal: the runs a0..a1 and a1..a2; a0 moves to a2, the colour stays.
+                const int32_t a2 = C[ia + 1];
+                bw.put(kHorizontal);
+                if ((ia & 1) == 0) {
+                    bw.span(a1 - a0, kWhiteTerm, kWhiteMakeup);
+                    bw.span(a2 - a1, kBlackTerm, kBlackMakeup);
+                } else {
+                    bw.span(a1 - a0, kBlackTerm, kBlackMakeup);
+                    bw.span(a2 - a1, kWhiteTerm, kWhiteMakeup);
+                }
+                a0 = a2;
+                ia += 2;
             }
             if (a0 >= width)
                 break;
-            // a1: the next change of this row after a0; the colour at a0 is the parity of the
-            // changes up to it. b1: the next change of the row above after a0 to the other
-            // colour.
-            while (C[ia] <= a0)
-                ++ia;
-            a1 = C[ia];
-            const size_t colour = ia & 1;
-            while (ib > 0 && R[ib - 1] > a0)
-                --ib;
             while (R[ib] <= a0)
-                ++ib;
-            if ((ib & 1) != colour)
-                ++ib;
-            b1 = R[ib];
+                ib += 2;
         }
         used = size_t(bw.p - out.data());
         m_ref.swap(m_cur);
