@@ -57,21 +57,21 @@ constexpr Code kHorizontal = {0x1, 3};
 constexpr Code kEol = {0x001, 12};
 constexpr int kSentinels = 4;
 
-// Codes packed into bytes first bit highest, through a 64-bit accumulator whose top `fill` bits
-// are pending; whole 32-bit words go out as soon as they are complete.
+// Codes packed into bytes first bit highest, through a 64-bit accumulator whose low `fill`
+// bits are pending (bits above them are stale and never written); whole 32-bit words go out as
+// soon as they are complete.
 struct BitWriter {
     uint8_t* p;
     uint64_t acc = 0;
     int fill = 0;
     void put(Code c) {
-        acc |= uint64_t(c.bits) << (64 - fill - c.length);
+        acc = (acc << c.length) | c.bits;
         fill += c.length;
         if (fill >= 32) {
-            const uint32_t word = __builtin_bswap32(uint32_t(acc >> 32));
+            fill -= 32;
+            const uint32_t word = __builtin_bswap32(uint32_t(acc >> fill));
             std::memcpy(p, &word, 4);
             p += 4;
-            acc <<= 32;
-            fill -= 32;
         }
     }
     // A run of `span` pixels: make-up codes of 2560 while more than 2623 remain (as libtiff
@@ -89,12 +89,12 @@ struct BitWriter {
     }
     // Pads the last byte with zero bits and writes out what is pending.
     void flush() {
+        if (fill % 8)
+            put(Code{0, uint8_t(8 - fill % 8)});
         while (fill > 0) {
-            *p++ = uint8_t(acc >> 56);
-            acc <<= 8;
             fill -= 8;
+            *p++ = uint8_t(acc >> fill);
         }
-        fill = 0;
     }
 };
 
