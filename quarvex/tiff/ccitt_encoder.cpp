@@ -134,8 +134,92 @@ size_t rowChanges(const uint8_t* row, int width, int32_t* changes) {
     return size_t(out - changes);
 }
 
-void G4Encoder::encodeStrip(const uint8_t* rows, int width, size_t stride, uint32_t count,
-                            std::vector<uint8_t>& out) {
+namespace {
+
+// Codes one row two-dimensionally (T.4 2-D / T.6) from its changes C against the row above's R,
+// both ending in sentinels at the width.
+void codeRow2D(BitWriter& bw, const int32_t* C, const int32_t* R, int32_t width) {
+    // C[ia] is a1, the next change of this row after a0 (so the colour at a0 is the
+    // parity of ia: the number of changes up to a0); R[ib] is b1, the next change of the
+    // row above after a0 to the other colour (ib of the same parity as ia).
+    int32_t a0 = 0;
+    size_t ia = 0, ib = 0;
+    for (;;) {
+        const int32_t a1 = C[ia], b1 = R[ib], b2 = R[ib + 1];
+        if (b2 < a1) {
+            // Pass: a0 moves under b2, the colour stays; the row above's next change of
+            // the same kind is two further on.
+            bw.put(kPass);
+            a0 = b2;
+            ib += 2;
+        } else if (const int32_t d = b1 - a1; d >= -3 && d <= 3) {
+            // Vertical: a0 moves to a1 and the colour changes. The change of the row above
+            // before b1 (of the new kind) may still lie right of a1; else look on from b1.
+            bw.put(kVertical[d + 3]);
+            a0 = a1;
+            if (a0 >= width)
+                break;
+            ++ia;
+            if (ib > 0 && R[ib - 1] > a0) {
+                --ib;
+            } else {
+                ++ib;
+                while (R[ib] <= a0)
+                    ib += 2;
+            }
+            continue;
+        } else {
+            // Horizontal: the runs a0..a1 and a1..a2; a0 moves to a2, the colour stays.
+            const int32_t a2 = C[ia + 1];
+            bw.put(kHorizontal);
+            if ((ia & 1) == 0) {
+                bw.span(a1 - a0, kWhiteTerm, kWhiteMakeup);
+                bw.span(a2 - a1, kBlackTerm, kBlackMakeup);
+            } else {
+                bw.span(a1 - a0, kBlackTerm, kBlackMakeup);
+                bw.span(a2 - a1, kWhiteTerm, kWhiteMakeup);
+            }
+            a0 = a2;
+            ia += 2;
+        }
+        if (a0 >= width)
+            break;
+        while (R[ib] <= a0)
+            ib += 2;
+    }
+}
+
+// Codes one row as alternating white and black runs, starting white.
+void codeRow1D(BitWriter& bw, const int32_t* C, int32_t width) {
+    int32_t at = 0;
+    for (size_t i = 0;; i += 2) {
+        bw.span(C[i] - at, kWhiteTerm, kWhiteMakeup);
+        if (C[i] >= width)
+            break;
+        bw.span(C[i + 1] - C[i], kBlackTerm, kBlackMakeup);
+        at = C[i + 1];
+        if (at >= width)
+            break;
+    }
+}
+
+// The EOL that starts each Group 3 row, after zero bits that make a plain EOL end on a byte
+// boundary (libtiff aligns the 13-bit EOL of 2-D coding the same way); with 2-D coding it is
+// followed by a bit that says whether the row is coded in one dimension.
+void putEol(BitWriter& bw, bool twoD, bool oneDRow) {
+    const int free = 8 - bw.fill % 8; // unused bits of the last byte
+    if (free != 4)
+        bw.put(Code{0, uint8_t(free > 4 ? free - 4 : free + 4)});
+    if (twoD)
+        bw.put(Code{uint16_t((kEol.bits << 1) | (oneDRow ? 1 : 0)), uint8_t(kEol.length + 1)});
+    else
+        bw.put(kEol);
+}
+
+} // namespace
+
+void CcittEncoder::encodeStrip(Scheme scheme, int rowsPerGroup, const uint8_t* rows, int width, size_t stride,
+                               uint32_t count, std::vector<uint8_t>& out) {
     const size_t most = size_t(width) + 1 + kSentinels;
     m_ref.resize(most);
     m_cur.resize(most);
@@ -145,79 +229,54 @@ void G4Encoder::encodeStrip(const uint8_t* rows, int width, size_t stride, uint3
     out.clear();
     size_t used = 0;
     BitWriter bw{nullptr};
+    // Group 3 2-D: a row in one dimension, then rowsPerGroup - 1 rows in two, over again.
+    int twoDLeft = 0;
     for (uint32_t r = 0; r < count; ++r) {
         const uint8_t* row = rows + size_t(r) * stride;
         int32_t* C = m_cur.data();
         const size_t ncur = rowChanges(row, width, C);
         std::fill(C + ncur, C + ncur + kSentinels, width);
-        const int32_t* R = m_ref.data();
 
         // Room for the row's codes at their longest: at most one horizontal mode (3 bits and
         // two runs of at most 25 bits plus 12 per 2560 pixels) or vertical mode per change of
-        // this row and a pass code per two changes of the row above; then the strip's end.
-        const size_t bound = ((ncur + 2) * 56 + (nref + 2) * 4 + size_t(width) / 200 + 128) / 8 + 16;
+        // this row and a pass code per two changes of the row above; an EOL; the strip's end.
+        const size_t bound = ((ncur + 2) * 56 + (nref + 2) * 4 + size_t(width) / 200 + 192) / 8 + 16;
         if (out.size() < used + bound)
             out.resize(std::max(out.size() * 2, used + bound));
         bw.p = out.data() + used;
 
-        // C[ia] is a1, the next change of this row after a0 (so the colour at a0 is the
-        // parity of ia: the number of changes up to a0); R[ib] is b1, the next change of the
-        // row above after a0 to the other colour (ib of the same parity as ia).
-        int32_t a0 = 0;
-        size_t ia = 0, ib = 0;
-        for (;;) {
-            const int32_t a1 = C[ia], b1 = R[ib], b2 = R[ib + 1];
-            if (b2 < a1) {
-                // Pass: a0 moves under b2, the colour stays; the row above's next change of
-                // the same kind is two further on.
-                bw.put(kPass);
-                a0 = b2;
-                ib += 2;
-            } else if (const int32_t d = b1 - a1; d >= -3 && d <= 3) {
-                // Vertical: a0 moves to a1 and the colour changes. The change of the row above
-                // before b1 (of the new kind) may still lie right of a1; else look on from b1.
-                bw.put(kVertical[d + 3]);
-                a0 = a1;
-                if (a0 >= width)
-                    break;
-                ++ia;
-                if (ib > 0 && R[ib - 1] > a0) {
-                    --ib;
-                } else {
-                    ++ib;
-                    while (R[ib] <= a0)
-                        ib += 2;
-                }
-                continue;
+        switch (scheme) {
+        case Scheme::G4:
+            codeRow2D(bw, C, m_ref.data(), width);
+            break;
+        case Scheme::G3OneD:
+            putEol(bw, false, true);
+            codeRow1D(bw, C, width);
+            break;
+        case Scheme::G3TwoD:
+            putEol(bw, true, twoDLeft == 0);
+            if (twoDLeft == 0) {
+                codeRow1D(bw, C, width);
+                twoDLeft = rowsPerGroup - 1;
             } else {
-                // Horizontal: the runs a0..a1 and a1..a2; a0 moves to a2, the colour stays.
-                const int32_t a2 = C[ia + 1];
-                bw.put(kHorizontal);
-                if ((ia & 1) == 0) {
-                    bw.span(a1 - a0, kWhiteTerm, kWhiteMakeup);
-                    bw.span(a2 - a1, kBlackTerm, kBlackMakeup);
-                } else {
-                    bw.span(a1 - a0, kBlackTerm, kBlackMakeup);
-                    bw.span(a2 - a1, kWhiteTerm, kWhiteMakeup);
-                }
-                a0 = a2;
-                ia += 2;
+                codeRow2D(bw, C, m_ref.data(), width);
+                --twoDLeft;
             }
-            if (a0 >= width)
-                break;
-            while (R[ib] <= a0)
-                ib += 2;
+            break;
         }
         used = size_t(bw.p - out.data());
         m_ref.swap(m_cur);
         nref = ncur;
     }
-    // The end of the block: two EOLs, then the last byte padded.
     if (out.size() < used + 16)
         out.resize(used + 16);
     bw.p = out.data() + used;
-    bw.put(kEol);
-    bw.put(kEol);
+    // A Group 4 strip ends with the end-of-facsimile-block: two EOLs. Then the last byte is
+    // padded.
+    if (scheme == Scheme::G4) {
+        bw.put(kEol);
+        bw.put(kEol);
+    }
     bw.flush();
     out.resize(size_t(bw.p - out.data()));
 }

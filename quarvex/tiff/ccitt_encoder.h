@@ -1,8 +1,10 @@
 #pragma once
-// CCITT Group 4 (T.6) compression of 1-bit strips, written for speed and giving the same bytes
-// as libtiff's own codec: rows are coded two-dimensionally against the row above (white above
-// the first row of a strip), bits are packed first bit in the high end of each byte, and the
-// strip ends with the end-of-facsimile-block code (two EOLs) padded with zero bits to a byte.
+// CCITT Group 4 (T.6) and Group 3 (T.4, with fill bits) compression of 1-bit strips, written for
+// speed and giving the same bytes as libtiff's own codec: two-dimensional rows are coded against
+// the row above (white above the first row of a strip), bits are packed first bit in the high
+// end of each byte, a Group 4 strip ends with the end-of-facsimile-block code (two EOLs) and
+// every strip is padded with zero bits to a byte. Group 3 rows each start with an EOL placed so
+// that it ends on a byte boundary.
 
 #include <cstddef>
 #include <cstdint>
@@ -10,11 +12,14 @@
 
 namespace qx::tiff {
 
-class G4Encoder {
+class CcittEncoder {
 public:
+    enum class Scheme { G3OneD, G3TwoD, G4 };
     // Compresses `rows` rows of `width` pixels (1 = black, first pixel in a byte's high bit; bits
     // past the width are ignored), each row `stride` bytes after the last, into out (replaced).
-    void encodeStrip(const uint8_t* rows, int width, size_t stride, uint32_t count, std::vector<uint8_t>& out);
+    // G3TwoD codes a row in one dimension, then rowsPerGroup - 1 rows in two, and so on.
+    void encodeStrip(Scheme scheme, int rowsPerGroup, const uint8_t* rows, int width, size_t stride,
+                     uint32_t count, std::vector<uint8_t>& out);
 
 private:
     // Positions where a row changes colour (from white at its left edge), then the width

@@ -86,8 +86,9 @@ bool ScratchEncoder::begin(const std::function<bool(TIFF*)>& setTags) {
 
 bool ScratchEncoder::encode(const StripLayout& layout, uint32_t strip, const uint8_t* rows,
                             std::vector<uint8_t>& out) {
-    if (layout.ownG4) {
-        m_g4.encodeStrip(rows, layout.width, layout.stride, layout.rowsIn(strip), out);
+    if (layout.ownCcitt) {
+        m_ccitt.encodeStrip(layout.ccitt, layout.ccittRowsPerGroup, rows, layout.width, layout.stride,
+                            layout.rowsIn(strip), out);
         return !out.empty();
     }
     if (!m_tif)
@@ -127,9 +128,9 @@ namespace {
 // Pages smaller than this are compressed on one thread: the helper's codec state and strips
 // would weigh on their peak memory, and handing strips over costs time.
 constexpr size_t kParallelBytes = size_t(8) << 20;
-// The Group 4 encoder's state is two rows of change positions and its strips are small, so a
+// The CCITT encoder's state is two rows of change positions and its strips are small, so a
 // page of 1-bit rows is worth sharing from a quarter of a megabyte (a 300-dpi Letter page is 1 MB).
-constexpr size_t kParallelG4Bytes = size_t(256) << 10;
+constexpr size_t kParallelCcittBytes = size_t(256) << 10;
 // Strips compressed ahead of the one being written, at most.
 constexpr uint32_t kWindow = 4;
 // Strips of one colour remembered (white, and the few colours a page is filled with).
@@ -184,7 +185,7 @@ bool StripPipeline::encodeInto(ScratchEncoder& enc, bool& begun, uint32_t strip,
             return true;
         }
     }
-    if (!begun && !layout.ownG4) {
+    if (!begun && !layout.ownCcitt) {
         if (!enc.begin(*m_setTags))
             return false;
         begun = true;
@@ -240,7 +241,7 @@ bool StripPipeline::run(const StripLayout& layout, const uint8_t* data, uint64_t
     }
     const uint32_t n = layout.strips();
     const bool parallel = m_threadsAllowed && n >= 4 &&
-                          size_t(layout.height) * layout.rowBytes >= (layout.ownG4 ? kParallelG4Bytes : kParallelBytes);
+                          size_t(layout.height) * layout.rowBytes >= (layout.ownCcitt ? kParallelCcittBytes : kParallelBytes);
     bool mineBegun = false;
     bool ok = true;
     {

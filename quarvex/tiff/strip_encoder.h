@@ -4,7 +4,7 @@
 // once: such a strip gives the same bytes wherever it comes. Each strip is compressed by
 // libtiff's own codec, fed row by row exactly as a file written row by row feeds it, so the
 // bytes are the ones libtiff would have put into the file; the writer then stores them as they
-// are. Group 4 strips go through this program's own encoder instead, which gives the same bytes
+// are. CCITT strips go through this program's own encoder instead, which gives the same bytes
 // several times faster.
 
 #include <condition_variable>
@@ -35,8 +35,11 @@ struct StripLayout {
     uint8_t blank = 0;
     // The codec changes the rows it is given (a predictor works in place): it gets copies.
     bool codecWritesRows = true;
-    // 1-bit rows to Group 4: compressed by G4Encoder, without a libtiff handle.
-    bool ownG4 = false;
+    // 1-bit rows to CCITT Group 3 or 4: compressed by CcittEncoder, without a libtiff handle.
+    bool ownCcitt = false;
+    CcittEncoder::Scheme ccitt = CcittEncoder::Scheme::G4;
+    int ccittRowsPerGroup = 1; // Group 3 2-D: rows from one 1-D row to the next
+
     uint32_t strips() const { return (height + rowsPerStrip - 1) / rowsPerStrip; }
     uint32_t rowsIn(uint32_t strip) const {
         const uint32_t first = strip * rowsPerStrip;
@@ -69,7 +72,7 @@ public:
     ScratchEncoder& operator=(const ScratchEncoder&) = delete;
 
     // Starts a page: setTags(handle) sets the page's tags. false: libtiff refused. Not needed
-    // for a layout with ownG4.
+    // for a layout with ownCcitt.
     bool begin(const std::function<bool(TIFF*)>& setTags);
     // Compresses strip number strip (rows of layout.stride bytes) into out. false on failure.
     bool encode(const StripLayout& layout, uint32_t strip, const uint8_t* rows, std::vector<uint8_t>& out);
@@ -81,7 +84,7 @@ private:
     std::vector<uint8_t>* m_capture = nullptr;
     uint64_t m_offset = 0, m_size = 0;
     std::vector<uint8_t> m_row;
-    G4Encoder m_g4;
+    CcittEncoder m_ccitt;
 };
 
 // Compresses the strips of a page, on this thread and one helper thread when the page is large

@@ -158,6 +158,12 @@ bool TiffWriter::writePage(const RasterPage& page) {
         const size_t perStrip = std::max<size_t>(1, (64 * 1024) / std::max<size_t>(1, rowBytes));
         rowsPerStrip = static_cast<uint32_t>(std::min<size_t>(perStrip, static_cast<size_t>(page.height)));
     }
+    double xdpi = page.xdpi > 0 ? page.xdpi : 300;
+    double ydpi = page.ydpi > 0 ? page.ydpi : 300;
+    if (fax) {
+        xdpi = 204;
+        ydpi = m_options.fax == 1 ? 196 : 98;
+    }
     // The page's tags, on the file and on the handles that compress its strips.
     auto setTags = [&](TIFF* t) {
         bool ok = true;
@@ -205,12 +211,6 @@ bool TiffWriter::writePage(const RasterPage& page) {
             break;
         }
 
-        double xdpi = page.xdpi > 0 ? page.xdpi : 300;
-        double ydpi = page.ydpi > 0 ? page.ydpi : 300;
-        if (fax) {
-            xdpi = 204;
-            ydpi = m_options.fax == 1 ? 196 : 98;
-        }
         ok &= TIFFSetField(t, TIFFTAG_RESOLUTIONUNIT, RESUNIT_INCH) == 1;
         ok &= TIFFSetField(t, TIFFTAG_XRESOLUTION, static_cast<float>(xdpi)) == 1;
         ok &= TIFFSetField(t, TIFFTAG_YRESOLUTION, static_cast<float>(ydpi)) == 1;
@@ -246,10 +246,17 @@ bool TiffWriter::writePage(const RasterPage& page) {
     // Only the horizontal predictor writes into the rows it is given; with 8-bit samples or
     // single bits libtiff swaps no bytes either.
     layout.codecWritesRows = comp == Compression::LzwPredictor;
-    layout.ownG4 = comp == Compression::G4 && bits == 1;
+    layout.ownCcitt = isCcitt(comp) && bits == 1;
+    layout.ccitt = comp == Compression::G4       ? CcittEncoder::Scheme::G4
+                   : comp == Compression::G3TwoD ? CcittEncoder::Scheme::G3TwoD
+                                                 : CcittEncoder::Scheme::G3OneD;
+    // Group 3 2-D coding starts a new 1-D row every 4 rows above 150 dpi (as stored), else every
+    // 2, as libtiff's codec does.
+    layout.ccittRowsPerGroup = static_cast<float>(ydpi) > 150 ? 4 : 2;
     // Strips of one colour compress alike while everything that shapes them stays the same.
     const uint64_t cacheKey = (uint64_t(static_cast<int>(comp)) << 56) ^ (uint64_t(fax ? 1 : 0) << 52) ^
-                              (uint64_t(page.format) << 48) ^ (uint64_t(rowsPerStrip) << 24) ^
+                              (uint64_t(page.format) << 48) ^ (uint64_t(layout.ccittRowsPerGroup) << 44) ^
+                              (uint64_t(rowsPerStrip) << 24) ^
                               uint64_t(page.width);
     const bool written = m_strips.run(layout, page.data.data(), cacheKey, setTags,
         [&](uint32_t strip, const uint8_t* bytes, size_t n) {

@@ -1,7 +1,8 @@
-// The Group 4 encoder gives exactly the bytes libtiff's own codec gives for the same strip, on
+// The CCITT encoder gives exactly the bytes libtiff's own codec gives for the same strip, on
 // every kind of 1-bit content, and libtiff reads its strips back to the same pixels.
 
 #include "tiff/ccitt_encoder.h"
+#include "tiff/strip_encoder.h"
 
 #include <gtest/gtest.h>
 #include <tiffio.h>
@@ -14,7 +15,8 @@
 #include <vector>
 
 namespace fs = std::filesystem;
-using qx::tiff::G4Encoder;
+using qx::tiff::CcittEncoder;
+using Scheme = qx::tiff::CcittEncoder::Scheme;
 
 namespace {
 
@@ -95,10 +97,10 @@ std::vector<std::vector<uint8_t>> libtiffStrips(const Bitmap& b, uint32_t rowsPe
 
 std::vector<std::vector<uint8_t>> ourStrips(const Bitmap& b, uint32_t rowsPerStrip) {
     std::vector<std::vector<uint8_t>> out;
-    G4Encoder enc;
+    CcittEncoder enc;
     for (uint32_t first = 0; first < uint32_t(b.height); first += rowsPerStrip) {
         std::vector<uint8_t> bytes;
-        enc.encodeStrip(b.data.data() + size_t(first) * b.stride, b.width, b.stride,
+        enc.encodeStrip(Scheme::G4, 1, b.data.data() + size_t(first) * b.stride, b.width, b.stride,
                         std::min<uint32_t>(rowsPerStrip, uint32_t(b.height) - first), bytes);
         out.push_back(std::move(bytes));
     }
@@ -185,9 +187,75 @@ Bitmap halftone(int w, int h) {
     return b;
 }
 
+// Group 3 strips as libtiff's codec makes them, fed row by row and flushed at the strip's end.
+std::vector<std::vector<uint8_t>> libtiffG3Strips(const Bitmap& b, uint32_t rowsPerStrip, bool twoD, float ydpi) {
+    qx::tiff::StripLayout l;
+    l.rowsPerStrip = rowsPerStrip;
+    l.height = uint32_t(b.height);
+    l.rowBytes = (size_t(b.width) + 7) / 8;
+    l.stride = b.stride;
+    l.bilevel = true;
+    l.width = b.width;
+    l.codecWritesRows = true;
+    qx::tiff::ScratchEncoder enc;
+    std::vector<std::vector<uint8_t>> out;
+    const bool begun = enc.begin([&](TIFF* t) {
+        setTags(t, b, rowsPerStrip);
+        TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_CCITTFAX3);
+        TIFFSetField(t, TIFFTAG_GROUP3OPTIONS, uint32_t(GROUP3OPT_FILLBITS | (twoD ? GROUP3OPT_2DENCODING : 0)));
+        TIFFSetField(t, TIFFTAG_RESOLUTIONUNIT, RESUNIT_INCH);
+        TIFFSetField(t, TIFFTAG_XRESOLUTION, ydpi);
+        TIFFSetField(t, TIFFTAG_YRESOLUTION, ydpi);
+        return true;
+    });
+    if (!begun)
+        return out;
+    for (uint32_t s = 0; s < l.strips(); ++s) {
+        std::vector<uint8_t> bytes;
+        if (!enc.encode(l, s, b.data.data() + size_t(s) * rowsPerStrip * b.stride, bytes))
+            return {};
+        out.push_back(std::move(bytes));
+    }
+    return out;
+}
+
+void expectG3SameAsLibtiff(const Bitmap& b, const std::string& what, uint32_t rowsPerStrip) {
+    for (bool twoD : {false, true})
+        for (float ydpi : {98.f, 196.f, 300.f}) {
+            const auto theirs = libtiffG3Strips(b, rowsPerStrip, twoD, ydpi);
+            ASSERT_FALSE(theirs.empty()) << what;
+            CcittEncoder enc;
+            const uint32_t strips = (uint32_t(b.height) + rowsPerStrip - 1) / rowsPerStrip;
+            ASSERT_EQ(theirs.size(), strips);
+            for (uint32_t s = 0; s < strips; ++s) {
+                std::vector<uint8_t> ours;
+                enc.encodeStrip(twoD ? Scheme::G3TwoD : Scheme::G3OneD, ydpi > 150 ? 4 : 2,
+                                b.data.data() + size_t(s) * rowsPerStrip * b.stride, b.width, b.stride,
+                                std::min(rowsPerStrip, uint32_t(b.height) - s * rowsPerStrip), ours);
+                ASSERT_TRUE(ours == theirs[s]) << what << (twoD ? ", 2-D" : ", 1-D") << " at " << ydpi
+                                               << " dpi, strip " << s << ": " << ours.size() << " bytes, libtiff "
+                                               << theirs[s].size();
+            }
+        }
+}
+
 } // namespace
 
-TEST(G4Encoder, RandomPagesAreLibtiffsBytes) {
+TEST(CcittEncoder, G3StripsAreLibtiffsBytes) {
+    uint32_t seed = 5;
+    for (int w : {1, 13, 64, 1203, 2550})
+        for (int percent : {2, 50, 97})
+            expectG3SameAsLibtiff(noise(w, 23, percent, seed++), "noise width " + std::to_string(w), 10);
+    expectG3SameAsLibtiff(halftone(2550, 120), "halftone", 50);
+    expectG3SameAsLibtiff(shapes(5104, 90, 20, 2), "shapes", 90);
+    Bitmap white(1728, 9);
+    expectG3SameAsLibtiff(white, "white", 4);
+    Bitmap black(1729, 9);
+    std::fill(black.data.begin(), black.data.end(), 0xFF);
+    expectG3SameAsLibtiff(black, "black", 9);
+}
+
+TEST(CcittEncoder, G4RandomPagesAreLibtiffsBytes) {
     uint32_t seed = 7;
     for (int percent : {1, 10, 50, 90, 99})
         for (int w : {64, 100, 1203, 2551}) {
@@ -196,21 +264,21 @@ TEST(G4Encoder, RandomPagesAreLibtiffsBytes) {
         }
 }
 
-TEST(G4Encoder, ShapesAreLibtiffsBytes) {
+TEST(CcittEncoder, G4ShapesAreLibtiffsBytes) {
     for (uint32_t seed = 1; seed <= 6; ++seed)
         for (int w : {333, 2550, 5104})
             expectSameAsLibtiff(shapes(w, 300, 40, seed), "shapes seed " + std::to_string(seed) + " width " +
                                                             std::to_string(w));
 }
 
-TEST(G4Encoder, HalftonesAreLibtiffsBytes) {
+TEST(CcittEncoder, G4HalftonesAreLibtiffsBytes) {
     expectSameAsLibtiff(halftone(2550, 400), "halftone 2550");
     expectSameAsLibtiff(halftone(1001, 250), "halftone 1001");
     // In strips, as the TIFF writer stores a page: each strip starts again below a white row.
     expectSameAsLibtiff(halftone(2550, 400), "halftone in strips", 64);
 }
 
-TEST(G4Encoder, AllWhiteAndAllBlack) {
+TEST(CcittEncoder, G4AllWhiteAndAllBlack) {
     for (int w : {1, 7, 8, 9, 64, 65, 2550, 2623, 2624, 2625, 5120, 7000}) {
         Bitmap white(w, 5);
         expectSameAsLibtiff(white, "white width " + std::to_string(w));
@@ -226,7 +294,7 @@ TEST(G4Encoder, AllWhiteAndAllBlack) {
     }
 }
 
-TEST(G4Encoder, BitsPastTheWidthAreIgnored) {
+TEST(CcittEncoder, G4BitsPastTheWidthAreIgnored) {
     // Widths that are not a multiple of 8 with the spare bits of each row set, and rows that
     // are followed by unrelated bytes in memory.
     for (int w : {1, 3, 9, 13, 71, 1203}) {
@@ -239,14 +307,14 @@ TEST(G4Encoder, BitsPastTheWidthAreIgnored) {
         }
         const auto theirs = libtiffStrips(b, 20);
         std::vector<uint8_t> ours;
-        G4Encoder enc;
-        enc.encodeStrip(padded.data.data(), w, padded.stride, 20, ours);
+        CcittEncoder enc;
+        enc.encodeStrip(Scheme::G4, 1, padded.data.data(), w, padded.stride, 20, ours);
         ASSERT_EQ(theirs.size(), 1u);
         EXPECT_TRUE(ours == theirs[0]) << "width " << w;
     }
 }
 
-TEST(G4Encoder, OnePixelWide) {
+TEST(CcittEncoder, G4OnePixelWide) {
     Bitmap b(1, 200);
     uint32_t seed = 3;
     for (int y = 0; y < 200; ++y)
@@ -255,7 +323,7 @@ TEST(G4Encoder, OnePixelWide) {
     expectSameAsLibtiff(b, "one pixel wide, strips of 7 rows", 7);
 }
 
-TEST(G4Encoder, VeryWidePages) {
+TEST(CcittEncoder, G4VeryWidePages) {
     // Runs far longer than the longest make-up code, both colours, and runs of exactly the
     // lengths where make-up codes change.
     Bitmap b(30000, 12);
