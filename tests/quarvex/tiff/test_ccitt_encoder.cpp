@@ -341,3 +341,36 @@ TEST(CcittEncoder, G4VeryWidePages) {
     expectSameAsLibtiff(b, "wide runs");
     expectSameAsLibtiff(noise(20000, 8, 3, 11), "wide noise");
 }
+
+TEST(CcittEncoder, RenderedPagesAreLibtiffsBytes) {
+    // Real pages rendered from documents: text, lines and a rotated page, each read back from
+    // its file and compressed again, whole and in strips of 64 rows.
+    int pages = 0;
+    for (const char* name : {"lo_inkscape_4pages.ref.tif", "lo_rotated.ref.tif"}) {
+        const std::string path = std::string(QX_RENDERED_PAGES) + "/" + name;
+        TIFF* t = TIFFOpen(path.c_str(), "r");
+        ASSERT_NE(t, nullptr) << path;
+        do {
+            uint32_t w = 0, h = 0;
+            uint16_t bits = 0;
+            TIFFGetField(t, TIFFTAG_IMAGEWIDTH, &w);
+            TIFFGetField(t, TIFFTAG_IMAGELENGTH, &h);
+            TIFFGetFieldDefaulted(t, TIFFTAG_BITSPERSAMPLE, &bits);
+            ASSERT_EQ(bits, 1) << path;
+            Bitmap b{int(w), int(h)};
+            for (uint32_t y = 0; y < h; ++y)
+                ASSERT_EQ(TIFFReadScanline(t, b.data.data() + size_t(y) * b.stride, y, 0), 1);
+            size_t ink = 0;
+            for (uint8_t v : b.data)
+                ink += v != 0;
+            EXPECT_GT(ink, 0u) << path;
+            const std::string what = std::string(name) + " page " + std::to_string(pages);
+            expectSameAsLibtiff(b, what);
+            expectSameAsLibtiff(b, what + " in strips", 64);
+            expectG3SameAsLibtiff(b, what, 200);
+            ++pages;
+        } while (TIFFReadDirectory(t));
+        TIFFClose(t);
+    }
+    EXPECT_EQ(pages, 5);
+}
