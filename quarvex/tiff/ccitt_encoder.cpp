@@ -138,7 +138,8 @@ namespace {
 
 // Codes one row two-dimensionally (T.4 2-D / T.6) from its changes C against the row above's R,
 // both ending in sentinels at the width.
-void codeRow2D(BitWriter& bw, const int32_t* C, const int32_t* R, int32_t width) {
+// (The writer is passed by value and returned so that its state stays in registers.)
+BitWriter codeRow2D(BitWriter bw, const int32_t* C, const int32_t* R, int32_t width) {
     // C[ia] is a1, the next change of this row after a0 (so the colour at a0 is the
     // parity of ia: the number of changes up to a0); R[ib] is b1, the next change of the
     // row above after a0 to the other colour (ib of the same parity as ia).
@@ -187,10 +188,11 @@ void codeRow2D(BitWriter& bw, const int32_t* C, const int32_t* R, int32_t width)
         while (R[ib] <= a0)
             ib += 2;
     }
+    return bw;
 }
 
 // Codes one row as alternating white and black runs, starting white.
-void codeRow1D(BitWriter& bw, const int32_t* C, int32_t width) {
+BitWriter codeRow1D(BitWriter bw, const int32_t* C, int32_t width) {
     int32_t at = 0;
     for (size_t i = 0;; i += 2) {
         bw.span(C[i] - at, kWhiteTerm, kWhiteMakeup);
@@ -201,6 +203,7 @@ void codeRow1D(BitWriter& bw, const int32_t* C, int32_t width) {
         if (at >= width)
             break;
     }
+    return bw;
 }
 
 // The EOL that starts each Group 3 row, after zero bits that make a plain EOL end on a byte
@@ -247,19 +250,19 @@ void CcittEncoder::encodeStrip(Scheme scheme, int rowsPerGroup, const uint8_t* r
 
         switch (scheme) {
         case Scheme::G4:
-            codeRow2D(bw, C, m_ref.data(), width);
+            bw = codeRow2D(bw, C, m_ref.data(), width);
             break;
         case Scheme::G3OneD:
             putEol(bw, false, true);
-            codeRow1D(bw, C, width);
+            bw = codeRow1D(bw, C, width);
             break;
         case Scheme::G3TwoD:
             putEol(bw, true, twoDLeft == 0);
             if (twoDLeft == 0) {
-                codeRow1D(bw, C, width);
+                bw = codeRow1D(bw, C, width);
                 twoDLeft = rowsPerGroup - 1;
             } else {
-                codeRow2D(bw, C, m_ref.data(), width);
+                bw = codeRow2D(bw, C, m_ref.data(), width);
                 --twoDLeft;
             }
             break;
