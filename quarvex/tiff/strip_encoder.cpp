@@ -128,9 +128,6 @@ namespace {
 // Pages smaller than this are compressed on one thread: the helper's codec state and strips
 // would weigh on their peak memory, and handing strips over costs time.
 constexpr size_t kParallelBytes = size_t(8) << 20;
-// The CCITT encoder's state is two rows of change positions and its strips are small, so a
-// page of 1-bit rows is worth sharing from a quarter of a megabyte (a 300-dpi Letter page is 1 MB).
-constexpr size_t kParallelCcittBytes = size_t(256) << 10;
 // Strips compressed ahead of the one being written, at most.
 constexpr uint32_t kWindow = 4;
 // Strips of one colour remembered (white, and the few colours a page is filled with).
@@ -240,8 +237,7 @@ bool StripPipeline::run(const StripLayout& layout, const uint8_t* data, uint64_t
         m_cacheKey = cacheKey;
     }
     const uint32_t n = layout.strips();
-    const bool parallel = m_threadsAllowed && n >= 4 &&
-                          size_t(layout.height) * layout.rowBytes >= (layout.ownCcitt ? kParallelCcittBytes : kParallelBytes);
+    const bool parallel = m_threadsAllowed && n >= 4 && size_t(layout.height) * layout.rowBytes >= kParallelBytes;
     bool mineBegun = false;
     bool ok = true;
     {

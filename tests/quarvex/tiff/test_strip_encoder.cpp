@@ -157,8 +157,9 @@ TEST(StripEncoder, StripsAreTheBytesLibtiffWritesRowByRow) {
     }
 }
 
-TEST(StripEncoder, Group4PagesShareTheirStripsBetweenThreads) {
-    // A 1-bit page large enough for the helper thread: the same strips as libtiff's, in order.
+TEST(StripEncoder, Group4LetterPagesAreLibtiffsBytes) {
+    // 300-dpi Letter pages at one bit, inked, blank and one pixel wider: the same strips as
+    // libtiff's, in order, with or without the helper thread allowed.
     const std::vector<RasterPage> pages = {page(RasterPage::Format::Bilevel, 2550, 3300, false, 3),
                                            page(RasterPage::Format::Bilevel, 2550, 3300, true),
                                            page(RasterPage::Format::Bilevel, 2551, 3300, false, 4)};
