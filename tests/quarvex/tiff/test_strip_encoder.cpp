@@ -157,31 +157,6 @@ TEST(StripEncoder, StripsAreTheBytesLibtiffWritesRowByRow) {
     }
 }
 
-TEST(StripEncoder, Group4LetterPagesAreLibtiffsBytes) {
-    // 300-dpi Letter pages at one bit, inked, blank and one pixel wider: the same strips as
-    // libtiff's, in order, with or without the helper thread allowed.
-    const std::vector<RasterPage> pages = {page(RasterPage::Format::Bilevel, 2550, 3300, false, 3),
-                                           page(RasterPage::Format::Bilevel, 2550, 3300, true),
-                                           page(RasterPage::Format::Bilevel, 2551, 3300, false, 4)};
-    const fs::path reference = tempFile("g4rows.tif");
-    writeByRows(reference, pages, Compression::G4);
-    for (bool threads : {false, true}) {
-        const fs::path mine = tempFile("g4strips.tif");
-        TiffOptions o;
-        o.compression = Compression::G4;
-        TiffWriter w(o);
-        w.setThreads(threads);
-        ASSERT_TRUE(w.open(mine.string()));
-        for (const RasterPage& p : pages)
-            ASSERT_TRUE(w.writePage(p));
-        ASSERT_TRUE(w.finish());
-        const auto a = rawStrips(mine), b = rawStrips(reference);
-        ASSERT_EQ(a.size(), b.size());
-        for (size_t i = 0; i < a.size(); ++i)
-            ASSERT_TRUE(a[i] == b[i]) << "strip " << i << (threads ? " threads" : "");
-    }
-}
-
 TEST(StripEncoder, BlankPagesCompressEachStripOnce) {
     for (Compression c : {Compression::Deflate, Compression::PackBits}) {
         TiffOptions o;
