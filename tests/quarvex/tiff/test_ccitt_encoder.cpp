@@ -1,6 +1,7 @@
 // The CCITT encoder gives exactly the bytes libtiff's own codec gives for the same strip, on
 // every kind of 1-bit content, and libtiff reads its strips back to the same pixels.
 
+#include "common/file_io.h"
 #include "tiff/ccitt_encoder.h"
 #include "tiff/strip_encoder.h"
 
@@ -11,7 +12,6 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -20,19 +20,11 @@ using Scheme = qx::tiff::CcittEncoder::Scheme;
 
 namespace {
 
+// Files in one scratch folder for the whole run, removed at exit.
 fs::path tempFile(const std::string& name) {
-    fs::path dir = fs::temp_directory_path() / ("qx_g4_tests_" + std::to_string(::getpid()));
-    fs::create_directories(dir);
-    return dir / name;
+    static const qx::test::ScratchDir scratch("qx_g4_tests");
+    return scratch.dir / name;
 }
-
-struct RemoveFolder : testing::Environment {
-    void TearDown() override {
-        std::error_code ec;
-        fs::remove_all(fs::temp_directory_path() / ("qx_g4_tests_" + std::to_string(::getpid())), ec);
-    }
-};
-[[maybe_unused]] testing::Environment* const g_remove = testing::AddGlobalTestEnvironment(new RemoveFolder);
 
 struct Bitmap {
     int width = 0, height = 0;
