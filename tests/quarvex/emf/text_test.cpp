@@ -255,14 +255,6 @@ Ink ghostscript(const std::string& fontFile, const std::vector<Placed>& glyphs) 
     return qxtest::readPbm(s.dir / "ref.pbm");
 }
 
-struct Pages : PageSink {
-    std::vector<Ink> pages;
-    bool writePage(const RasterPage& p) override {
-        pages.push_back(qxtest::inkOfBilevelPage(p));
-        return true;
-    }
-};
-
 struct Rendered {
     std::vector<Ink> pages;
     std::vector<std::string> warnings;
@@ -282,10 +274,13 @@ struct Rendered {
 
 Rendered render(const Buffer& job) {
     FontLibrary fonts({kStageFonts}, false);
-    Pages sink;
+    qxtest::PageCollector sink;
     Diagnostics diag("emf-text", false);
     qxtest::renderJob(run, job.data(), job.size(), 1, kDpi, &fonts, sink, diag);
-    return {std::move(sink.pages), diag.lines()};
+    Rendered r{{}, diag.lines()};
+    for (const RasterPage& p : sink.pages)
+        r.pages.push_back(qxtest::inkOfBilevelPage(p));
+    return r;
 }
 
 long inkOf(const Ink& b) {
