@@ -147,7 +147,7 @@ TEST(ThinLines, EveryDirectionFollowsTheRule) {
 }
 
 TEST(ThinLines, DashedClippedAtEveryDepthAndResolutionKeepTheirPixels) {
-    // Each case: random polylines, perhaps dashed and clipped to a rectangle and a circle, at
+    // Each case: random polylines, perhaps dashed and clipped to a rectangle and a polygon, at
     // three resolutions (one of them unequal across and down) and the three depths. The
     // checksums are of the pages the device drew when this test was written; a change that
     // moves any pixel of a one-pixel line shows here.
@@ -175,16 +175,18 @@ TEST(ThinLines, DashedClippedAtEveryDepthAndResolutionKeepTheirPixels) {
             auto clip = std::make_shared<ClipRegion>();
             Path box;
             box.addRect(15, 10, 150, 120);
-            Path disc; // a circle of radius 70 about the middle, as four curves
-            const double cx = 100, cy = 75, r = 70, k = 0.5523 * r;
-            disc.moveTo({cx + r, cy});
-            disc.curveTo({cx + r, cy + k}, {cx + k, cy + r}, {cx, cy + r});
-            disc.curveTo({cx - k, cy + r}, {cx - r, cy + k}, {cx - r, cy});
-            disc.curveTo({cx - r, cy - k}, {cx - k, cy - r}, {cx, cy - r});
-            disc.curveTo({cx + k, cy - r}, {cx + r, cy - k}, {cx + r, cy});
-            disc.close();
+            Path ring; // a polygon of 24 corners on a circle of radius 70 about the middle
+            for (int i = 0; i < 24; ++i) {
+                const double t = i * M_PI / 12;
+                const Point p{100 + 70 * std::cos(t), 75 + 70 * std::sin(t)};
+                if (i == 0)
+                    ring.moveTo(p);
+                else
+                    ring.lineTo(p);
+            }
+            ring.close();
             clip->entries.push_back({box, FillRule::NonZero});
-            clip->entries.push_back({disc, FillRule::NonZero});
+            clip->entries.push_back({ring, FillRule::NonZero});
             rs.clip = clip;
         }
         StrokeStyle thin;
