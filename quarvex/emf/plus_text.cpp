@@ -1,6 +1,9 @@
 // EMF+ strings (DrawString and DrawDriverString), drawn by the GDI player's text code: the
 // EMF+ font becomes a LOGFONT-like font object, the world-to-device transform becomes the GDI
 // world transform, so the same stand-in fonts and glyph rendering serve both kinds of record.
+// A DrawDriverString given as glyph numbers (DriverStringOptionsCmapLookup clear) is drawn the
+// way ETO_GLYPH_INDEX text is: with the font the spool file embeds under the face name, or the
+// font on this system when it is that very face; otherwise it is left out with a warning.
 
 #include "emf/plus_player.h"
 
@@ -51,7 +54,17 @@ void PlusPlayer::drawStringRecord(bool driverString, uint16_t flags, Bytes data)
         return;
     const double k = kUnitsPerEm / em; // logical units per world unit
 
+    // The font as the GDI text code takes it.
+    FontObject gdiFont;
+    gdiFont.height = -int32_t(kUnitsPerEm);
+    gdiFont.weight = (font.style & 1) ? 700 : 400;
+    gdiFont.italic = font.style & 2;
+    gdiFont.underline = font.style & 4;
+    gdiFont.strikeOut = font.style & 8;
+    gdiFont.face = font.family;
+
     std::vector<std::pair<Point, std::u32string>> runs; // reference point in world units, text
+    bool glyphNumbers = false;                           // the runs hold glyph numbers
     uint32_t align = 0;                                  // TA_* for the text code
     Matrix extra;                                        // a glyph transform of the record
     if (!driverString) {
@@ -90,12 +103,14 @@ void PlusPlayer::drawStringRecord(bool driverString, uint16_t flags, Bytes data)
     } else {
         // Brush, options, whether a matrix follows, the glyph count, the glyphs, their
         // baseline positions, and the matrix.
+        constexpr uint32_t CmapLookup = 1, RealizedAdvance = 4;
         const uint32_t options = data.u32(4), hasMatrix = data.u32(8), count = data.u32(12);
         if (count > kMaxGlyphs || !data.has(16, size_t(count) * 10 + (hasMatrix ? 24 : 0))) {
             warn("a string whose glyphs run past its record is left out");
             return;
         }
-        if (!(options & 1)) {
+        glyphNumbers = !(options & CmapLookup);
+        if (glyphNumbers && !gdi.glyphFaceFor(gdiFont)) {
             warn("strings given as glyph numbers of a font that is not embedded are left out");
             return;
         }
@@ -103,10 +118,23 @@ void PlusPlayer::drawStringRecord(bool driverString, uint16_t flags, Bytes data)
         if (hasMatrix)
             extra = readPlusMatrix(data, positions + size_t(count) * 8).value_or(Matrix{});
         align = 24; // TA_BASELINE
-        for (uint32_t i = 0; i < count; ++i) {
-            const Point p{data.f32(positions + size_t(i) * 8), data.f32(positions + size_t(i) * 8 + 4)};
-            if (std::isfinite(p.x) && std::isfinite(p.y))
-                runs.push_back({p, std::u32string(1, data.u16(16 + size_t(i) * 2))});
+        auto glyph = [&](uint32_t i) { return char32_t(data.u16(16 + size_t(i) * 2)); };
+        auto position = [&](uint32_t i) {
+            return Point{data.f32(positions + size_t(i) * 8), data.f32(positions + size_t(i) * 8 + 4)};
+        };
+        if (options & RealizedAdvance) {
+            // Only the first glyph's position counts; the others follow at the font's advances.
+            std::u32string all;
+            for (uint32_t i = 0; i < count; ++i)
+                all.push_back(glyph(i));
+            if (count > 0 && std::isfinite(position(0).x) && std::isfinite(position(0).y))
+                runs.push_back({position(0), std::move(all)});
+        } else {
+            for (uint32_t i = 0; i < count; ++i) {
+                const Point p = position(i);
+                if (std::isfinite(p.x) && std::isfinite(p.y))
+                    runs.push_back({p, std::u32string(1, glyph(i))});
+            }
         }
     }
 
@@ -117,19 +145,13 @@ void PlusPlayer::drawStringRecord(bool driverString, uint16_t flags, Bytes data)
     dc.windowOrgX = dc.windowOrgY = dc.viewportOrgX = dc.viewportOrgY = 0;
     dc.windowExtX = dc.windowExtY = dc.viewportExtX = dc.viewportExtY = 1;
     dc.world = worldToDevice() * extra * Matrix::scale(1 / k, 1 / k);
-    dc.font = FontObject{};
-    dc.font.height = -int32_t(kUnitsPerEm);
-    dc.font.weight = (font.style & 1) ? 700 : 400;
-    dc.font.italic = font.style & 2;
-    dc.font.underline = font.style & 4;
-    dc.font.strikeOut = font.style & 8;
-    dc.font.face = font.family;
+    dc.font = gdiFont;
     dc.textColor = color.onWhite();
     dc.bkOpaque = false;
     dc.textAlign = align;
     for (const auto& [at, text] : runs)
         if (!text.empty())
-            gdi.drawText({at.x * k, at.y * k}, text, false, {}, {}, 0x100 /* no rectangle */, nullptr, true);
+            gdi.drawText({at.x * k, at.y * k}, text, glyphNumbers, {}, {}, 0x100 /* no rectangle */, nullptr, true);
     gdi.dc = kept;
 }
 

@@ -2,6 +2,8 @@
 // line one pixel wide.
 #include "render/raster_device_impl.h"
 
+#include <type_traits>
+
 namespace qx {
 
 // ---- one-pixel lines --------------------------------------------------------------------
@@ -174,48 +176,47 @@ void RasterDevice::Impl::plotSegment(uint8_t* data, int bstride, int bx0, int by
     if (std::min(a.y, b.y) >= by0 + h + 1 || std::max(a.y, b.y) < by0 - 1 ||
         std::min(a.x, b.x) >= bx0 + w + 1 || std::max(a.x, b.x) < bx0 - 1)
         return;
-    const double dx = b.x - a.x, dy = b.y - a.y;
-    const bool flat = std::fabs(dx) >= std::fabs(dy);
-    // The centres along the major axis that the segment reaches.
-    const double lo = flat ? std::min(a.x, b.x) : std::min(a.y, b.y);
-    const double hi = flat ? std::max(a.x, b.x) : std::max(a.y, b.y);
-    const int64_t first = int64_t(std::ceil(std::clamp(lo - 0.5, -1e15, 1e15)));
-    const int64_t last = int64_t(std::ceil(std::clamp(hi - 0.5, -1e15, 1e15))) - 1;
-    if (first > last) {
-        set(floorToInt64((a.x + b.x) / 2), floorToInt64((a.y + b.y) / 2));
-        return;
-    }
-    if (flat) {
-        if (a.x > b.x)
-            std::swap(a, b);
-        int64_t c0 = std::max<int64_t>(first, bx0);
-        int64_t c1 = std::min<int64_t>(last, bx0 + w - 1);
-        const double slope = (b.y - a.y) / (b.x - a.x);
-        if (slope != 0) { // only the columns whose pixel can fall into the band
-            double xa = a.x + (by0 - 1 - a.y) / slope, xb = a.x + (by0 + h + 1 - a.y) / slope;
-            if (xa > xb)
-                std::swap(xa, xb);
-            c0 = std::max(c0, floorToInt64(xa) - 1);
-            c1 = std::min(c1, floorToInt64(xb) + 1);
+    // The line is stepped along its major axis u (x for a flat line, y for a steep one), with
+    // v the other: the same code serves both, the coordinates swapped going in and coming out.
+    const bool flat = std::fabs(b.x - a.x) >= std::fabs(b.y - a.y);
+    auto walk = [&](auto flatAxis) {
+        constexpr bool isFlat = decltype(flatAxis)::value;
+        auto u = [](Point p) { return isFlat ? p.x : p.y; };
+        auto v = [](Point p) { return isFlat ? p.y : p.x; };
+        const int u0 = isFlat ? bx0 : by0, uSize = isFlat ? w : h;
+        const int v0 = isFlat ? by0 : bx0, vSize = isFlat ? h : w;
+        // The centres along the major axis that the segment reaches.
+        const double lo = std::min(u(a), u(b)), hi = std::max(u(a), u(b));
+        const int64_t first = int64_t(std::ceil(std::clamp(lo - 0.5, -1e15, 1e15)));
+        const int64_t last = int64_t(std::ceil(std::clamp(hi - 0.5, -1e15, 1e15))) - 1;
+        if (first > last) {
+            set(floorToInt64((a.x + b.x) / 2), floorToInt64((a.y + b.y) / 2));
+            return;
         }
-        for (int64_t c = c0; c <= c1; ++c)
-            set(c, floorToInt64(a.y + (double(c) + 0.5 - a.x) * slope));
-    } else {
-        if (a.y > b.y)
+        if (u(a) > u(b))
             std::swap(a, b);
-        int64_t r0 = std::max<int64_t>(first, by0);
-        int64_t r1 = std::min<int64_t>(last, by0 + h - 1);
-        const double slope = (b.x - a.x) / (b.y - a.y);
-        if (slope != 0) {
-            double ya = a.y + (bx0 - 1 - a.x) / slope, yb = a.y + (bx0 + w + 1 - a.x) / slope;
-            if (ya > yb)
-                std::swap(ya, yb);
-            r0 = std::max(r0, floorToInt64(ya) - 1);
-            r1 = std::min(r1, floorToInt64(yb) + 1);
+        int64_t c0 = std::max<int64_t>(first, u0);
+        int64_t c1 = std::min<int64_t>(last, u0 + uSize - 1);
+        const double slope = (v(b) - v(a)) / (u(b) - u(a));
+        if (slope != 0) { // only the steps whose pixel can fall into the band
+            double ua = u(a) + (v0 - 1 - v(a)) / slope, ub = u(a) + (v0 + vSize + 1 - v(a)) / slope;
+            if (ua > ub)
+                std::swap(ua, ub);
+            c0 = std::max(c0, floorToInt64(ua) - 1);
+            c1 = std::min(c1, floorToInt64(ub) + 1);
         }
-        for (int64_t r = r0; r <= r1; ++r)
-            set(floorToInt64(a.x + (double(r) + 0.5 - a.y) * slope), r);
-    }
+        for (int64_t c = c0; c <= c1; ++c) {
+            const int64_t across = floorToInt64(v(a) + (double(c) + 0.5 - u(a)) * slope);
+            if constexpr (isFlat)
+                set(c, across);
+            else
+                set(across, c);
+        }
+    };
+    if (flat)
+        walk(std::true_type{});
+    else
+        walk(std::false_type{});
 }
 
 } // namespace qx

@@ -1,12 +1,13 @@
 // Runs one job through an interpreter into the raster device, the way the fidelity tests do:
-// a given depth and resolution, the staged fonts or none, every page to the test's own sink.
+// a given depth and resolution, the staged fonts or none, every page to the test's sink
+// (a PageCollector, page_collector.h).
 // Header only; the test links the interpreter and the raster device itself.
 
 #pragma once
 
 #include "common/diagnostics.h"
-#include "common/ink_score.h"
 #include "common/job.h"
+#include "common/page_collector.h"
 #include "render/raster_device.h"
 
 #include <cstddef>
@@ -24,14 +25,6 @@ inline void renderJob(Interpret interpret, const uint8_t* data, size_t size, int
     qx::RasterDevice dev(options, sink);
     qx::JobContext ctx{dev, diag, fonts, {}};
     interpret(data, size, ctx);
-}
-
-// A black-and-white page of the raster device as ink.
-inline InkMask inkOfBilevelPage(const qx::RasterPage& p) {
-    InkMask b(p.width, p.height);
-    for (int y = 0; y < p.height; ++y)
-        unpackInkBits(p.row(y), p.width, b.row(y));
-    return b;
 }
 
 } // namespace qxtest

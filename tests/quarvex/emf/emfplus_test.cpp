@@ -368,20 +368,6 @@ TEST(EmfPlus, HostileRecordsWarnAndNeverCrash) {
 
 // --- pixels against Ghostscript
 
-struct GreyGrabber : PageSink {
-    std::vector<qxtest::InkMask> pages;
-    bool writePage(const RasterPage& page) override {
-        pages.push_back(qxtest::inkOfGrey(page.data.data(), page.width, page.height, page.stride, 128));
-        if (const char* keep = std::getenv("QX_KEEP_PICTURES")) {
-            std::ofstream out(std::string(keep) + "/emfplus_ours.pgm", std::ios::binary);
-            out << "P5\n" << page.width << " " << page.height << "\n255\n";
-            for (int y = 0; y < page.height; ++y)
-                out.write(reinterpret_cast<const char*>(page.row(y)), page.width);
-        }
-        return true;
-    }
-};
-
 qxtest::InkMask readPgmInk(const std::string& path) {
     const qxtest::GreyPage g = qxtest::readPgm(path);
     return qxtest::inkOfGrey(g.pixels.data(), g.width, g.height, size_t(g.width), 128);
@@ -453,13 +439,16 @@ showpage
     if (!std::getenv("QX_KEEP_PICTURES"))
         std::filesystem::remove_all(dir);
 
-    GreyGrabber sink;
+    qxtest::PageCollector sink;
     Diagnostics diag("emfplus", false);
     qxtest::renderJob(run, emf.data(), emf.size(), 8, 254, nullptr, sink, diag);
     ASSERT_EQ(sink.pages.size(), 1u);
-    ASSERT_EQ(sink.pages[0].width, ref.width);
-    ASSERT_EQ(sink.pages[0].height, ref.height);
-    const double f = qxtest::inkFScore(sink.pages[0], ref);
+    if (const char* keep = std::getenv("QX_KEEP_PICTURES"))
+        qxtest::writePgm(sink.pages[0], std::string(keep) + "/emfplus_ours.pgm");
+    const qxtest::InkMask ours = qxtest::inkOfGreyPage(sink.pages[0], 128);
+    ASSERT_EQ(ours.width, ref.width);
+    ASSERT_EQ(ours.height, ref.height);
+    const double f = qxtest::inkFScore(ours, ref);
     std::printf("EMF+ shapes: ink F-score %.4f\n", f);
     EXPECT_GE(f, 0.9);
     EXPECT_FALSE(diag.hasWarnings());

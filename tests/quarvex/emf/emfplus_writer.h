@@ -18,13 +18,19 @@ inline void putF(Buffer& b, float f) {
     put32(b, v);
 }
 
+// UTF-16 code units (or glyph numbers), two bytes each.
+inline void putUnits(Buffer& b, const std::u16string& s) {
+    for (char16_t c : s)
+        put16(b, uint16_t(c));
+}
+
 enum : uint16_t {
     EmfPlusHeader = 0x4001, EmfPlusEof = 0x4002, EmfPlusObject = 0x4008, EmfPlusClear = 0x4009,
     EmfPlusFillRects = 0x400A, EmfPlusDrawRects = 0x400B, EmfPlusFillPolygon = 0x400C, EmfPlusDrawLines = 0x400D,
     EmfPlusFillEllipse = 0x400E, EmfPlusDrawEllipse = 0x400F, EmfPlusFillPie = 0x4010, EmfPlusDrawPie = 0x4011,
     EmfPlusDrawArc = 0x4012, EmfPlusFillPath = 0x4014, EmfPlusDrawPath = 0x4015, EmfPlusFillClosedCurve = 0x4016,
     EmfPlusDrawBeziers = 0x4019, EmfPlusDrawImage = 0x401A, EmfPlusDrawImagePoints = 0x401B,
-    EmfPlusDrawString = 0x401C, EmfPlusSave = 0x4025, EmfPlusRestore = 0x4026, EmfPlusSetWorldTransform = 0x402A,
+    EmfPlusDrawString = 0x401C, EmfPlusDrawDriverString = 0x4036, EmfPlusSave = 0x4025, EmfPlusRestore = 0x4026, EmfPlusSetWorldTransform = 0x402A,
     EmfPlusResetWorldTransform = 0x402B, EmfPlusMultiplyWorldTransform = 0x402C, EmfPlusTranslateWorldTransform = 0x402D,
     EmfPlusScaleWorldTransform = 0x402E, EmfPlusRotateWorldTransform = 0x402F, EmfPlusSetPageTransform = 0x4030,
     EmfPlusResetClip = 0x4031, EmfPlusSetClipRect = 0x4032, EmfPlusSetClipPath = 0x4033,
@@ -126,8 +132,7 @@ public:
         put32(b, style);
         put32(b, 0);
         put32(b, uint32_t(family.size()));
-        for (char16_t c : family)
-            put16(b, uint16_t(c));
+        putUnits(b, family);
         return object(id, 6, b);
     }
     // A 24-bit bitmap of w x h pixels (rows top-down, 0xRRGGBB each).
@@ -200,9 +205,22 @@ public:
         put32(b, uint32_t(s.size()));
         for (float v : {x, y, 0.0f, 0.0f})
             putF(b, v);
-        for (char16_t c : s)
-            put16(b, uint16_t(c));
+        putUnits(b, s);
         return rec(EmfPlusDrawString, uint16_t(0x8000 | font), b);
+    }
+    // Glyph numbers (or characters, with DriverStringOptionsCmapLookup in options), each at its
+    // baseline position, in a colour; no matrix.
+    PlusWriter& drawDriverString(uint8_t font, uint32_t argb, uint32_t options, const std::u16string& glyphs,
+                                 const std::vector<std::pair<float, float>>& positions) {
+        Buffer b;
+        for (uint32_t v : {argb, options, 0u, uint32_t(glyphs.size())})
+            put32(b, v);
+        putUnits(b, glyphs);
+        for (auto [x, y] : positions) {
+            putF(b, x);
+            putF(b, y);
+        }
+        return rec(EmfPlusDrawDriverString, uint16_t(0x8000 | font), b);
     }
 
     const Buffer& bytes() const { return m_data; }

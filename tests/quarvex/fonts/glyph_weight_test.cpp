@@ -119,17 +119,9 @@ Bitmap ghostscript(const std::string& fontFile, const std::vector<Placed>& glyph
     return qxtest::readPbm(s.dir / "ref.pbm");
 }
 
-struct Pages : PageSink {
-    std::vector<RasterPage> pages;
-    bool writePage(const RasterPage& p) override {
-        pages.push_back(p);
-        return true;
-    }
-};
-
 Bitmap render(const std::vector<uint8_t>& job, qxtest::Interpret interpret, double dpi, const FontLibrary* fonts,
               std::string& warnings) {
-    Pages sink;
+    qxtest::PageCollector sink;
     Diagnostics diag("glyphs", false);
     qxtest::renderJob(interpret, job.data(), job.size(), 1, dpi, fonts, sink, diag);
     for (const std::string& l : diag.lines())

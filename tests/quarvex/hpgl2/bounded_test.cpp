@@ -5,6 +5,7 @@
 #include "test_support.h"
 
 #include "common/job.h"
+#include "common/page_collector.h"
 #include "fonts/font_library.h"
 #include "pcl5/pcl5.h"
 #include "render/raster_device.h"
@@ -248,18 +249,15 @@ TEST(Hpgl2Bounded, LongPenDownLineReachesTheDeviceInPieces) {
 
 TEST(Hpgl2Bounded, TwoHundredThousandPointFillReachesThePage) {
     // Through the rasterising device at 300 dpi: the page comes out, with ink.
-    struct Sink : PageSink {
-        size_t ink = 0;
-        bool writePage(const RasterPage& page) override {
-            for (int y = 0; y < page.height; ++y)
-                for (int x = 0; x < page.width; ++x)
-                    ink += page.row(y)[x] < 128;
-            return true;
-        }
-    } sink;
+    qxtest::PageCollector sink;
     const std::string job = "\x1b" "E\x1b%0B" + zigzagPolygon(200000) + "\x1b%0A\x1b" "E";
     EXPECT_EQ(rasteriseJob(job, sink, 8).pages, 1);
-    EXPECT_GT(sink.ink, 100000u);
+    size_t ink = 0;
+    for (const RasterPage& page : sink.pages)
+        for (int y = 0; y < page.height; ++y)
+            for (int x = 0; x < page.width; ++x)
+                ink += page.row(y)[x] < 128;
+    EXPECT_GT(ink, 100000u);
 }
 
 TEST(Hpgl2Bounded, SelfIntersectingFillCostsItsRowCrossings) {
@@ -280,9 +278,7 @@ TEST(Hpgl2Bounded, SelfIntersectingFillCostsItsRowCrossings) {
                (i == 0 ? ";PM0;PD" : (i + 1 < n ? "," : ";PM2;FP;"));
     }
     job += "PU;\x1b%0A\x1b" "E";
-    struct Sink : PageSink {
-        bool writePage(const RasterPage&) override { return true; }
-    } sink;
+    qxtest::PageCollector sink;
     const Rasterised done = rasteriseJob(job, sink, 1);
     EXPECT_EQ(done.pages, 1);
     EXPECT_EQ(done.stats.scanFills, 1u);

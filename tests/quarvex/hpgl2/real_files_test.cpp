@@ -6,6 +6,7 @@
 #include "test_support.h"
 
 #include "common/job.h"
+#include "common/page_collector.h"
 #include "fonts/font_library.h"
 #include "pcl5/pcl5.h"
 #include "render/raster_device.h"
@@ -240,13 +241,7 @@ TEST(Hpgl2RealFiles, BareHpgl2WithDashesAndStrokedLettering) {
 TEST(Hpgl2RealFiles, PlotutilsGraphRasterised) {
     // The same job drawn into pixels at 100 dpi: the frame of the plot lands on its rows and
     // columns, and nothing is drawn outside the picture frame.
-    struct Sink : PageSink {
-        std::vector<RasterPage> pages;
-        bool writePage(const RasterPage& p) override {
-            pages.push_back(p);
-            return true;
-        }
-    } sink;
+    qxtest::PageCollector sink;
     RasterOptions options;
     options.depth = 8;
     options.dpiX = options.dpiY = 100;
@@ -300,13 +295,7 @@ TEST(Hpgl2RealFiles, PlotutilsGraphRasterised) {
 TEST(Hpgl2RealFiles, AbsurdValuesThroughTheRasterisingDevice) {
     // Huge and tiny sizes, far coordinates and degenerate shapes: drawn or skipped, never a hang
     // or a crash; the page still comes out.
-    struct Sink : PageSink {
-        int pages = 0;
-        bool writePage(const RasterPage&) override {
-            ++pages;
-            return true;
-        }
-    } sink;
+    qxtest::PageCollector sink;
     RasterOptions options;
     options.depth = 1;
     options.dpiX = options.dpiY = 300;
@@ -330,7 +319,7 @@ TEST(Hpgl2RealFiles, AbsurdValuesThroughTheRasterisingDevice) {
     EXPECT_EQ(runText(gl, job), job.size());
     ASSERT_TRUE(host.open);
     dev.endPage();
-    EXPECT_EQ(sink.pages, 1);
+    EXPECT_EQ(sink.pages.size(), 1u);
 }
 
 // The same jobs whole, through the PCL 5 interpreter that hands HP-GL/2 to this module.

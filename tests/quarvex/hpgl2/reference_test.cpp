@@ -8,6 +8,7 @@
 #include "common/ink_score.h"
 #include "common/pgm.h"
 #include "common/job.h"
+#include "common/page_collector.h"
 #include "common/render_job.h"
 #include "fonts/font_library.h"
 #include "pcl5/pcl5.h"
@@ -30,31 +31,8 @@ using namespace qx;
 
 namespace {
 
-struct Grey {
-    int width = 0, height = 0;
-    std::vector<uint8_t> pixels;
-    // Ink is darker than 200.
-    qxtest::InkMask ink() const { return qxtest::inkOfGrey(pixels.data(), width, height, size_t(width), 200); }
-};
-
-Grey readPgm(const std::string& path) {
-    qxtest::GreyPage g = qxtest::readPgm(path);
-    return Grey{g.width, g.height, std::move(g.pixels)};
-}
-
-struct PageGrabber : PageSink {
-    std::vector<Grey> pages;
-    bool writePage(const RasterPage& page) override {
-        Grey g;
-        g.width = page.width;
-        g.height = page.height;
-        g.pixels.resize(size_t(g.width) * g.height);
-        for (int y = 0; y < page.height; ++y)
-            std::copy(page.row(y), page.row(y) + page.width, g.pixels.begin() + size_t(y) * g.width);
-        pages.push_back(std::move(g));
-        return true;
-    }
-};
+// Ink is darker than this, on both sides.
+constexpr int kInkBelow = 200;
 
 const FontLibrary& fonts() {
     static FontLibrary lib({std::string(QX_STAGE_DIR) + "/fonts"}, false);
@@ -77,18 +55,18 @@ TEST(Hpgl2Reference, PlotsMatchTheirPostScript) {
         ++pairs;
         std::ifstream in(dir / "hpgl2" / (name + ".pcl"), std::ios::binary);
         const std::string job{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-        const Grey ref = readPgm((dir / "hpgl2" / (name + ".ref.pgm")).string());
+        const qxtest::GreyPage ref = qxtest::readPgm((dir / "hpgl2" / (name + ".ref.pgm")).string());
         ASSERT_GT(ref.width, 0);
-        PageGrabber sink;
+        qxtest::PageCollector sink;
         Diagnostics diag(name, false);
         qxtest::renderJob(pcl5::run, reinterpret_cast<const uint8_t*>(job.data()), job.size(), 8, dpi, &fonts(),
                           sink, diag);
         ASSERT_EQ(sink.pages.size(), 1u);
-        const Grey& page = sink.pages[0];
+        const RasterPage& page = sink.pages[0];
         ASSERT_EQ(page.width, ref.width);
         ASSERT_EQ(page.height, ref.height);
         EXPECT_GE(floor, 0.9);
-        const double f = qxtest::inkFScore(page.ink(), ref.ink());
+        const double f = qxtest::inkFScore(qxtest::inkOfGreyPage(page, kInkBelow), qxtest::inkOfGrey(ref.pixels.data(), ref.width, ref.height, size_t(ref.width), kInkBelow));
         std::printf("%s: ink F-score %.4f (floor %.2f)\n", name.c_str(), f, floor);
         EXPECT_GE(f, floor);
     }

@@ -55,25 +55,17 @@ std::vector<Bitmap> readTiff(const std::string& path) {
     return pages;
 }
 
-struct Pages : PageSink {
-    std::vector<Bitmap> pages;
-    bool writePage(const RasterPage& p) override {
-        Bitmap b(p.width, p.height);
-        for (int y = 0; y < p.height; ++y)
-            qxtest::unpackInkBits(p.row(y), p.width, b.row(y));
-        pages.push_back(std::move(b));
-        return true;
-    }
-};
-
 std::vector<Bitmap> renderJob(const std::string& path, double dpi = 300) {
     std::ifstream in(path, std::ios::binary);
     const std::string job{std::istreambuf_iterator<char>(in), {}};
     static FontLibrary fonts({std::string(QX_STAGE_DIR) + "/fonts"}, false);
-    Pages sink;
+    qxtest::PageCollector sink;
     Diagnostics diag(path, false);
     qxtest::renderJob(pcl5::run, reinterpret_cast<const uint8_t*>(job.data()), job.size(), 1, dpi, &fonts, sink, diag);
-    return std::move(sink.pages);
+    std::vector<Bitmap> pages;
+    for (const RasterPage& p : sink.pages)
+        pages.push_back(qxtest::inkOfBilevelPage(p));
+    return pages;
 }
 
 } // namespace

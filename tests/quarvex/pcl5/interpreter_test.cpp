@@ -714,17 +714,9 @@ TEST(Pcl5Macros, HostileMacrosEnd) {
 
 namespace {
 
-struct PageCapture : PageSink {
-    std::vector<RasterPage> pages;
-    bool writePage(const RasterPage& page) override {
-        pages.push_back(page);
-        return true;
-    }
-};
-
 // Renders a job to 24-bit pages at 300 dpi and counts the pixels of each colour on page 1.
 std::map<std::tuple<int, int, int>, int> colourCounts(const std::string& job) {
-    PageCapture sink;
+    qxtest::PageCollector sink;
     RasterOptions opt;
     opt.depth = 24;
     opt.dpiX = opt.dpiY = 300;

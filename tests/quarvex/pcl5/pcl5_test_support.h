@@ -4,6 +4,7 @@
 #include "pcl5/pcl5.h"
 
 #include "common/diagnostics.h"
+#include "common/page_collector.h"
 #include "fonts/font_library.h"
 #include "render/raster_device.h"
 #include "render/recording_device.h"
@@ -53,17 +54,9 @@ Result runPcl(const std::string& job, PjlDefaults pjl = {}, bool withFonts = tru
 
 const std::string ESC = "\x1b";
 
-struct PageCollector : PageSink {
-    std::vector<RasterPage> pages;
-    bool writePage(const RasterPage& page) override {
-        pages.push_back(page);
-        return true;
-    }
-};
-
 // The job's pages drawn by the rasterising device at `dpi` in `depth` bits.
 [[maybe_unused]] std::vector<RasterPage> renderPcl(const std::string& job, double dpi = 300, int depth = 8) {
-    PageCollector sink;
+    qxtest::PageCollector sink;
     RasterOptions opt;
     opt.depth = depth;
     opt.dpiX = opt.dpiY = dpi;

@@ -7,6 +7,7 @@
 #include "pcl5/pcl5.h"
 
 #include "common/diagnostics.h"
+#include "common/page_collector.h"
 #include "fonts/font_library.h"
 #include "render/raster_device.h"
 
@@ -20,14 +21,6 @@
 using namespace qx;
 
 namespace {
-
-struct Pages : PageSink {
-    std::vector<RasterPage> pages;
-    bool writePage(const RasterPage& page) override {
-        pages.push_back(page);
-        return true;
-    }
-};
 
 struct InkBox {
     int x0 = -1, y0 = -1, x1 = -1, y1 = -1; // inclusive
@@ -76,7 +69,7 @@ Rendered render(const std::string& name, int depth = 1, double dpi = 300) {
     const std::string job = readFile(name);
     EXPECT_FALSE(job.empty()) << name;
     static FontLibrary fonts({std::string(QX_STAGE_DIR) + "/fonts"}, false);
-    Pages sink;
+    qxtest::PageCollector sink;
     RasterOptions opt;
     opt.depth = depth;
     opt.dpiX = opt.dpiY = dpi;

@@ -1,6 +1,7 @@
 // The interpreter on hand-assembled streams, drawing into a recording device.
 
 #include "common/diagnostics.h"
+#include "common/page_collector.h"
 #include "fonts/font_library.h"
 #include "pclxl/pclxl.h"
 #include "render/raster_device.h"
@@ -101,16 +102,7 @@ TEST(Pages, ZeroCopiesPrintNoPageAndMoreCopiesStillOne) {
 }
 
 TEST(Pages, AZeroCopyPageLeavesNothingOnTheNextOne) {
-    // Counts the pages that reach the output and the grey pixels that are not white on them.
-    struct InkCounter : PageSink {
-        int pages = 0;
-        size_t inked = 0;
-        bool writePage(const RasterPage& p) override {
-            ++pages;
-            inked += size_t(std::count_if(p.data.begin(), p.data.end(), [](uint8_t v) { return v != 255; }));
-            return true;
-        }
-    } counter;
+    qxtest::PageCollector counter;
     RasterOptions o;
     o.depth = 8;
     o.dpiX = o.dpiY = 30;
@@ -126,8 +118,12 @@ TEST(Pages, AZeroCopyPageLeavesNothingOnTheNextOne) {
     JobContext ctx{dev, diag, nullptr, {}};
     run(w.bytes.data(), w.bytes.size(), ctx);
     EXPECT_EQ(dev.pagesWritten(), 1);
-    EXPECT_EQ(counter.pages, 1);
-    EXPECT_EQ(counter.inked, 0u);
+    // The pages that reach the output, and the grey pixels that are not white on them.
+    EXPECT_EQ(counter.pages.size(), 1u);
+    size_t inked = 0;
+    for (const RasterPage& p : counter.pages)
+        inked += size_t(std::count_if(p.data.begin(), p.data.end(), [](uint8_t v) { return v != 255; }));
+    EXPECT_EQ(inked, 0u);
 }
 
 TEST(Pages, NamedAndCustomSizesAndOrientations) {

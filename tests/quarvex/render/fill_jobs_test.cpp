@@ -4,6 +4,7 @@
 
 #include "common/diagnostics.h"
 #include "common/job.h"
+#include "common/page_collector.h"
 #include "pcl5/pcl5.h"
 #include "pclxl/pclxl.h"
 #include "render/raster_device.h"
@@ -15,22 +16,13 @@
 #include <vector>
 
 using namespace qx;
+using qxtest::PageCollector;
 
 namespace {
 
-struct CountSink : PageSink {
-    int pages = 0;
-    uint64_t pixels = 0;
-    bool writePage(const RasterPage& page) override {
-        ++pages;
-        pixels += uint64_t(page.width) * uint64_t(page.height);
-        return true;
-    }
-};
-
 using Run = size_t (*)(const uint8_t*, size_t, JobContext&);
 
-RasterStats runJob(Run run, const std::string& job, int depth, CountSink& sink) {
+RasterStats runJob(Run run, const std::string& job, int depth, PageCollector& sink) {
     RasterOptions options;
     options.depth = depth;
     options.dpiX = options.dpiY = 300;
@@ -43,12 +35,12 @@ RasterStats runJob(Run run, const std::string& job, int depth, CountSink& sink) 
 
 // One page came out, every fill was a rectangle, and between half a page and a page of pixels
 // was drawn, without coverage bands.
-void expectOnePageDrawnOnce(const RasterStats& s, const CountSink& sink, uint64_t fills, int depth) {
-    ASSERT_EQ(sink.pages, 1) << depth;
+void expectOnePageDrawnOnce(const RasterStats& s, const PageCollector& sink, uint64_t fills, int depth) {
+    ASSERT_EQ(sink.pages.size(), 1u) << depth;
     EXPECT_EQ(s.rectangles, fills) << depth;
     EXPECT_LE(s.rectProbes, 2u) << depth;
-    EXPECT_GT(s.rectPixels, sink.pixels / 2) << depth;
-    EXPECT_LE(s.rectPixels, sink.pixels) << depth;
+    EXPECT_GT(s.rectPixels, sink.pixels() / 2) << depth;
+    EXPECT_LE(s.rectPixels, sink.pixels()) << depth;
     EXPECT_EQ(s.bandPixels, 0u) << depth;
 }
 
@@ -91,7 +83,7 @@ TEST(FillJobs, TenThousandPcl5PageRectanglesDrawThePageOnce) {
         job += "\x1b*c32767a32767b0P";
     job += "\x0c\x1b" "E";
     for (int depth : {1, 8, 24}) {
-        CountSink sink;
+        PageCollector sink;
         const RasterStats s = runJob(pcl5::run, job, depth, sink);
         expectOnePageDrawnOnce(s, sink, 10000, depth);
     }
@@ -118,7 +110,7 @@ TEST(FillJobs, TwoThousandPclXlPatternFillsDrawThePageOnce) {
         xl.box(0, 0, 2550, 3300).a(66).op(0xA0); // Rectangle over the whole page
     xl.op(0x44).op(0x49).op(0x42);               // EndPage, CloseDataSource, EndSession
     for (int depth : {1, 8, 24}) {
-        CountSink sink;
+        PageCollector sink;
         const RasterStats s = runJob(pclxl::run, xl.b, depth, sink);
         expectOnePageDrawnOnce(s, sink, 2000, depth);
     }

@@ -2,6 +2,7 @@
 // (coverage bands rendered, pixels blended one by one), and the quick ways must give the very
 // pixels of the band-by-band way.
 
+#include "common/page_collector.h"
 #include "render/raster_device.h"
 #include "render/raster_ops.h"
 
@@ -12,16 +13,9 @@
 #include <vector>
 
 using namespace qx;
+using qxtest::PageCollector;
 
 namespace {
-
-struct KeepSink : PageSink {
-    std::vector<RasterPage> pages;
-    bool writePage(const RasterPage& page) override {
-        pages.push_back(page);
-        return true;
-    }
-};
 
 RasterOptions opts(int depth, double dpi) {
     RasterOptions o;
@@ -71,7 +65,7 @@ RenderState state(bool patternTransparent, uint8_t rop = 252) {
 // stats.
 RasterPage pageOfFills(int depth, int n, const Path& path, const Paint& paint, const RenderState& rs,
                        RasterStats& stats) {
-    KeepSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(depth, 100), sink);
     dev.beginPage(PageSpec{612, 792, 0, 0});
     for (int i = 0; i < n; ++i)
@@ -100,7 +94,7 @@ TEST(PageFills, WholePageFillsInOneColourRenderNoCoverage) {
 TEST(PageFills, WholePageFillsWithAPatternBlendWholeWords) {
     for (int depth : {8, 24}) {
         for (bool transparent : {false, true}) {
-            KeepSink sink;
+            PageCollector sink;
             RasterDevice dev(opts(depth, 100), sink);
             dev.beginPage(PageSpec{612, 792, 0, 0});
             dev.fillPath(rect(0, 0, 612, 396), FillRule::NonZero, Paint::solid({0, 0, 200}), state(true));
@@ -127,7 +121,7 @@ TEST(PageFills, RectanglesCoverThePixelsOfBandByBandFills) {
                                {-40, -40, 700, 900},        {100.0833, 200.1666, 50.0417, 25.0833}};
     for (int depth : {1, 8, 24}) {
         for (int variant = 0; variant < 4; ++variant) {
-            KeepSink quick, bands;
+            PageCollector quick, bands;
             RasterDevice a(opts(depth, dpi), quick), b(opts(depth, dpi), bands);
             for (RasterDevice* dev : {&a, &b}) {
                 dev->beginPage(PageSpec{612, 792, 0, 0});
@@ -152,7 +146,7 @@ TEST(PageFills, RectanglesCoverThePixelsOfBandByBandFills) {
 
 // A page clears only the rows the one before drew on, and says which rows may hold ink.
 TEST(PageFills, PagesReportAndClearTheRowsDrawnOn) {
-    KeepSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(24, 72), sink);
     dev.beginPage(PageSpec{612, 792, 0, 0});
     dev.fillPath(rect(100, 200, 50, 20), FillRule::NonZero, Paint::solid(Rgb::black()), state(true));
@@ -250,7 +244,7 @@ TEST(PageFills, PutOffFillsGiveThePixelsOfFillsDrawnAtOnce) {
                             Paint::tiled(checkerTile(2.4)), Paint::tiled(opaqueTile())};
     for (int depth : {1, 8, 24}) {
         for (uint32_t seed : {1u, 7u, 42u, 1234u}) {
-            KeepSink quick, bands;
+            PageCollector quick, bands;
             RasterDevice a(opts(depth, 90), quick), b(opts(depth, 90), bands);
             for (RasterDevice* dev : {&a, &b}) {
                 uint32_t r = seed;
@@ -305,7 +299,7 @@ TEST(PageFills, PutOffFillsGiveThePixelsOfFillsDrawnAtOnce) {
 // next page of the same size starts white again.
 TEST(PageFills, LargePagesStartWhiteAndComeBackWhite) {
     for (int depth : {8, 24}) {
-        KeepSink sink;
+        PageCollector sink;
         RasterDevice dev(opts(depth, 300), sink);
         for (int page = 0; page < 2; ++page) {
             dev.beginPage(PageSpec{612, 792, 0, 0});

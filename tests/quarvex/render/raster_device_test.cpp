@@ -1,3 +1,4 @@
+#include "common/page_collector.h"
 #include "render/raster_device.h"
 #include "render/raster_ops.h"
 
@@ -9,21 +10,9 @@
 #include <vector>
 
 using namespace qx;
+using qxtest::PageCollector;
 
 namespace {
-
-struct CaptureSink : PageSink {
-    std::vector<RasterPage> pages;
-    int calls = 0;
-    int failFrom = -1; // the call index from which writes fail; -1 never
-    bool writePage(const RasterPage& page) override {
-        const int index = calls++;
-        if (failFrom >= 0 && index >= failFrom)
-            return false;
-        pages.push_back(page);
-        return true;
-    }
-};
 
 // A 72 x 72 point page at 72 dpi: one point is one pixel, which keeps expectations readable.
 PageSpec square(double side = 72) { return PageSpec{side, side, 0, 0}; }
@@ -139,7 +128,7 @@ int countBlackRgb(const RasterPage& p) {
 
 TEST(RasterDevice, EmptyPageIsWhiteInEveryDepth) {
     for (int depth : {1, 8, 24}) {
-        CaptureSink sink;
+        PageCollector sink;
         RasterDevice dev(opts(depth, 300), sink);
         dev.beginPage(PageSpec{});
         dev.endPage();
@@ -164,7 +153,7 @@ TEST(RasterDevice, EmptyPageIsWhiteInEveryDepth) {
 }
 
 TEST(RasterDevice, PageToDeviceFollowsOptions) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterOptions o;
     o.pageWidthPx = 306;
     o.pageHeightPx = 200;
@@ -184,7 +173,7 @@ TEST(RasterDevice, PageToDeviceFollowsOptions) {
 }
 
 TEST(RasterDevice, FaxPageIsBilevelAt204Dpi) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterOptions o;
     o.fax = 1;
     RasterDevice dev(o, sink);
@@ -206,22 +195,22 @@ TEST(RasterDevice, FaxPageIsBilevelAt204Dpi) {
 }
 
 TEST(RasterDevice, SinkFailureStopsFurtherPages) {
-    CaptureSink sink;
-    sink.failFrom = 1;
+    PageCollector sink;
+    sink.refuseFrom = 1;
     RasterDevice dev(opts(8), sink);
     for (int i = 0; i < 3; ++i) {
         dev.beginPage(square());
         dev.fillPath(rect(0, 0, 10, 10), FillRule::NonZero, Paint::solid(Rgb::black()), RenderState{});
         dev.endPage();
     }
-    EXPECT_EQ(sink.calls, 2);
+    EXPECT_EQ(sink.offered, 2);
     EXPECT_EQ(sink.pages.size(), 1u);
     EXPECT_EQ(dev.pagesWritten(), 1);
     EXPECT_TRUE(dev.sinkFailed());
 }
 
 TEST(RasterDevice, PagesAreIndependent) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square());
     dev.fillPath(rect(0, 0, 72, 72), FillRule::NonZero, Paint::solid(Rgb::black()), RenderState{});
@@ -239,7 +228,7 @@ TEST(RasterDevice, PagesAreIndependent) {
 TEST(RasterDevice, BlackAndWhitePagesStartWhiteAgainAtTheSameSize) {
     // Black-and-white pages reuse one page store: a page after a black one is white wherever
     // nothing was drawn, rows drawn on and rows left alone alike.
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(1), sink);
     dev.beginPage(square());
     dev.fillPath(rect(0, 0, 72, 72), FillRule::NonZero, Paint::solid(Rgb::black()), RenderState{});
@@ -262,17 +251,17 @@ TEST(RasterDevice, BlackAndWhitePagesStartWhiteAgainAtTheSameSize) {
 }
 
 TEST(RasterDevice, DrawingOutsideAPageIsIgnored) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(24), sink);
     dev.fillPath(rect(0, 0, 10, 10), FillRule::NonZero, Paint::solid(Rgb::black()), RenderState{});
     dev.endPage();
-    EXPECT_EQ(sink.calls, 0);
+    EXPECT_EQ(sink.offered, 0);
 }
 
 // ---- fills ----------------------------------------------------------------------------------
 
 TEST(RasterDevice, FillCoversPixelCentresExactly) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(24), sink);
     dev.beginPage(square());
     dev.fillPath(rect(10, 20, 15, 5), FillRule::NonZero, Paint::solid({200, 10, 30}), RenderState{});
@@ -289,7 +278,7 @@ TEST(RasterDevice, EvenOddLeavesTheHoleNonZeroFillsIt) {
     Path nested = rect(10, 10, 40, 40);
     nested.append(rect(20, 20, 20, 20)); // same winding direction
     for (FillRule rule : {FillRule::NonZero, FillRule::EvenOdd}) {
-        CaptureSink sink;
+        PageCollector sink;
         RasterDevice dev(opts(8), sink);
         dev.beginPage(square());
         dev.fillPath(nested, rule, Paint::solid(Rgb::black()), RenderState{});
@@ -302,7 +291,7 @@ TEST(RasterDevice, EvenOddLeavesTheHoleNonZeroFillsIt) {
 }
 
 TEST(RasterDevice, CurvesAreFilledWithoutAntialiasing) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square());
     // A circle of radius 30 around (36, 36) from four Béziers.
@@ -330,7 +319,7 @@ TEST(RasterDevice, CurvesAreFilledWithoutAntialiasing) {
 }
 
 TEST(RasterDevice, NonePaintDrawsNothing) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(24), sink);
     dev.beginPage(square());
     dev.fillPath(rect(0, 0, 72, 72), FillRule::NonZero, Paint::none(), RenderState{});
@@ -342,7 +331,7 @@ TEST(RasterDevice, NonePaintDrawsNothing) {
 }
 
 TEST(RasterDevice, HostileCoordinatesDoNotCrash) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square());
     Path huge;
@@ -379,7 +368,7 @@ TEST(RasterDevice, StrokeWidthAndCaps) {
                  {StrokeStyle::Cap::Square, 8, 52},
                  {StrokeStyle::Cap::Round, 8, 52}};
     for (const Case& c : cases) {
-        CaptureSink sink;
+        PageCollector sink;
         RasterDevice dev(opts(8), sink);
         dev.beginPage(square());
         Path line;
@@ -408,7 +397,7 @@ TEST(RasterDevice, StrokeWidthAndCaps) {
 }
 
 TEST(RasterDevice, ZeroWidthIsOnePixelLine) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square());
     StrokeStyle s;
@@ -452,7 +441,7 @@ TEST(RasterDevice, ZeroWidthIsOnePixelLine) {
 
 TEST(RasterDevice, ThinLinesNeverDisappear) {
     // Much thinner than a pixel, on a low resolution page: still one pixel wide.
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8, 36), sink);
     dev.beginPage(square());
     StrokeStyle s;
@@ -469,7 +458,7 @@ TEST(RasterDevice, ThinLinesNeverDisappear) {
 
 TEST(RasterDevice, DashedStrokes) {
     for (double width : {0.0, 2.0}) {
-        CaptureSink sink;
+        PageCollector sink;
         RasterDevice dev(opts(8), sink);
         dev.beginPage(square());
         StrokeStyle s;
@@ -491,7 +480,7 @@ TEST(RasterDevice, DashedStrokes) {
 
 TEST(RasterDevice, MiterAndBevelJoins) {
     for (StrokeStyle::Join join : {StrokeStyle::Join::Miter, StrokeStyle::Join::Bevel}) {
-        CaptureSink sink;
+        PageCollector sink;
         RasterDevice dev(opts(8), sink);
         dev.beginPage(square());
         Path corner;
@@ -512,7 +501,7 @@ TEST(RasterDevice, MiterAndBevelJoins) {
 // ---- clipping -------------------------------------------------------------------------------
 
 TEST(RasterDevice, RectangleClip) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square());
     RenderState rs;
@@ -526,7 +515,7 @@ TEST(RasterDevice, RectangleClip) {
 }
 
 TEST(RasterDevice, ClipIsTheIntersectionOfItsPaths) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square());
     Path tri;
@@ -559,7 +548,7 @@ TEST(RasterDevice, ClipIsTheIntersectionOfItsPaths) {
 }
 
 TEST(RasterDevice, EvenOddClipAndClipChanges) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square());
     Path ring = rect(10, 10, 50, 50);
@@ -583,7 +572,7 @@ TEST(RasterDevice, EvenOddClipAndClipChanges) {
 }
 
 TEST(RasterDevice, ClipOutsideThePageDrawsNothing) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square());
     RenderState rs;
@@ -601,7 +590,7 @@ namespace {
 // D = dst, then one drawImage of a single-colour image S with solid texture T and the rop,
 // both transparencies opaque; returns the resulting pixel.
 Rgb ropResult(uint8_t rop, Rgb dst, Rgb src, Rgb tex) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(24), sink);
     dev.beginPage(square(8));
     dev.fillPath(rect(0, 0, 8, 8), FillRule::NonZero, Paint::solid(dst), RenderState{});
@@ -613,7 +602,7 @@ Rgb ropResult(uint8_t rop, Rgb dst, Rgb src, Rgb tex) {
 
 // The same for a fill, where S is black.
 Rgb fillRopResult(uint8_t rop, Rgb dst, Rgb tex) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(24), sink);
     dev.beginPage(square(8));
     dev.fillPath(rect(0, 0, 8, 8), FillRule::NonZero, Paint::solid(dst), RenderState{});
@@ -664,7 +653,7 @@ TEST(RasterDevice, RopFamiliesOnFills) {
 }
 
 TEST(RasterDevice, RopOnGreyPagesUsesLuminance) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square(8));
     dev.fillPath(rect(0, 0, 8, 8), FillRule::NonZero, Paint::solid({0xF0, 0xF0, 0xF0}), RenderState{});
@@ -679,7 +668,7 @@ TEST(RasterDevice, SourceTransparency) {
     // An image with a white left half and a black right half over a grey page.
     const Image im = grayImage(8, 8, [](int x, int) { return x < 4 ? 255 : 0; });
     for (bool transparent : {true, false}) {
-        CaptureSink sink;
+        PageCollector sink;
         RasterDevice dev(opts(8), sink);
         dev.beginPage(square(8));
         dev.fillPath(rect(0, 0, 8, 8), FillRule::NonZero, Paint::solid({100, 100, 100}), RenderState{});
@@ -697,7 +686,7 @@ TEST(RasterDevice, PatternTransparencyOnFills) {
     // Columns alternate black and white in the tile.
     auto stripes = tile(2, 1, {Rgb::black(), Rgb::white()});
     for (bool transparent : {true, false}) {
-        CaptureSink sink;
+        PageCollector sink;
         RasterDevice dev(opts(8), sink);
         dev.beginPage(square(8));
         dev.fillPath(rect(0, 0, 8, 8), FillRule::NonZero, Paint::solid({100, 100, 100}), RenderState{});
@@ -718,7 +707,7 @@ TEST(RasterDevice, TransparencyInteractionOnImages) {
     auto rows = tile(1, 2, {Rgb::white(), Rgb::black()});
     const int D = 100;
     auto run = [&](bool srcT, bool patT, uint8_t rop) {
-        CaptureSink sink;
+        PageCollector sink;
         RasterDevice dev(opts(8), sink);
         dev.beginPage(square(8));
         dev.fillPath(rect(0, 0, 8, 8), FillRule::NonZero, Paint::solid({D, D, D}), RenderState{});
@@ -744,7 +733,7 @@ TEST(RasterDevice, TransparencyInteractionOnImages) {
 }
 
 TEST(RasterDevice, SolidWhitePaintIsNeverPatternTransparent) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square(8));
     dev.fillPath(rect(0, 0, 8, 8), FillRule::NonZero, Paint::solid(Rgb::black()), RenderState{});
@@ -757,7 +746,7 @@ TEST(RasterDevice, SolidWhitePaintIsNeverPatternTransparent) {
 // ---- patterns -------------------------------------------------------------------------------
 
 TEST(RasterDevice, PatternTilesAnchoredAtThePageOrigin) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(24), sink);
     dev.beginPage(square(16));
     const Rgb R{255, 0, 0}, G{0, 255, 0}, B{0, 0, 255}, K = Rgb::black();
@@ -776,7 +765,7 @@ TEST(RasterDevice, PatternTilesAnchoredAtThePageOrigin) {
 }
 
 TEST(RasterDevice, PatternTileScaledAndShifted) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8, 144), sink); // 2 pixels a point
     dev.beginPage(square(16));
     // A 2x1 tile whose pixels are 1 point wide, shifted by one point: 2 device pixels each.
@@ -790,7 +779,7 @@ TEST(RasterDevice, PatternTileScaledAndShifted) {
 }
 
 TEST(RasterDevice, RotatedPattern) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square(8));
     // Rows of the tile become columns after a quarter turn.
@@ -808,7 +797,7 @@ TEST(RasterDevice, RotatedPattern) {
 // ---- images ---------------------------------------------------------------------------------
 
 TEST(RasterDevice, ImageOneToOneIsExact) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(24, 300), sink);
     dev.beginPage(square(72));
     const Image im = rgbImage(37, 23, [](int x, int y) {
@@ -828,7 +817,7 @@ TEST(RasterDevice, ImageOneToOneIsExact) {
 }
 
 TEST(RasterDevice, ImageScaledByWholeFactors) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8, 300), sink);
     dev.beginPage(square(72));
     const Image im = grayImage(10, 10, [](int x, int y) { return (x + y) % 2 ? 0 : 200; });
@@ -850,7 +839,7 @@ TEST(RasterDevice, ImageStripsHaveNoSeams) {
     for (double imageDpi : {300.0, 150.0, 200.0, 75.0, 450.0, 97.0, 600.0, 1200.0}) {
         std::vector<RasterPage> results;
         for (bool strips : {false, true}) {
-            CaptureSink sink;
+            PageCollector sink;
             RasterDevice dev(opts(8, 300), sink);
             dev.beginPage(square(72));
             if (!strips) {
@@ -900,7 +889,7 @@ TEST(RasterDevice, ImageStripsHaveNoSeams) {
 
 TEST(RasterDevice, RotatedAndFlippedImages) {
     const Image im = grayImage(4, 2, [](int x, int y) { return y * 4 + x; });
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square(16));
     // A quarter turn clockwise about the origin, then moved right: image x runs down the page.
@@ -920,7 +909,7 @@ TEST(RasterDevice, RotatedAndFlippedImages) {
 
 TEST(RasterDevice, GreyImageOnRgbAndRgbImageOnGrey) {
     {
-        CaptureSink sink;
+        PageCollector sink;
         RasterDevice dev(opts(24), sink);
         dev.beginPage(square(4));
         dev.drawImage(grayImage(4, 4, [](int, int) { return 77; }), {}, Paint::solid(Rgb::black()), opaque(204));
@@ -928,7 +917,7 @@ TEST(RasterDevice, GreyImageOnRgbAndRgbImageOnGrey) {
         EXPECT_EQ(px(sink.pages.at(0), 2, 2), (Rgb{77, 77, 77}));
     }
     {
-        CaptureSink sink;
+        PageCollector sink;
         RasterDevice dev(opts(8), sink);
         dev.beginPage(square(4));
         dev.drawImage(rgbImage(4, 4, [](int, int) { return Rgb{0, 255, 0}; }), {}, Paint::solid(Rgb::black()),
@@ -939,7 +928,7 @@ TEST(RasterDevice, GreyImageOnRgbAndRgbImageOnGrey) {
 }
 
 TEST(RasterDevice, ImageThroughClip) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square(16));
     Path tri;
@@ -962,7 +951,7 @@ TEST(RasterDevice, MaskOneToOne) {
     auto ink = [](int x, int y) { return ((x * 3 + y * 5) % 7) < 3 || x == 0; };
     const Mask m = makeMask(45, 19, ink);
     for (int depth : {1, 8}) {
-        CaptureSink sink;
+        PageCollector sink;
         RasterDevice dev(opts(depth, 300), sink);
         dev.beginPage(square(72));
         dev.fillMask(m, placed(2.4, 4.8, 300), Paint::solid(Rgb::black()), RenderState{});
@@ -983,7 +972,7 @@ TEST(RasterDevice, MaskOneToOne) {
 
 TEST(RasterDevice, MaskPartlyOffThePage) {
     const Mask m = makeMask(20, 20, [](int, int) { return true; });
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square(10));
     dev.fillMask(m, Matrix::translate(-5, -7), Paint::solid(Rgb::black()), RenderState{});
@@ -1003,7 +992,7 @@ TEST(RasterDevice, MaskPartlyOffThePage) {
 
 TEST(RasterDevice, MaskScaledWithPaintAndRop) {
     const Mask m = makeMask(4, 4, [](int x, int y) { return x == y; });
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(24), sink);
     dev.beginPage(square(16));
     dev.fillPath(rect(0, 0, 16, 16), FillRule::NonZero, Paint::solid({0xF0, 0xF0, 0xF0}), RenderState{});
@@ -1021,7 +1010,7 @@ TEST(RasterDevice, MaskScaledWithPaintAndRop) {
 TEST(RasterDevice, MaskWithPatternAndClip) {
     const Mask m = makeMask(8, 8, [](int, int) { return true; });
     auto checker = tile(2, 2, {Rgb::black(), Rgb::white(), Rgb::white(), Rgb::black()});
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square(8));
     dev.fillPath(rect(0, 0, 8, 8), FillRule::NonZero, Paint::solid({100, 100, 100}), RenderState{});
@@ -1043,7 +1032,7 @@ TEST(RasterDevice, MaskWithPatternAndClip) {
 
 TEST(RasterDevice, RotatedMask) {
     const Mask m = makeMask(3, 1, [](int, int) { return true; });
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square(8));
     dev.fillMask(m, Matrix::translate(5, 2) * Matrix::rotate(M_PI / 2), Paint::solid(Rgb::black()),
@@ -1063,7 +1052,7 @@ TEST(RasterDevice, RotatedMask) {
 // ---- output depths --------------------------------------------------------------------------
 
 TEST(RasterDevice, BilevelKeepsBlackAndWhiteAndDithersGrey) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(1), sink);
     dev.beginPage(square(64));
     dev.fillPath(rect(0, 0, 32, 32), FillRule::NonZero, Paint::solid(Rgb::black()), RenderState{});
@@ -1089,7 +1078,7 @@ TEST(RasterDevice, BilevelKeepsBlackAndWhiteAndDithersGrey) {
     EXPECT_EQ(greyCount, 512); // 50% grey: half of the pixels, exactly over whole 16x16 cells
     EXPECT_NEAR(redCount, 1024 * (255 - 76) / 255.0, 8);
     // Deterministic: the same page again gives the same bits.
-    CaptureSink again;
+    PageCollector again;
     RasterDevice dev2(opts(1), again);
     dev2.beginPage(square(64));
     dev2.fillPath(rect(32, 0, 32, 32), FillRule::NonZero, Paint::solid({128, 128, 128}), RenderState{});
@@ -1100,7 +1089,7 @@ TEST(RasterDevice, BilevelKeepsBlackAndWhiteAndDithersGrey) {
 }
 
 TEST(RasterDevice, BilevelPageHasMinIsWhiteBitsAndPaddedRows) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(1), sink);
     dev.beginPage(square(13));
     dev.fillPath(rect(12, 0, 1, 13), FillRule::NonZero, Paint::solid(Rgb::black()), RenderState{});
@@ -1114,7 +1103,7 @@ TEST(RasterDevice, BilevelPageHasMinIsWhiteBitsAndPaddedRows) {
 // Draws the same calls on a grey page and a black-and-white one. Where no raster operation reads
 // the page, every black-and-white pixel must be the grey pixel halftoned at its position.
 void expectBilevelIsDitheredGrey(const std::function<void(Device&)>& draw, int side) {
-    CaptureSink greySink, bitSink;
+    PageCollector greySink, bitSink;
     RasterDevice greyDev(opts(8), greySink), bitDev(opts(1), bitSink);
     for (Device* d : {static_cast<Device*>(&greyDev), static_cast<Device*>(&bitDev)}) {
         d->beginPage(square(side));
@@ -1200,7 +1189,7 @@ TEST(RasterDevice, BilevelRasterOperationsWorkOnTheHalftonedBits) {
     // The exclusive-or masking trick drivers use (S xor D, then S xor D again) gives the page
     // back exactly, greys included, because the source is halftoned the same way both times.
     const Image ramp = grayImage(40, 40, [](int x, int y) { return (x * 13 + y * 5) % 256; });
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(1), sink);
     dev.beginPage(square(48));
     dev.fillPath(rect(8, 8, 20, 30), FillRule::NonZero, Paint::solid({90, 90, 90}), RenderState{});
@@ -1219,7 +1208,7 @@ TEST(RasterDevice, BilevelRasterOperationsWorkOnTheHalftonedBits) {
     EXPECT_NE(sink.pages[1].data, sink.pages[0].data);
     EXPECT_EQ(sink.pages[2].data, sink.pages[0].data);
     // Inverting the destination (Dn) flips every bit under the fill and nothing else.
-    CaptureSink inv;
+    PageCollector inv;
     RasterDevice dev2(opts(1), inv);
     dev2.beginPage(square(48));
     dev2.fillPath(rect(8, 8, 20, 30), FillRule::NonZero, Paint::solid({90, 90, 90}), RenderState{});
@@ -1250,7 +1239,7 @@ TEST(RasterDevice, MasksDrawnSmallerKeepTheirTone) {
             for (int x = 0; x < 256; ++x)
                 inked += screens[i](x, y);
         for (int depth : {1, 8}) {
-            CaptureSink sink;
+            PageCollector sink;
             RasterDevice dev(opts(depth, 300), sink);
             dev.beginPage(square(72));
             dev.fillMask(m, placed(12, 12, 600), Paint::solid(Rgb::black()), RenderState{});
@@ -1271,7 +1260,7 @@ TEST(RasterDevice, MasksDrawnSmallerKeepTheirTone) {
     }
     // Solid ink stays solid and its edges stay where the mask's are.
     const Mask solid = makeMask(64, 64, [](int, int) { return true; });
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8, 300), sink);
     dev.beginPage(square(72));
     dev.fillMask(solid, placed(12, 12, 600), Paint::solid(Rgb::black()), RenderState{});
@@ -1291,7 +1280,7 @@ TEST(RasterDevice, ImagesDrawnSmallerAverageTheirPixels) {
     // black-and-white page keeps its tone; sampling every other pixel would print it solid or
     // leave it out.
     const Image screen = grayImage(128, 128, [](int x, int y) { return ((x + y) & 1) ? 255 : 0; });
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(1, 300), sink);
     dev.beginPage(square(72));
     dev.drawImage(screen, placed(12, 12, 600), Paint::solid(Rgb::black()), opaque(204));
@@ -1305,7 +1294,7 @@ TEST(RasterDevice, ImagesDrawnSmallerAverageTheirPixels) {
     // A grey picture is averaged and then halftoned like any grey: exactly the ordered dither
     // of a fill in the same grey.
     const Image flat = grayImage(128, 128, [](int, int) { return 100; });
-    CaptureSink a, b;
+    PageCollector a, b;
     RasterDevice da(opts(1, 300), a), db(opts(1, 300), b);
     da.beginPage(square(72));
     da.drawImage(flat, placed(12, 12, 600), Paint::solid(Rgb::black()), opaque(204));
@@ -1317,7 +1306,7 @@ TEST(RasterDevice, ImagesDrawnSmallerAverageTheirPixels) {
     EXPECT_EQ(a.pages.at(0).data, b.pages.at(0).data);
 
     // On a grey page the averages stay grey.
-    CaptureSink g;
+    PageCollector g;
     RasterDevice dg(opts(8, 300), g);
     dg.beginPage(square(72));
     dg.drawImage(screen, placed(12, 12, 600), Paint::solid(Rgb::black()), opaque(204));
@@ -1326,7 +1315,7 @@ TEST(RasterDevice, ImagesDrawnSmallerAverageTheirPixels) {
 }
 
 TEST(RasterDevice, GreyOutputIsLuminance) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square(4));
     dev.fillPath(rect(0, 0, 1, 4), FillRule::NonZero, Paint::solid({255, 0, 0}), RenderState{});
@@ -1343,7 +1332,7 @@ TEST(RasterDevice, GreyOutputIsLuminance) {
 }
 
 TEST(RasterDevice, RgbOutputKeepsColours) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(24), sink);
     dev.beginPage(square(4));
     dev.fillPath(rect(0, 0, 2, 4), FillRule::NonZero, Paint::solid({12, 34, 56}), RenderState{});
@@ -1358,7 +1347,7 @@ TEST(RasterDevice, RgbOutputKeepsColours) {
 TEST(RasterDevice, FullPageOneBitRasterAt600Dpi) {
     // A Letter page of 1-bit raster strips, one mask pixel to one device pixel, as monochrome
     // raster graphics produce; the delivered bits must equal the mask bits.
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(1, 600), sink);
     dev.beginPage(PageSpec{});
     const int w = 5100, stripRows = 64;
@@ -1378,7 +1367,7 @@ TEST(RasterDevice, FullPageOneBitRasterAt600Dpi) {
 }
 
 TEST(RasterDevice, PagesWiderThanOneCairoSurface) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterOptions o;
     o.depth = 8;
     o.pageWidthPx = 40000;
@@ -1411,7 +1400,7 @@ TEST(RasterDevice, PagesWiderThanOneCairoSurface) {
 }
 
 TEST(RasterDevice, ZeroLengthThinSegmentIsADotBareMoveIsNothing) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square(8));
     StrokeStyle s;
@@ -1437,7 +1426,7 @@ TEST(RasterDevice, DashPhaseCarriesAcrossPathOffThePage) {
         for (std::vector<double> pattern : {std::vector<double>{3, 5}, std::vector<double>{2, 3, 4}}) {
             std::vector<RasterPage> pages;
             for (int variant = 0; variant < 2; ++variant) {
-                CaptureSink sink;
+                PageCollector sink;
                 RasterDevice dev(opts(8), sink);
                 dev.beginPage(square());
                 StrokeStyle s;
@@ -1468,7 +1457,7 @@ TEST(RasterDevice, DashPhaseCarriesAcrossPathOffThePage) {
 
 TEST(RasterDevice, OddDashPatternsAlternate) {
     // {2, 3, 4}: on 2, off 3, on 4, then off 2, on 3, off 4, and so on.
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square());
     StrokeStyle s;
@@ -1488,7 +1477,7 @@ TEST(RasterDevice, OddDashPatternsAlternate) {
 }
 
 TEST(RasterDevice, DashesFinerThanAPixelDrawSolid) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square());
     StrokeStyle s;
@@ -1508,7 +1497,7 @@ TEST(RasterDevice, SwitchingPatternsAndClipsBetweenCalls) {
     auto light = tile(1, 1, {{200, 200, 200}});
     auto left = clipOf({rect(0, 0, 4, 8)});
     auto right = clipOf({rect(4, 0, 4, 8)});
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(8), sink);
     dev.beginPage(square(8));
     for (int i = 0; i < 3; ++i) {
@@ -1528,7 +1517,7 @@ TEST(RasterDevice, SwitchingPatternsAndClipsBetweenCalls) {
 
 TEST(RasterDevice, OnlyPureWhiteSourceIsTransparent) {
     const Image im = rgbImage(2, 1, [](int x, int) { return x == 0 ? Rgb::white() : Rgb{255, 255, 254}; });
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(24), sink);
     dev.beginPage(square(2));
     dev.fillPath(rect(0, 0, 2, 1), FillRule::NonZero, Paint::solid({0, 0, 0}), RenderState{});
@@ -1539,7 +1528,7 @@ TEST(RasterDevice, OnlyPureWhiteSourceIsTransparent) {
 }
 
 TEST(RasterDevice, DeclaredResolutionDrivesTheDevice) {
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(RasterOptions{}, sink);
     dev.beginPage(PageSpec{612, 792, 150, 150});
     EXPECT_DOUBLE_EQ(dev.pageToDevice().a, 150.0 / 72);
@@ -1556,7 +1545,7 @@ TEST(RasterDevice, DeclaredResolutionDrivesTheDevice) {
 TEST(RasterDevice, MaskOneToOneOnRgbPages) {
     auto ink = [](int x, int y) { return ((x * 5 + y * 3) % 11) < 4 || (x >= 16 && x < 32); };
     const Mask m = makeMask(53, 9, ink);
-    CaptureSink sink;
+    PageCollector sink;
     RasterDevice dev(opts(24), sink);
     dev.beginPage(square(72));
     dev.fillPath(rect(0, 0, 72, 72), FillRule::NonZero, Paint::solid({1, 2, 3}), RenderState{});
