@@ -1,8 +1,9 @@
 // HP-GL/2 plots against an independent reference of the same document: plotutils and gnuplot
 // write each plot as a PCL job and as PostScript (tools/corpus/hpgl2_corpus.sh); Ghostscript
-// renders the PostScript. The engine's page must carry the same ink in the same place: an ink F-score of
-// at least the pair's floor in the manifest (never below 0.9), a pixel counting as matched when the other side has ink within one pixel, with no
-// shift (both sides are placed on the Letter page by the producer itself).
+// renders the PostScript. The engine's page must carry the same ink in the same place: an ink
+// F-score of at least the pair's floor in the manifest (never below 0.9), a pixel counting as
+// matched when the other side has ink within one pixel, with no shift (both sides are placed on
+// the Letter page by the producer itself).
 
 #include "common/diagnostics.h"
 #include "common/ink_score.h"
