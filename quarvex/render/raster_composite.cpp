@@ -3,6 +3,12 @@
 // rectangles.
 #include "render/raster_device_impl.h"
 
+#include <bit>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace qx {
 
 // ---- paint ------------------------------------------------------------------------------
@@ -434,43 +440,66 @@ void RasterDevice::Impl::compositeBits(int y, int x0, int n, const uint8_t* s, c
     }
 }
 
+namespace {
+
+// The covered pixels among [64 i, 64 i + 64) of a coverage row of n bytes: pixel 64 i + k is
+// bit k.
+inline uint64_t coverageWord(const uint8_t* cov, int i, int n) {
+    const int base = i * 64;
+    const uint8_t* p = cov + base;
+    alignas(16) uint8_t tail[64];
+    if (base + 64 > n) { // the last, partial word: its pixels, then none
+        std::memset(tail, 0, sizeof tail);
+        std::memcpy(tail, p, size_t(n - base));
+        p = tail;
+    }
+#if defined(__SSE2__)
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));
+    const __m128i v2 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 32));
+    const __m128i v3 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 48));
+    // Most of a band is empty: one test for the whole word.
+    const __m128i any = _mm_or_si128(_mm_or_si128(v0, v1), _mm_or_si128(v2, v3));
+    if (_mm_movemask_epi8(_mm_cmpeq_epi8(any, zero)) == 0xFFFF)
+        return 0;
+    auto empty = [&](__m128i v) { return uint64_t(uint32_t(_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero)))); };
+    return ~(empty(v0) | (empty(v1) << 16) | (empty(v2) << 32) | (empty(v3) << 48));
+#else
+    uint64_t m = 0;
+    for (int k = 0; k < 64; ++k)
+        m |= uint64_t(p[k] != 0) << k;
+    return m;
+#endif
+}
+
+} // namespace
+
 void RasterDevice::Impl::compositeCoverage(int y, int x0, const uint8_t* cov, int n, uint8_t* clear) {
-    int k = 0;
-    while (k < n) {
-        // Most of a band is empty: skipped 32 bytes a time, then 8.
-        while (k + 32 <= n) {
-            uint64_t v[4];
-            std::memcpy(v, cov + k, 32);
-            if (v[0] | v[1] | v[2] | v[3])
-                break;
-            k += 32;
+    // The row is read as words of 64 coverage flags: empty stretches are skipped and covered
+    // ones measured a word at a time.
+    const int words = (n + 63) >> 6;
+    int i = 0;
+    uint64_t w = words > 0 ? coverageWord(cov, 0, n) : 0; // the flags of word i not used yet
+    while (i < words) {
+        if (w == 0) {
+            if (++i < words)
+                w = coverageWord(cov, i, n);
+            continue;
         }
-        while (k + 8 <= n) {
-            uint64_t v;
-            std::memcpy(&v, cov + k, 8);
-            if (v)
-                break;
-            k += 8;
+        const int a = i * 64 + std::countr_zero(w);
+        // The stretch ends at the first uncovered pixel from a on.
+        uint64_t gap = ~w & (~uint64_t(0) << (a & 63));
+        while (gap == 0 && ++i < words) {
+            w = coverageWord(cov, i, n);
+            gap = ~w;
         }
-        while (k < n && !cov[k])
-            ++k;
-        if (k >= n)
-            break;
-        int e = k;
-        while (e + 8 <= n) { // coverage is all or nothing: whole words of ink at once
-            uint64_t v;
-            std::memcpy(&v, cov + e, 8);
-            if (v != ~uint64_t(0))
-                break;
-            e += 8;
-        }
-        while (e < n && cov[e])
-            ++e;
-        clippedRuns(y, x0 + k, x0 + e,
-                    [&](int a, int b) { composite(y, a, b - a, nullptr, nullptr); });
+        const int b = i < words ? i * 64 + std::countr_zero(gap) : n;
+        clippedRuns(y, x0 + a, x0 + b, [&](int u, int v) { composite(y, u, v - u, nullptr, nullptr); });
         if (clear)
-            std::memset(clear + k, 0, size_t(e - k));
-        k = e;
+            std::memset(clear + a, 0, size_t(b - a));
+        if (i < words)
+            w &= ~uint64_t(0) << (b & 63);
     }
 }
 
