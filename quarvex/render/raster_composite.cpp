@@ -363,21 +363,7 @@ void RasterDevice::Impl::compositeBits(int y, int x0, int n, const uint8_t* s, c
     const int k0 = x0 >> 3, k1 = (x1 - 1) >> 3;
     auto edge = [&](int k) { return byteSpanMask(k, x0, x1); };
     if (!s && tex.solid && !constUsesDest) {
-        // A fill in one colour: the dithered result, whatever lies beneath.
-        const uint8_t* cb = constBits[r];
-        auto put = [&](int k, uint8_t em) { D[k] = uint8_t((D[k] & ~em) | (cb[k & 1] & em)); };
-        put(k0, edge(k0));
-        if (k1 == k0)
-            return;
-        put(k1, edge(k1));
-        // The whole bytes between: the two-byte pattern, eight bytes at a time.
-        int k = k0 + 1;
-        const uint8_t a = cb[k & 1], b = cb[(k + 1) & 1];
-        const uint8_t eight[8] = {a, b, a, b, a, b, a, b};
-        for (; k + 8 <= k1; k += 8)
-            std::memcpy(D + k, eight, 8);
-        for (; k < k1; ++k)
-            D[k] = cb[k & 1];
+        putConstBits(y, x0, x1);
         return;
     }
     const uint8_t* thr = raster::ditherThresholds()[r];
