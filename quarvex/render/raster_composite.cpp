@@ -465,6 +465,7 @@ void RasterDevice::Impl::compositeCoverage(int y, int x0, const uint8_t* cov, in
     // The row is read as words of 64 coverage flags: empty stretches are skipped and covered
     // ones measured a word at a time.
     const int words = (n + 63) >> 6;
+    const bool direct = directBits();
     int i = 0;
     uint64_t w = words > 0 ? coverageWord(cov, 0, n) : 0; // the flags of word i not used yet
     while (i < words) {
@@ -481,7 +482,7 @@ void RasterDevice::Impl::compositeCoverage(int y, int x0, const uint8_t* cov, in
             gap = ~w;
         }
         const int b = i < words ? i * 64 + std::countr_zero(gap) : n;
-        clippedRuns(y, x0 + a, x0 + b, [&](int u, int v) { composite(y, u, v - u, nullptr, nullptr); });
+        drawStretch(direct, y, x0 + a, x0 + b);
         if (clear)
             std::memset(clear + a, 0, size_t(b - a));
         if (i < words)

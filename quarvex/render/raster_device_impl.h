@@ -407,6 +407,23 @@ struct RasterDevice::Impl {
             D[k] = cb[k & 1];
     }
 
+    // True when the call is a fill in one colour on a black-and-white page whose result does
+    // not depend on the page, through a rectangular clip: its dithered bits go straight onto
+    // the rows.
+    bool directBits() const { return bilevel && tex.solid && !constUsesDest && clip.rect; }
+
+    // Draws the pixels [a, b) of row y, with S black, through the clip; direct is directBits().
+    void drawStretch(bool direct, int y, int a, int b) {
+        if (direct) {
+            a = std::max(a, clip.bound.x0);
+            b = std::min(b, clip.bound.x1);
+            if (a < b && y >= clip.bound.y0 && y < clip.bound.y1)
+                putConstBits(y, a, b);
+            return;
+        }
+        clippedRuns(y, a, b, [&](int u, int v) { composite(y, u, v - u, nullptr, nullptr); });
+    }
+
     // Draws the covered pixels (cov[k] != 0 covers x0 + k) of row y, with S black.
     void compositeCoverage(int y, int x0, const uint8_t* cov, int n, uint8_t* clear = nullptr);
 
@@ -451,22 +468,11 @@ struct RasterDevice::Impl {
     // been given them (the bands decide how cairo clips the polygon, so they decide pixels),
     // each stretch straight onto the page through the clip: no coverage band.
     void scanFill(raster::ScanConverter& scan, const IRect& box) {
-        // A fill in one colour on a black-and-white page, through a rectangular clip, puts its
-        // dithered bits straight onto the rows.
-        const bool direct = bilevel && tex.solid && !constUsesDest && clip.rect;
+        const bool direct = directBits();
         forBands(box, [&](int sx, int by, int w, int bh, int) {
             scan.spans(sx, by, w, bh, [&](const raster::ScanConverter::Span* run, size_t count) {
-                for (size_t i = 0; i < count; ++i) {
-                    const int y = run[i].y;
-                    if (direct) {
-                        const int a = std::max(run[i].a, clip.bound.x0), b = std::min(run[i].b, clip.bound.x1);
-                        if (a < b && y >= clip.bound.y0 && y < clip.bound.y1)
-                            putConstBits(y, a, b);
-                        continue;
-                    }
-                    clippedRuns(y, run[i].a, run[i].b,
-                                [&](int u, int v) { composite(y, u, v - u, nullptr, nullptr); });
-                }
+                for (size_t i = 0; i < count; ++i)
+                    drawStretch(direct, run[i].y, run[i].a, run[i].b);
             });
         });
         ++stats.scanFills;
