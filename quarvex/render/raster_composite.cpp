@@ -466,6 +466,7 @@ void RasterDevice::Impl::compositeCoverage(int y, int x0, const uint8_t* cov, in
     // ones measured a word at a time.
     const int words = (n + 63) >> 6;
     const bool direct = directBits();
+    int first = n, last = 0; // the covered pixels lie within [first, last)
     int i = 0;
     uint64_t w = words > 0 ? coverageWord(cov, 0, n) : 0; // the flags of word i not used yet
     while (i < words) {
@@ -483,11 +484,14 @@ void RasterDevice::Impl::compositeCoverage(int y, int x0, const uint8_t* cov, in
         }
         const int b = i < words ? i * 64 + std::countr_zero(gap) : n;
         drawStretch(direct, y, x0 + a, x0 + b);
-        if (clear)
-            std::memset(clear + a, 0, size_t(b - a));
+        first = std::min(first, a);
+        last = b;
         if (i < words)
             w &= ~uint64_t(0) << (b & 63);
     }
+    // Cleared in one go: a row of an outline holds many short stretches.
+    if (clear && first < last)
+        std::memset(clear + first, 0, size_t(last - first));
 }
 
 // ---- rectangles -------------------------------------------------------------------------

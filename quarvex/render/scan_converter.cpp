@@ -97,10 +97,17 @@ ScanConverter::ScanConverter(const std::vector<std::vector<Point>>& polylines, F
     }
     std::stable_sort(m_edges.begin(), m_edges.end(),
                      [](const Edge& l, const Edge& r) { return l.first < r.first; });
+    // Room for the edges a row of a small polygon crosses at once, rather than growing to it.
+    m_active.reserve(std::min<size_t>(m_edges.size(), 64));
     restart(m_edges.front().first);
 }
 
 void ScanConverter::ActiveEdges::clear() { resize(0); }
+
+void ScanConverter::ActiveEdges::reserve(size_t n) {
+    for (auto* v : {&xq, &xr, &dq, &dr, &dy, &end, &dir})
+        v->reserve(n);
+}
 
 void ScanConverter::ActiveEdges::resize(size_t n) {
     for (auto* v : {&xq, &xr, &dq, &dr, &dy, &end, &dir})

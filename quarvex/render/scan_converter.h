@@ -80,6 +80,7 @@ private:
         bool empty() const { return xq.empty(); }
         void clear();
         void resize(size_t n);
+        void reserve(size_t n);
         void copy(size_t from, size_t to); // edge from takes the place of edge to
         void stepAll();
     };
