@@ -119,7 +119,7 @@ void ScanConverter::ActiveEdges::copy(size_t from, size_t to) {
         (*v)[to] = (*v)[from];
 }
 
-void ScanConverter::ActiveEdges::stepAll() {
+inline void ScanConverter::ActiveEdges::stepAll() {
     int32_t* q = xq.data();
     int32_t* r = xr.data();
     const int32_t* sq = dq.data();
