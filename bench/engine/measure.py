@@ -133,6 +133,11 @@ def compare(new, old, work, label, inp, dpi, depth, comp, runs):
     }
 
 
+def selected(a, label, inp):
+    """True when the job is one --only asks for (all jobs without it)."""
+    return not a.only or a.only in label or a.only in os.path.basename(inp)
+
+
 def main_compare(a):
     jobs = read_jobs(a.jobs)
     if not a.quick and a.corpus:
@@ -142,6 +147,7 @@ def main_compare(a):
             for dpi in (300, 600):
                 for depth, comp in ((1, 7), (24, 6)):
                     jobs.append((e[0], os.path.join(a.corpus, e[0]), dpi, depth, comp))
+    jobs = [j for j in jobs if selected(a, j[0], j[1])]
     rows = []
     for label, inp, dpi, depth, comp in jobs:
         rows.append(compare(a.quarvex, a.baseline, a.work, label, inp, dpi, depth, comp, a.runs))
@@ -178,6 +184,7 @@ def main():
     ap.add_argument("--tsv")
     ap.add_argument("--baseline", help="an older engine: run both alternately and report ratios")
     ap.add_argument("--jobs", help="a job list (heavy.tsv of make_heavy.sh) to run besides the corpus")
+    ap.add_argument("--only", help="only the jobs whose label or file name contains this text")
     a = ap.parse_args()
     if a.baseline:
         main_compare(a)
@@ -190,16 +197,22 @@ def main():
         ("Letter raster page", os.path.join(a.work, "letter_raster_600.pcl"), 600, 1, 7, "aim < 100 ms"),
     ]
     for label, inp, dpi, depth, comp, aim in fixed:
+        if not selected(a, label, inp):
+            continue
         r = measure(a.quarvex, a.work, label, inp, dpi, depth, comp, max(a.runs, 5))
         r["note"] = (r.get("note", "") + " " + aim).strip()
         rows.append(r)
     for label, inp, dpi, depth, comp in read_jobs(a.jobs):
+        if not selected(a, label, inp):
+            continue
         rows.append(measure(a.quarvex, a.work, label, inp, dpi, depth, comp, a.runs))
     if not a.quick:
         with open(os.path.join(a.corpus, "manifest.tsv")) as f:
             entries = [l.rstrip("\n").split("\t") for l in f if l.strip() and not l.startswith("#")]
         for e in entries:
             inp = os.path.join(a.corpus, e[0])
+            if not selected(a, e[0], inp):
+                continue
             for dpi in (300, 600):
                 for depth, comp in ((1, 7), (24, 6)):
                     rows.append(measure(a.quarvex, a.work, e[0], inp, dpi, depth, comp, a.runs))

@@ -4,7 +4,7 @@
 # second and peak memory; plus an empty job and one 600-dpi Letter raster page to Group 4.
 #
 #   bench/engine/run.sh [--quarvex PATH] [--corpus DIR] [--runs N] [--tsv FILE] [--quick]
-#                       [--heavy] [--baseline PATH | --baseline-rev REV]
+#                       [--heavy] [--baseline PATH | --baseline-rev REV] [--only TEXT]
 #
 # --quarvex  the engine (default: build/stage/bin/quarvex in the source tree)
 # --corpus   a corpus made by tools/corpus/make_corpus.sh; made into a temporary folder if absent
@@ -16,6 +16,7 @@
 #                 both times, their ratio, both peaks and whether the TIFFs are the same bytes
 # --baseline-rev  the same with the engine of git revision REV, built (quarvex only, with
 #                 ccache when present) in build/baseline-REV of the source tree
+# --only     only the jobs whose label or file name contains TEXT (e.g. --heavy --only polygons)
 set -euo pipefail
 ROOT=$(cd "$(dirname "$0")/../.." && pwd)
 QUARVEX=$ROOT/build/stage/bin/quarvex
@@ -26,6 +27,7 @@ QUICK=0
 HEAVY=0
 BASELINE=
 BASELINE_REV=
+ONLY=
 while [ $# -gt 0 ]; do
     case $1 in
         --quarvex) QUARVEX=$2; shift 2 ;;
@@ -36,7 +38,8 @@ while [ $# -gt 0 ]; do
         --heavy) HEAVY=1; shift ;;
         --baseline) BASELINE=$2; shift 2 ;;
         --baseline-rev) BASELINE_REV=$2; shift 2 ;;
-        -h | --help) sed -n '2,19p' "$0"; exit 0 ;;
+        --only) ONLY=$2; shift 2 ;;
+        -h | --help) sed -n '2,20p' "$0"; exit 0 ;;
         *) echo "run.sh: unknown argument $1 (see --help)" >&2; exit 2 ;;
     esac
 done
@@ -82,4 +85,4 @@ fi
 
 /usr/bin/python3 "$ROOT/bench/engine/measure.py" --quarvex "$QUARVEX" --corpus "$CORPUS" \
     --work "$WORK" --runs "$RUNS" --quick "$QUICK" ${TSV:+--tsv "$TSV"} "${JOBS[@]}" \
-    ${BASELINE:+--baseline "$BASELINE"}
+    ${BASELINE:+--baseline "$BASELINE"} ${ONLY:+--only "$ONLY"}

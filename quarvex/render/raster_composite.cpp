@@ -3,6 +3,12 @@
 // rectangles.
 #include "render/raster_device_impl.h"
 
+#include <bit>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace qx {
 
 // ---- paint ------------------------------------------------------------------------------
@@ -357,21 +363,7 @@ void RasterDevice::Impl::compositeBits(int y, int x0, int n, const uint8_t* s, c
     const int k0 = x0 >> 3, k1 = (x1 - 1) >> 3;
     auto edge = [&](int k) { return byteSpanMask(k, x0, x1); };
     if (!s && tex.solid && !constUsesDest) {
-        // A fill in one colour: the dithered result, whatever lies beneath.
-        const uint8_t* cb = constBits[r];
-        auto put = [&](int k, uint8_t em) { D[k] = uint8_t((D[k] & ~em) | (cb[k & 1] & em)); };
-        put(k0, edge(k0));
-        if (k1 == k0)
-            return;
-        put(k1, edge(k1));
-        // The whole bytes between: the two-byte pattern, eight bytes at a time.
-        int k = k0 + 1;
-        const uint8_t a = cb[k & 1], b = cb[(k + 1) & 1];
-        const uint8_t eight[8] = {a, b, a, b, a, b, a, b};
-        for (; k + 8 <= k1; k += 8)
-            std::memcpy(D + k, eight, 8);
-        for (; k < k1; ++k)
-            D[k] = cb[k & 1];
+        putConstBits(y, x0, x1);
         return;
     }
     const uint8_t* thr = raster::ditherThresholds()[r];
@@ -434,44 +426,72 @@ void RasterDevice::Impl::compositeBits(int y, int x0, int n, const uint8_t* s, c
     }
 }
 
-void RasterDevice::Impl::compositeCoverage(int y, int x0, const uint8_t* cov, int n, uint8_t* clear) {
-    int k = 0;
-    while (k < n) {
-        // Most of a band is empty: skipped 32 bytes a time, then 8.
-        while (k + 32 <= n) {
-            uint64_t v[4];
-            std::memcpy(v, cov + k, 32);
-            if (v[0] | v[1] | v[2] | v[3])
-                break;
-            k += 32;
-        }
-        while (k + 8 <= n) {
-            uint64_t v;
-            std::memcpy(&v, cov + k, 8);
-            if (v)
-                break;
-            k += 8;
-        }
-        while (k < n && !cov[k])
-            ++k;
-        if (k >= n)
-            break;
-        int e = k;
-        while (e + 8 <= n) { // coverage is all or nothing: whole words of ink at once
-            uint64_t v;
-            std::memcpy(&v, cov + e, 8);
-            if (v != ~uint64_t(0))
-                break;
-            e += 8;
-        }
-        while (e < n && cov[e])
-            ++e;
-        clippedRuns(y, x0 + k, x0 + e,
-                    [&](int a, int b) { composite(y, a, b - a, nullptr, nullptr); });
-        if (clear)
-            std::memset(clear + k, 0, size_t(e - k));
-        k = e;
+namespace {
+
+// The covered pixels among [64 i, 64 i + 64) of a coverage row of n bytes: pixel 64 i + k is
+// bit k.
+inline uint64_t coverageWord(const uint8_t* cov, int i, int n) {
+    const int base = i * 64;
+    const uint8_t* p = cov + base;
+    alignas(16) uint8_t tail[64];
+    if (base + 64 > n) { // the last, partial word: its pixels, then none
+        std::memset(tail, 0, sizeof tail);
+        std::memcpy(tail, p, size_t(n - base));
+        p = tail;
     }
+#if defined(__SSE2__)
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i v0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const __m128i v1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));
+    const __m128i v2 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 32));
+    const __m128i v3 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 48));
+    // Most of a band is empty: one test for the whole word.
+    const __m128i any = _mm_or_si128(_mm_or_si128(v0, v1), _mm_or_si128(v2, v3));
+    if (_mm_movemask_epi8(_mm_cmpeq_epi8(any, zero)) == 0xFFFF)
+        return 0;
+    auto empty = [&](__m128i v) { return uint64_t(uint32_t(_mm_movemask_epi8(_mm_cmpeq_epi8(v, zero)))); };
+    return ~(empty(v0) | (empty(v1) << 16) | (empty(v2) << 32) | (empty(v3) << 48));
+#else
+    uint64_t m = 0;
+    for (int k = 0; k < 64; ++k)
+        m |= uint64_t(p[k] != 0) << k;
+    return m;
+#endif
+}
+
+} // namespace
+
+void RasterDevice::Impl::compositeCoverage(int y, int x0, const uint8_t* cov, int n, uint8_t* clear) {
+    // The row is read as words of 64 coverage flags: empty stretches are skipped and covered
+    // ones measured a word at a time.
+    const int words = (n + 63) >> 6;
+    const bool direct = directBits();
+    int first = n, last = 0; // the covered pixels lie within [first, last)
+    int i = 0;
+    uint64_t w = words > 0 ? coverageWord(cov, 0, n) : 0; // the flags of word i not used yet
+    while (i < words) {
+        if (w == 0) {
+            if (++i < words)
+                w = coverageWord(cov, i, n);
+            continue;
+        }
+        const int a = i * 64 + std::countr_zero(w);
+        // The stretch ends at the first uncovered pixel from a on.
+        uint64_t gap = ~w & (~uint64_t(0) << (a & 63));
+        while (gap == 0 && ++i < words) {
+            w = coverageWord(cov, i, n);
+            gap = ~w;
+        }
+        const int b = i < words ? i * 64 + std::countr_zero(gap) : n;
+        drawStretch(direct, y, x0 + a, x0 + b);
+        first = std::min(first, a);
+        last = b;
+        if (i < words)
+            w &= ~uint64_t(0) << (b & 63);
+    }
+    // Cleared in one go: a row of an outline holds many short stretches.
+    if (clear && first < last)
+        std::memset(clear + first, 0, size_t(last - first));
 }
 
 // ---- rectangles -------------------------------------------------------------------------

@@ -226,9 +226,10 @@ void RasterDevice::endPage() {
     out.inkBottom = std::clamp(d->inkBottom, out.inkTop, out.height);
     out.data = std::move(d->buf);
     // The coverage bands are not needed while the page is written: give their memory back
-    // for the writer's codecs.
-    d->band = {};
-    d->band2 = {};
+    // for the writer's codecs (swapped with empty ones: assigning {} would keep their capacity).
+    std::vector<uint8_t>().swap(d->band);
+    std::vector<uint8_t>().swap(d->band2);
+    d->bandClean = true;
     const bool ok = d->sink.writePage(out);
     d->buf = std::move(out.data);
     out.data = {};

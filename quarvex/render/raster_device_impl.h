@@ -386,6 +386,44 @@ struct RasterDevice::Impl {
     // and the transparency rules use the flags of the undithered pixels.
     void compositeBits(int y, int x0, int n, const uint8_t* s, const uint8_t* sw);
 
+    // compositeBits() of pixels [x0, x1) of row y (x0 < x1) for a fill in one colour whose
+    // result does not depend on the page: the dithered result, whatever lies beneath.
+    void putConstBits(int y, int x0, int x1) {
+        uint8_t* D = row(y);
+        const uint8_t* cb = constBits[y & 15];
+        const int k0 = x0 >> 3, k1 = (x1 - 1) >> 3;
+        auto put = [&](int k, uint8_t em) { D[k] = uint8_t((D[k] & ~em) | (cb[k & 1] & em)); };
+        put(k0, byteSpanMask(k0, x0, x1));
+        if (k1 == k0)
+            return;
+        put(k1, byteSpanMask(k1, x0, x1));
+        // The whole bytes between: the two-byte pattern, eight bytes at a time.
+        int k = k0 + 1;
+        const uint8_t a = cb[k & 1], b = cb[(k + 1) & 1];
+        const uint8_t eight[8] = {a, b, a, b, a, b, a, b};
+        for (; k + 8 <= k1; k += 8)
+            std::memcpy(D + k, eight, 8);
+        for (; k < k1; ++k)
+            D[k] = cb[k & 1];
+    }
+
+    // True when the call is a fill in one colour on a black-and-white page whose result does
+    // not depend on the page, through a rectangular clip: its dithered bits go straight onto
+    // the rows.
+    bool directBits() const { return bilevel && tex.solid && !constUsesDest && clip.rect; }
+
+    // Draws the pixels [a, b) of row y, with S black, through the clip; direct is directBits().
+    void drawStretch(bool direct, int y, int a, int b) {
+        if (direct) {
+            a = std::max(a, clip.bound.x0);
+            b = std::min(b, clip.bound.x1);
+            if (a < b && y >= clip.bound.y0 && y < clip.bound.y1)
+                putConstBits(y, a, b);
+            return;
+        }
+        clippedRuns(y, a, b, [&](int u, int v) { composite(y, u, v - u, nullptr, nullptr); });
+    }
+
     // Draws the covered pixels (cov[k] != 0 covers x0 + k) of row y, with S black.
     void compositeCoverage(int y, int x0, const uint8_t* cov, int n, uint8_t* clear = nullptr);
 
@@ -430,9 +468,11 @@ struct RasterDevice::Impl {
     // been given them (the bands decide how cairo clips the polygon, so they decide pixels),
     // each stretch straight onto the page through the clip: no coverage band.
     void scanFill(raster::ScanConverter& scan, const IRect& box) {
+        const bool direct = directBits();
         forBands(box, [&](int sx, int by, int w, int bh, int) {
-            scan.spans(sx, by, w, bh, [&](int y, int a, int b) {
-                clippedRuns(y, a, b, [&](int u, int v) { composite(y, u, v - u, nullptr, nullptr); });
+            scan.spans(sx, by, w, bh, [&](const raster::ScanConverter::Span* run, size_t count) {
+                for (size_t i = 0; i < count; ++i)
+                    drawStretch(direct, run[i].y, run[i].a, run[i].b);
             });
         });
         ++stats.scanFills;

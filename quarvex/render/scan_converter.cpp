@@ -97,10 +97,17 @@ ScanConverter::ScanConverter(const std::vector<std::vector<Point>>& polylines, F
     }
     std::stable_sort(m_edges.begin(), m_edges.end(),
                      [](const Edge& l, const Edge& r) { return l.first < r.first; });
+    // Room for the edges a row of a small polygon crosses at once, rather than growing to it.
+    m_active.reserve(std::min<size_t>(m_edges.size(), 64));
     restart(m_edges.front().first);
 }
 
 void ScanConverter::ActiveEdges::clear() { resize(0); }
+
+void ScanConverter::ActiveEdges::reserve(size_t n) {
+    for (auto* v : {&xq, &xr, &dq, &dr, &dy, &end, &dir})
+        v->reserve(n);
+}
 
 void ScanConverter::ActiveEdges::resize(size_t n) {
     for (auto* v : {&xq, &xr, &dq, &dr, &dy, &end, &dir})
@@ -112,7 +119,7 @@ void ScanConverter::ActiveEdges::copy(size_t from, size_t to) {
         (*v)[to] = (*v)[from];
 }
 
-void ScanConverter::ActiveEdges::stepAll() {
+inline void ScanConverter::ActiveEdges::stepAll() {
     int32_t* q = xq.data();
     int32_t* r = xr.data();
     const int32_t* sq = dq.data();
@@ -207,13 +214,15 @@ void ScanConverter::columnRange(int x0, int y0, int w, int h, int64_t& lo, int64
 }
 
 void ScanConverter::fill(uint8_t* data, int stride, int x0, int y0, int w, int h) {
-    spans(x0, y0, w, h, [&](int y, int a, int b) {
-        std::memset(data + static_cast<size_t>(y - y0) * static_cast<size_t>(stride) + (a - x0), 0xFF,
-                    static_cast<size_t>(b - a));
+    spans(x0, y0, w, h, [&](const Span* run, size_t count) {
+        for (size_t i = 0; i < count; ++i)
+            std::memset(data + static_cast<size_t>(run[i].y - y0) * static_cast<size_t>(stride) +
+                            (run[i].a - x0),
+                        0xFF, static_cast<size_t>(run[i].b - run[i].a));
     });
 }
 
-void ScanConverter::spans(int x0, int y0, int w, int h, const SpanFn& span) {
+void ScanConverter::spans(int x0, int y0, int w, int h, const SpanBatchFn& batch) {
     if (w <= 0 || h <= 0 || m_edges.empty())
         return;
     int64_t lo, hi;
@@ -225,11 +234,19 @@ void ScanConverter::spans(int x0, int y0, int w, int h, const SpanFn& span) {
     const size_t n = static_cast<size_t>(hi - lo);
     const int32_t mask = m_rule == FillRule::EvenOdd ? 1 : ~0;
     bool denseReady = false;
+    constexpr size_t kBatch = 256;
+    m_batch.clear();
+    m_batch.reserve(kBatch);
     auto emit = [&](int64_t row, int64_t a, int64_t b) {
         a = std::max(a, lo);
         b = std::min(b, hi);
-        if (a < b)
-            span(static_cast<int>(row), static_cast<int>(a), static_cast<int>(b));
+        if (a >= b)
+            return;
+        m_batch.push_back({static_cast<int32_t>(row), static_cast<int32_t>(a), static_cast<int32_t>(b)});
+        if (m_batch.size() == kBatch) {
+            batch(m_batch.data(), m_batch.size());
+            m_batch.clear();
+        }
     };
     for (int r = 0; r < h; ++r) {
         const int64_t row = static_cast<int64_t>(y0) + r;
@@ -291,8 +308,20 @@ void ScanConverter::spans(int x0, int y0, int w, int h, const SpanFn& span) {
             // cairo's walk along the sorted crossings: a stretch opens at the first crossing
             // of a run and closes where the winding is outside and the next crossing lies more
             // than one column further on.
-            std::sort(m_cross.begin(), m_cross.end());
             const size_t k = m_cross.size();
+            if (k <= 16) {
+                // Mostly two or four: sorted in place without the general sort's set-up.
+                int64_t* c = m_cross.data();
+                for (size_t i = 1; i < k; ++i) {
+                    const int64_t v = c[i];
+                    size_t j = i;
+                    for (; j > 0 && c[j - 1] > v; --j)
+                        c[j] = c[j - 1];
+                    c[j] = v;
+                }
+            } else {
+                std::sort(m_cross.begin(), m_cross.end());
+            }
             int64_t start = INT64_MIN;
             int32_t winding = 0;
             for (size_t i = 0; i < k;) {
@@ -331,6 +360,9 @@ void ScanConverter::spans(int x0, int y0, int w, int h, const SpanFn& span) {
         cells[n + 1] = 0;
         cells[n + 2] = 0;
     }
+    if (!m_batch.empty())
+        batch(m_batch.data(), m_batch.size());
+    m_batch.clear();
 }
 
 } // namespace qx::raster

@@ -37,11 +37,16 @@ public:
     // come in any order; rows are fastest in increasing order.
     void fill(uint8_t* data, int stride, int x0, int y0, int w, int h);
 
-    // The same pixels as stretches: span(y, a, b) for each covered stretch [a, b) of each row
-    // of the band, rows in order and stretches left to right. A row costs its crossings (sorted
-    // when few) or, when they are many, its width: never the band's area for a small polygon.
-    using SpanFn = std::function<void(int y, int a, int b)>;
-    void spans(int x0, int y0, int w, int h, const SpanFn& span);
+    // The same pixels as stretches: each covered stretch [a, b) of each row y of the band, rows
+    // in order and stretches left to right, handed to batch(spans, count) some hundreds at a
+    // time (a call per stretch would cost more than drawing a short one). A row costs its
+    // crossings (sorted when few) or, when they are many, its width: never the band's area for
+    // a small polygon.
+    struct Span {
+        int32_t y, a, b;
+    };
+    using SpanBatchFn = std::function<void(const Span* spans, size_t count)>;
+    void spans(int x0, int y0, int w, int h, const SpanBatchFn& batch);
 
     // True when every point lay within the range where the fixed-point coordinates are cairo's
     // own (points beyond about a million pixels are pulled in).
@@ -75,6 +80,7 @@ private:
         bool empty() const { return xq.empty(); }
         void clear();
         void resize(size_t n);
+        void reserve(size_t n);
         void copy(size_t from, size_t to); // edge from takes the place of edge to
         void stepAll();
     };
@@ -96,6 +102,7 @@ private:
     ActiveEdges m_active;          // the edges crossing the current row
     std::vector<int64_t> m_cells;  // per column of the row being filled: landings, winding change
     std::vector<int64_t> m_cross;  // a row's crossings: column * 2 + (1 when downwards)
+    std::vector<Span> m_batch;     // stretches found and not handed over yet
     uint64_t m_crossings = 0;
 };
 
