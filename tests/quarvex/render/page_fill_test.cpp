@@ -464,7 +464,7 @@ TEST(CoveragePaths, CairoFillsAndStrokesLandOnTheirPixelsInEveryDepth) {
             rs.clip = region;
         }
         for (int depth : {1, 8, 24}) {
-            KeepSink sink;
+            PageCollector sink;
             RasterDevice dev(opts(depth, kDpi), sink);
             dev.beginPage(kLetter);
             for (const Path& path : paths) {
@@ -515,7 +515,7 @@ TEST(CoveragePaths, OneColourFillsOnBlackAndWhitePagesMatchTheGeneralPath) {
         RasterStats direct;
         for (bool clipped : {false, true}) {
             std::mt19937 draw(seed);
-            KeepSink sink;
+            PageCollector sink;
             RasterDevice dev(opts(1, kDpi), sink);
             dev.beginPage(kLetter);
             for (int i = 0; i < 60; ++i) {
