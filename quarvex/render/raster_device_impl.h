@@ -393,18 +393,36 @@ struct RasterDevice::Impl {
         const uint8_t* cb = constBits[y & 15];
         const int k0 = x0 >> 3, k1 = (x1 - 1) >> 3;
         auto put = [&](int k, uint8_t em) { D[k] = uint8_t((D[k] & ~em) | (cb[k & 1] & em)); };
-        put(k0, byteSpanMask(k0, x0, x1));
-        if (k1 == k0)
+        const uint8_t m0 = uint8_t(0xFFu >> (x0 & 7));
+        const uint8_t m1 = uint8_t(0xFFu << (7 - ((x1 - 1) & 7)));
+        if (k1 == k0) {
+            put(k0, uint8_t(m0 & m1));
             return;
-        put(k1, byteSpanMask(k1, x0, x1));
-        // The whole bytes between: the two-byte pattern, eight bytes at a time.
+        }
+        put(k0, m0);
+        put(k1, m1);
+        // The whole bytes between: the two-byte pattern, eight bytes at a time, the last eight
+        // ending on the last whole byte (they overlap bytes already holding the same pattern).
         int k = k0 + 1;
-        const uint8_t a = cb[k & 1], b = cb[(k + 1) & 1];
-        const uint8_t eight[8] = {a, b, a, b, a, b, a, b};
+        if (k1 - k < 8) {
+            for (; k < k1; ++k)
+                D[k] = cb[k & 1];
+            return;
+        }
+        auto word = [&](int at) {
+            const uint8_t a = cb[at & 1], b = cb[(at + 1) & 1];
+            const uint8_t eight[8] = {a, b, a, b, a, b, a, b};
+            uint64_t w;
+            std::memcpy(&w, eight, 8);
+            return w;
+        };
+        const uint64_t w = word(k);
         for (; k + 8 <= k1; k += 8)
-            std::memcpy(D + k, eight, 8);
-        for (; k < k1; ++k)
-            D[k] = cb[k & 1];
+            std::memcpy(D + k, &w, 8);
+        if (k < k1) {
+            const uint64_t last = word(k1 - 8);
+            std::memcpy(D + k1 - 8, &last, 8);
+        }
     }
 
     // True when the call is a fill in one colour on a black-and-white page whose result does
