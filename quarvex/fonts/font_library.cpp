@@ -15,14 +15,15 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <map>
+#include <string>
 #include <tuple>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace qx {
 namespace {
-
-namespace fs = std::filesystem;
 
 std::string normalisedName(std::string_view name) {
     std::string out;
@@ -35,9 +36,11 @@ std::string normalisedName(std::string_view name) {
     return out;
 }
 
+// Plain system calls rather than std::filesystem here: these run at start-up in every job, and
+// the library code std::filesystem brings in is several pages of resident memory more.
 bool fileExists(const std::string& path) {
-    std::error_code ec;
-    return fs::is_regular_file(path, ec);
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
 std::string lower(std::string s) {
@@ -48,11 +51,19 @@ std::string lower(std::string s) {
 
 // The folder of the fonts that ship beside the engine: <exe dir>/../fonts.
 std::string bundledFontFolder() {
-    std::error_code ec;
-    const fs::path exe = fs::read_symlink("/proc/self/exe", ec);
-    if (ec || exe.empty())
+    char buf[4096];
+    const ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf);
+    if (n <= 0 || size_t(n) >= sizeof buf)
         return {};
-    return (exe.parent_path().parent_path() / "fonts").string();
+    std::string dir(buf, size_t(n));
+    // Two folders up from the executable: <prefix>/bin/quarvex to <prefix>.
+    for (int up = 0; up < 2; ++up) {
+        const size_t slash = dir.find_last_of('/');
+        if (slash == std::string::npos)
+            return {};
+        dir.erase(slash == 0 ? 1 : slash);
+    }
+    return (dir == "/" ? dir : dir + "/") + "fonts";
 }
 
 struct GlyphKey {

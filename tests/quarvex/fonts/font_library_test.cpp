@@ -98,6 +98,15 @@ TEST(FontLibrary, SelectsByPjlFontNumber) {
     EXPECT_EQ(lib.selectByNumber(9999), -1);
 }
 
+TEST(FontLibrary, BundledFolderIsTwoFoldersUpFromTheExecutable) {
+    // <prefix>/bin/quarvex looks in <prefix>/fonts; this test runs as <build>/tests/<name>/<name>.
+    ::unsetenv("PCLFONTSOURCE");
+    FontLibrary lib;
+    ASSERT_EQ(lib.folders().size(), 1u);
+    const fs::path exe = fs::read_symlink("/proc/self/exe");
+    EXPECT_EQ(lib.folders().back(), (exe.parent_path().parent_path() / "fonts").string());
+}
+
 TEST(FontLibrary, FontSourceFolderComesFirst) {
     // A folder that holds a different file under Courier's file name wins over the staged one.
     const fs::path dir = fs::temp_directory_path() / ("qx_fontsource_" + std::to_string(::getpid()));
