@@ -106,8 +106,12 @@ inline uint64_t loadBig(const uint8_t* p) {
 
 } // namespace
 
-size_t rowChanges(const uint8_t* row, int width, int32_t* changes) {
-    int32_t* out = changes;
+namespace {
+
+// Calls f(base, diff) for each 64-pixel word of row: diff has a bit set (from bit 63 down) at
+// every pixel whose colour differs from the one before, pixels at and past width cleared.
+template <typename F>
+inline void forEachChangeWord(const uint8_t* row, int width, F&& f) {
     const size_t bytes = (size_t(width) + 7) / 8;
     uint64_t before = 0; // the pixel left of the word, at bit 63
     for (size_t at = 0; at < bytes; at += 8) {
@@ -125,13 +129,28 @@ size_t rowChanges(const uint8_t* row, int width, int32_t* changes) {
         const int32_t valid = width - base;
         if (valid < 64)
             diff &= ~uint64_t(0) << (64 - valid);
+        f(base, diff);
+    }
+}
+
+} // namespace
+
+size_t rowChanges(const uint8_t* row, int width, int32_t* changes) {
+    int32_t* out = changes;
+    forEachChangeWord(row, width, [&](int32_t base, uint64_t diff) {
         while (diff) {
             const int k = __builtin_clzll(diff);
             *out++ = base + k;
             diff &= ~(uint64_t(1) << 63 >> k);
         }
-    }
+    });
     return size_t(out - changes);
+}
+
+size_t countChanges(const uint8_t* row, int width) {
+    size_t n = 0;
+    forEachChangeWord(row, width, [&](int32_t, uint64_t diff) { n += size_t(__builtin_popcountll(diff)); });
+    return n;
 }
 
 namespace {
@@ -221,11 +240,18 @@ void putEol(BitWriter& bw, bool twoD, bool oneDRow) {
 
 } // namespace
 
-void CcittEncoder::encodeStrip(Scheme scheme, int rowsPerGroup, const uint8_t* rows, int width, size_t stride,
-                               uint32_t count, std::vector<uint8_t>& out) {
-    const size_t most = size_t(width) + 1 + kSentinels;
-    m_ref.resize(most);
-    m_cur.resize(most);
+void CcittEncoder::reserve(int width) {
+    const size_t most = size_t(std::max(width, 0)) + 1 + kSentinels;
+    if (m_ref.size() < most) {
+        m_ref.resize(most);
+        m_cur.resize(most);
+    }
+}
+
+bool CcittEncoder::encodeStrip(Scheme scheme, int rowsPerGroup, const uint8_t* rows, int width, size_t stride,
+                               uint32_t count, std::vector<uint8_t>& out, bool fixedRoom,
+                               const std::atomic<bool>* stop) {
+    reserve(width);
     // The row above the first is white: no changes.
     size_t nref = 0;
     std::fill(m_ref.begin(), m_ref.begin() + kSentinels, width);
@@ -235,6 +261,8 @@ void CcittEncoder::encodeStrip(Scheme scheme, int rowsPerGroup, const uint8_t* r
     // Group 3 2-D: a row in one dimension, then rowsPerGroup - 1 rows in two, over again.
     int twoDLeft = 0;
     for (uint32_t r = 0; r < count; ++r) {
+        if (stop && stop->load(std::memory_order_relaxed))
+            return false;
         const uint8_t* row = rows + size_t(r) * stride;
         int32_t* C = m_cur.data();
         const size_t ncur = rowChanges(row, width, C);
@@ -244,8 +272,16 @@ void CcittEncoder::encodeStrip(Scheme scheme, int rowsPerGroup, const uint8_t* r
         // two runs of at most 25 bits plus 12 per 2560 pixels) or vertical mode per change of
         // this row and a pass code per two changes of the row above; an EOL; the strip's end.
         const size_t bound = ((ncur + 2) * 56 + (nref + 2) * 4 + size_t(width) / 200 + 192) / 8 + 16;
-        if (out.size() < used + bound)
-            out.resize(std::max(out.size() * 2, used + bound));
+        if (out.size() < used + bound) {
+            size_t want = std::max(out.size() * 2, used + bound);
+            if (fixedRoom) {
+                // Within the capacity only: a resize there moves nothing.
+                if (used + bound > out.capacity())
+                    return false;
+                want = std::min(want, out.capacity());
+            }
+            out.resize(want);
+        }
         bw.p = out.data() + used;
 
         switch (scheme) {
@@ -271,8 +307,11 @@ void CcittEncoder::encodeStrip(Scheme scheme, int rowsPerGroup, const uint8_t* r
         m_ref.swap(m_cur);
         nref = ncur;
     }
-    if (out.size() < used + 16)
+    if (out.size() < used + 16) {
+        if (fixedRoom && used + 16 > out.capacity())
+            return false;
         out.resize(used + 16);
+    }
     bw.p = out.data() + used;
     // A Group 4 strip ends with the end-of-facsimile-block: two EOLs. Then the last byte is
     // padded.
@@ -282,6 +321,7 @@ void CcittEncoder::encodeStrip(Scheme scheme, int rowsPerGroup, const uint8_t* r
     }
     bw.flush();
     out.resize(size_t(bw.p - out.data()));
+    return true;
 }
 
 } // namespace qx::tiff
