@@ -64,9 +64,11 @@ struct BitWriter {
     uint8_t* p;
     uint64_t acc = 0;
     int fill = 0;
-    void put(Code c) {
-        acc = (acc << c.length) | c.bits;
-        fill += c.length;
+    void put(Code c) { put(c.bits, c.length); }
+    // Up to 32 bits at once.
+    void put(uint32_t bits, int length) {
+        acc = (acc << length) | bits;
+        fill += length;
         if (fill >= 32) {
             fill -= 32;
             const uint32_t word = __builtin_bswap32(uint32_t(acc >> fill));
@@ -191,11 +193,20 @@ BitWriter codeRow2D(BitWriter bw, const int32_t* C, const int32_t* R, int32_t wi
         } else {
             // Horizontal: the runs a0..a1 and a1..a2; a0 moves to a2, the colour stays.
             const int32_t a2 = C[ia + 1];
-            bw.put(kHorizontal);
-            if ((ia & 1) == 0) {
+            const int32_t r1 = a1 - a0, r2 = a2 - a1;
+            if (r1 < 64 && r2 < 64) {
+                // Two short runs, as on busy pages: the mode and both terminating codes (at
+                // most 3 + 8 + 12 bits) go in at once.
+                const Code c1 = (ia & 1) == 0 ? kWhiteTerm[r1] : kBlackTerm[r1];
+                const Code c2 = (ia & 1) == 0 ? kBlackTerm[r2] : kWhiteTerm[r2];
+                bw.put((((uint32_t(kHorizontal.bits) << c1.length) | c1.bits) << c2.length) | c2.bits,
+                       kHorizontal.length + c1.length + c2.length);
+            } else if ((ia & 1) == 0) {
+                bw.put(kHorizontal);
                 bw.span(a1 - a0, kWhiteTerm, kWhiteMakeup);
                 bw.span(a2 - a1, kBlackTerm, kBlackMakeup);
             } else {
+                bw.put(kHorizontal);
                 bw.span(a1 - a0, kBlackTerm, kBlackMakeup);
                 bw.span(a2 - a1, kWhiteTerm, kWhiteMakeup);
             }
@@ -214,7 +225,15 @@ BitWriter codeRow2D(BitWriter bw, const int32_t* C, const int32_t* R, int32_t wi
 BitWriter codeRow1D(BitWriter bw, const int32_t* C, int32_t width) {
     int32_t at = 0;
     for (size_t i = 0;; i += 2) {
-        bw.span(C[i] - at, kWhiteTerm, kWhiteMakeup);
+        const int32_t white = C[i] - at, black = C[i + 1] - C[i];
+        if (white < 64 && black < 64 && C[i + 1] < width) {
+            // Two short runs, the next white one to follow: both codes at once.
+            const Code w = kWhiteTerm[white], b = kBlackTerm[black];
+            bw.put((uint32_t(w.bits) << b.length) | b.bits, w.length + b.length);
+            at = C[i + 1];
+            continue;
+        }
+        bw.span(white, kWhiteTerm, kWhiteMakeup);
         if (C[i] >= width)
             break;
         bw.span(C[i + 1] - C[i], kBlackTerm, kBlackMakeup);
