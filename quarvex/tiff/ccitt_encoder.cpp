@@ -56,6 +56,8 @@ constexpr Code kPass = {0x1, 4};
 constexpr Code kHorizontal = {0x1, 3};
 constexpr Code kEol = {0x001, 12};
 constexpr int kSentinels = 4;
+// Bytes a strip's buffer is lengthened by past what the next row may need.
+constexpr size_t kGrowthStep = 16 * 1024;
 
 // Codes packed into bytes first bit highest, through a 64-bit accumulator whose low `fill`
 // bits are pending (bits above them are stale and never written); whole 32-bit words go out as
@@ -292,14 +294,16 @@ bool CcittEncoder::encodeStrip(Scheme scheme, int rowsPerGroup, const uint8_t* r
         // this row and a pass code per two changes of the row above; an EOL; the strip's end.
         const size_t bound = ((ncur + 2) * 56 + (nref + 2) * 4 + size_t(width) / 200 + 192) / 8 + 16;
         if (out.size() < used + bound) {
-            size_t want = std::max(out.size() * 2, used + bound);
-            if (fixedRoom) {
-                // Within the capacity only: a resize there moves nothing.
-                if (used + bound > out.capacity())
+            // The buffer grows by doubling its allocation (never with fixed room), but its size
+            // only by a step past what is needed: a resize fills and so makes resident what it
+            // adds, and a strip's codes stay far below a doubling's worth.
+            const size_t need = used + bound;
+            if (need > out.capacity()) {
+                if (fixedRoom)
                     return false;
-                want = std::min(want, out.capacity());
+                out.reserve(std::max(out.capacity() * 2, need));
             }
-            out.resize(want);
+            out.resize(std::min(out.capacity(), need + kGrowthStep));
         }
         bw.p = out.data() + used;
 

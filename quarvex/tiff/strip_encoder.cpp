@@ -133,8 +133,10 @@ constexpr size_t kParallelBytes = size_t(8) << 20;
 constexpr uint32_t kSampleStep = 8;
 // Colour changes on a page (estimated from the sample) from which CCITT coding is shared.
 constexpr uint64_t kBusyChanges = 1000000;
-// Strips compressed ahead of the one being written, at most.
+// Strips compressed ahead of the one being written, at most; on shared CCITT pages fewer, as
+// each strip in flight holds its codes (a busy page's weigh more than its rows).
 constexpr uint32_t kWindow = 4;
+constexpr uint32_t kCcittWindow = 2;
 // Strips of one colour remembered (white, and the few colours a page is filled with).
 constexpr size_t kCacheEntries = 16;
 } // namespace
@@ -236,8 +238,8 @@ bool StripPipeline::shareCcitt(const StripLayout& layout, const uint8_t* data) {
     // two and a half), with room for one row's codes at their longest over it; a strip that
     // still does not fit is coded again by this thread.
     const size_t room = size_t(busiest) + size_t(busiest) / 4 + size_t(layout.width) + 4096;
-    for (Slot& s : m_slots)
-        if (s.bytes.capacity() < room) {
+    for (uint32_t i = 0; i < kCcittWindow; ++i)
+        if (Slot& s = m_slots[i]; s.bytes.capacity() < room) {
             std::vector<uint8_t>().swap(s.bytes);
             s.bytes.reserve(room);
         }
@@ -266,7 +268,7 @@ void StripPipeline::helperLoop() {
     bool begun = false;
     for (;;) {
         m_wake.wait(lock, [&] {
-            return m_quit || (m_shared && m_next < m_layout->strips() && m_next < m_written + kWindow);
+            return m_quit || (m_shared && m_next < m_layout->strips() && m_next < m_written + m_window);
         });
         if (m_quit)
             return;
@@ -275,7 +277,7 @@ void StripPipeline::helperLoop() {
             begun = false; // the page's first strip here starts the encoder anew
         }
         const uint32_t strip = m_next++;
-        Slot& slot = m_slots[strip % kWindow];
+        Slot& slot = m_slots[strip % m_window];
         m_helperStrip = strip;
         m_stopHelper.store(false, std::memory_order_relaxed);
         Slot done;
@@ -324,6 +326,7 @@ bool StripPipeline::run(const StripLayout& layout, const uint8_t* data, uint64_t
         m_setTags = &setTags;
         m_next = 0;
         m_written = 0;
+        m_window = layout.ownCcitt ? kCcittWindow : kWindow;
         ++m_page;
         for (Slot& s : m_slots)
             s.ready = false;
@@ -350,7 +353,7 @@ bool StripPipeline::run(const StripLayout& layout, const uint8_t* data, uint64_t
             m_wake.notify_all();
         };
         while (ok && m_written < n) {
-            Slot& head = m_slots[m_written % kWindow];
+            Slot& head = m_slots[m_written % m_window];
             if (head.ready && head.strip == m_written) {
                 // The next strip in order; one the helper had no room for is coded here first.
                 head.ready = false;
@@ -367,10 +370,10 @@ bool StripPipeline::run(const StripLayout& layout, const uint8_t* data, uint64_t
                 putHead(head);
                 continue;
             }
-            const bool slotFree = m_helperStrip == kNone || m_helperStrip % kWindow != m_next % kWindow;
-            if (m_next < n && m_next < m_written + kWindow && slotFree) {
+            const bool slotFree = m_helperStrip == kNone || m_helperStrip % m_window != m_next % m_window;
+            if (m_next < n && m_next < m_written + m_window && slotFree) {
                 const uint32_t strip = m_next++;
-                Slot& slot = m_slots[strip % kWindow];
+                Slot& slot = m_slots[strip % m_window];
                 lock.unlock();
                 const bool done = encodeInto(m_mine, mineBegun, strip, slot);
                 lock.lock();

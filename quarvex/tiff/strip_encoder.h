@@ -159,6 +159,7 @@ private:
     const std::function<bool(TIFF*)>* m_setTags = nullptr;
     uint32_t m_next = 0;    // the next strip nobody has taken
     uint32_t m_written = 0; // strips handed over so far
+    uint32_t m_window = 1;  // strips in flight at most
     static constexpr uint32_t kNone = UINT32_MAX;
     uint32_t m_helperStrip = kNone; // the strip the helper is coding
     uint32_t m_stealing = kNone;    // the strip this thread codes as well, not to wait for it
