@@ -341,14 +341,19 @@ bool StripPipeline::run(const StripLayout& layout, const uint8_t* data, uint64_t
         if (!m_helper.joinable())
             m_helper = std::thread([this] { helperLoop(); });
         std::unique_lock<std::mutex> lock(m_mutex);
+        // The helper starts at once on CCITT pages; on others once the first strip is done, so
+        // that a page's strips of one colour are known to the cache and are not compressed by
+        // both threads at once (the helper adds nothing to the cache on CCITT pages anyway).
+        if (layout.ownCcitt) {
+            m_shared = true;
+            m_wake.notify_all();
+        }
         // Hands strip m_written over, outside the lock, and moves on.
         auto putHead = [&](const Slot& slot) {
             lock.unlock();
             ok = putStrip(layout, m_written, slot, put);
             lock.lock();
             ++m_written;
-            // The helper starts once the first strip is done: a page's strips of one colour
-            // are then known to the cache and are not compressed by both threads at once.
             m_shared = true;
             m_wake.notify_all();
         };
