@@ -56,6 +56,8 @@ constexpr Code kPass = {0x1, 4};
 constexpr Code kHorizontal = {0x1, 3};
 constexpr Code kEol = {0x001, 12};
 constexpr int kSentinels = 4;
+// Bytes a strip's buffer is lengthened by past what the next row may need.
+constexpr size_t kGrowthStep = 16 * 1024;
 
 // Codes packed into bytes first bit highest, through a 64-bit accumulator whose low `fill`
 // bits are pending (bits above them are stale and never written); whole 32-bit words go out as
@@ -64,9 +66,11 @@ struct BitWriter {
     uint8_t* p;
     uint64_t acc = 0;
     int fill = 0;
-    void put(Code c) {
-        acc = (acc << c.length) | c.bits;
-        fill += c.length;
+    void put(Code c) { put(c.bits, c.length); }
+    // Up to 32 bits at once.
+    void put(uint32_t bits, int length) {
+        acc = (acc << length) | bits;
+        fill += length;
         if (fill >= 32) {
             fill -= 32;
             const uint32_t word = __builtin_bswap32(uint32_t(acc >> fill));
@@ -106,8 +110,12 @@ inline uint64_t loadBig(const uint8_t* p) {
 
 } // namespace
 
-size_t rowChanges(const uint8_t* row, int width, int32_t* changes) {
-    int32_t* out = changes;
+namespace {
+
+// Calls f(base, diff) for each 64-pixel word of row: diff has a bit set (from bit 63 down) at
+// every pixel whose colour differs from the one before, pixels at and past width cleared.
+template <typename F>
+inline void forEachChangeWord(const uint8_t* row, int width, F&& f) {
     const size_t bytes = (size_t(width) + 7) / 8;
     uint64_t before = 0; // the pixel left of the word, at bit 63
     for (size_t at = 0; at < bytes; at += 8) {
@@ -125,13 +133,28 @@ size_t rowChanges(const uint8_t* row, int width, int32_t* changes) {
         const int32_t valid = width - base;
         if (valid < 64)
             diff &= ~uint64_t(0) << (64 - valid);
+        f(base, diff);
+    }
+}
+
+} // namespace
+
+size_t rowChanges(const uint8_t* row, int width, int32_t* changes) {
+    int32_t* out = changes;
+    forEachChangeWord(row, width, [&](int32_t base, uint64_t diff) {
         while (diff) {
             const int k = __builtin_clzll(diff);
             *out++ = base + k;
             diff &= ~(uint64_t(1) << 63 >> k);
         }
-    }
+    });
     return size_t(out - changes);
+}
+
+size_t countChanges(const uint8_t* row, int width) {
+    size_t n = 0;
+    forEachChangeWord(row, width, [&](int32_t, uint64_t diff) { n += size_t(__builtin_popcountll(diff)); });
+    return n;
 }
 
 namespace {
@@ -172,11 +195,20 @@ BitWriter codeRow2D(BitWriter bw, const int32_t* C, const int32_t* R, int32_t wi
         } else {
             // Horizontal: the runs a0..a1 and a1..a2; a0 moves to a2, the colour stays.
             const int32_t a2 = C[ia + 1];
-            bw.put(kHorizontal);
-            if ((ia & 1) == 0) {
+            const int32_t r1 = a1 - a0, r2 = a2 - a1;
+            if (r1 < 64 && r2 < 64) {
+                // Two short runs, as on busy pages: the mode and both terminating codes (at
+                // most 3 + 8 + 12 bits) go in at once.
+                const Code c1 = (ia & 1) == 0 ? kWhiteTerm[r1] : kBlackTerm[r1];
+                const Code c2 = (ia & 1) == 0 ? kBlackTerm[r2] : kWhiteTerm[r2];
+                bw.put((((uint32_t(kHorizontal.bits) << c1.length) | c1.bits) << c2.length) | c2.bits,
+                       kHorizontal.length + c1.length + c2.length);
+            } else if ((ia & 1) == 0) {
+                bw.put(kHorizontal);
                 bw.span(a1 - a0, kWhiteTerm, kWhiteMakeup);
                 bw.span(a2 - a1, kBlackTerm, kBlackMakeup);
             } else {
+                bw.put(kHorizontal);
                 bw.span(a1 - a0, kBlackTerm, kBlackMakeup);
                 bw.span(a2 - a1, kWhiteTerm, kWhiteMakeup);
             }
@@ -195,7 +227,15 @@ BitWriter codeRow2D(BitWriter bw, const int32_t* C, const int32_t* R, int32_t wi
 BitWriter codeRow1D(BitWriter bw, const int32_t* C, int32_t width) {
     int32_t at = 0;
     for (size_t i = 0;; i += 2) {
-        bw.span(C[i] - at, kWhiteTerm, kWhiteMakeup);
+        const int32_t white = C[i] - at, black = C[i + 1] - C[i];
+        if (white < 64 && black < 64 && C[i + 1] < width) {
+            // Two short runs, the next white one to follow: both codes at once.
+            const Code w = kWhiteTerm[white], b = kBlackTerm[black];
+            bw.put((uint32_t(w.bits) << b.length) | b.bits, w.length + b.length);
+            at = C[i + 1];
+            continue;
+        }
+        bw.span(white, kWhiteTerm, kWhiteMakeup);
         if (C[i] >= width)
             break;
         bw.span(C[i + 1] - C[i], kBlackTerm, kBlackMakeup);
@@ -221,11 +261,18 @@ void putEol(BitWriter& bw, bool twoD, bool oneDRow) {
 
 } // namespace
 
-void CcittEncoder::encodeStrip(Scheme scheme, int rowsPerGroup, const uint8_t* rows, int width, size_t stride,
-                               uint32_t count, std::vector<uint8_t>& out) {
-    const size_t most = size_t(width) + 1 + kSentinels;
-    m_ref.resize(most);
-    m_cur.resize(most);
+void CcittEncoder::reserve(int width) {
+    const size_t most = size_t(std::max(width, 0)) + 1 + kSentinels;
+    if (m_ref.size() < most) {
+        m_ref.resize(most);
+        m_cur.resize(most);
+    }
+}
+
+bool CcittEncoder::encodeStrip(Scheme scheme, int rowsPerGroup, const uint8_t* rows, int width, size_t stride,
+                               uint32_t count, std::vector<uint8_t>& out, bool fixedRoom,
+                               const std::atomic<bool>* stop) {
+    reserve(width);
     // The row above the first is white: no changes.
     size_t nref = 0;
     std::fill(m_ref.begin(), m_ref.begin() + kSentinels, width);
@@ -235,6 +282,8 @@ void CcittEncoder::encodeStrip(Scheme scheme, int rowsPerGroup, const uint8_t* r
     // Group 3 2-D: a row in one dimension, then rowsPerGroup - 1 rows in two, over again.
     int twoDLeft = 0;
     for (uint32_t r = 0; r < count; ++r) {
+        if (stop && stop->load(std::memory_order_relaxed))
+            return false;
         const uint8_t* row = rows + size_t(r) * stride;
         int32_t* C = m_cur.data();
         const size_t ncur = rowChanges(row, width, C);
@@ -244,8 +293,18 @@ void CcittEncoder::encodeStrip(Scheme scheme, int rowsPerGroup, const uint8_t* r
         // two runs of at most 25 bits plus 12 per 2560 pixels) or vertical mode per change of
         // this row and a pass code per two changes of the row above; an EOL; the strip's end.
         const size_t bound = ((ncur + 2) * 56 + (nref + 2) * 4 + size_t(width) / 200 + 192) / 8 + 16;
-        if (out.size() < used + bound)
-            out.resize(std::max(out.size() * 2, used + bound));
+        if (out.size() < used + bound) {
+            // The buffer grows by doubling its allocation (never with fixed room), but its size
+            // only by a step past what is needed: a resize fills and so makes resident what it
+            // adds, and a strip's codes stay far below a doubling's worth.
+            const size_t need = used + bound;
+            if (need > out.capacity()) {
+                if (fixedRoom)
+                    return false;
+                out.reserve(std::max(out.capacity() * 2, need));
+            }
+            out.resize(std::min(out.capacity(), need + kGrowthStep));
+        }
         bw.p = out.data() + used;
 
         switch (scheme) {
@@ -271,8 +330,11 @@ void CcittEncoder::encodeStrip(Scheme scheme, int rowsPerGroup, const uint8_t* r
         m_ref.swap(m_cur);
         nref = ncur;
     }
-    if (out.size() < used + 16)
+    if (out.size() < used + 16) {
+        if (fixedRoom && used + 16 > out.capacity())
+            return false;
         out.resize(used + 16);
+    }
     bw.p = out.data() + used;
     // A Group 4 strip ends with the end-of-facsimile-block: two EOLs. Then the last byte is
     // padded.
@@ -282,6 +344,7 @@ void CcittEncoder::encodeStrip(Scheme scheme, int rowsPerGroup, const uint8_t* r
     }
     bw.flush();
     out.resize(size_t(bw.p - out.data()));
+    return true;
 }
 
 } // namespace qx::tiff

@@ -85,11 +85,11 @@ bool ScratchEncoder::begin(const std::function<bool(TIFF*)>& setTags) {
 }
 
 bool ScratchEncoder::encode(const StripLayout& layout, uint32_t strip, const uint8_t* rows,
-                            std::vector<uint8_t>& out) {
+                            std::vector<uint8_t>& out, bool fixedRoom, const std::atomic<bool>* stop) {
     if (layout.ownCcitt) {
-        m_ccitt.encodeStrip(layout.ccitt, layout.ccittRowsPerGroup, rows, layout.width, layout.stride,
-                            layout.rowsIn(strip), out);
-        return !out.empty();
+        return m_ccitt.encodeStrip(layout.ccitt, layout.ccittRowsPerGroup, rows, layout.width, layout.stride,
+                                   layout.rowsIn(strip), out, fixedRoom, stop) &&
+               !out.empty();
     }
     if (!m_tif)
         return false;
@@ -126,10 +126,17 @@ void ScratchEncoder::end() {
 
 namespace {
 // Pages smaller than this are compressed on one thread: the helper's codec state and strips
-// would weigh on their peak memory, and handing strips over costs time.
+// would weigh on their peak memory, and handing strips over costs time. (1-bit pages to CCITT
+// go by their estimated coding work instead.)
 constexpr size_t kParallelBytes = size_t(8) << 20;
-// Strips compressed ahead of the one being written, at most.
+// Rows sampled for the coding work of a 1-bit page: one in this many.
+constexpr uint32_t kSampleStep = 8;
+// Colour changes on a page (estimated from the sample) from which CCITT coding is shared.
+constexpr uint64_t kBusyChanges = 1000000;
+// Strips compressed ahead of the one being written, at most; on shared CCITT pages fewer, as
+// each strip in flight holds its codes (a busy page's weigh more than its rows).
 constexpr uint32_t kWindow = 4;
+constexpr uint32_t kCcittWindow = 2;
 // Strips of one colour remembered (white, and the few colours a page is filled with).
 constexpr size_t kCacheEntries = 16;
 } // namespace
@@ -157,8 +164,13 @@ const std::vector<uint8_t>* StripPipeline::cached(const UniformKey& key) const {
 }
 
 // Compresses one strip into slot (or takes its bytes from the cache). Called on either thread,
-// without the lock held; takes it for the cache and the counts.
-bool StripPipeline::encodeInto(ScratchEncoder& enc, bool& begun, uint32_t strip, Slot& slot) {
+// without the lock held; takes it for the cache. (Strips are counted as they are handed over:
+// one that both threads coded counts once.) The helper codes CCITT strips
+// within the slot's capacity and adds nothing to the cache, so that it allocates nothing.
+bool StripPipeline::encodeInto(ScratchEncoder& enc, bool& begun, uint32_t strip, Slot& slot,
+                               const std::atomic<bool>* stop) {
+    // The helper allocates nothing while it codes CCITT strips (see shareCcitt).
+    const bool noAlloc = &enc == &m_theirs && m_layout->ownCcitt;
     const StripLayout& layout = *m_layout;
     const uint8_t* rows = m_data + size_t(strip) * layout.rowsPerStrip * layout.stride;
     const uint32_t count = layout.rowsIn(strip);
@@ -176,9 +188,9 @@ bool StripPipeline::encodeInto(ScratchEncoder& enc, bool& begun, uint32_t strip,
     }
     if (uniform) {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (const auto* bytes = cached(key)) {
+        if (const auto* bytes = cached(key); bytes && (!noAlloc || bytes->size() <= slot.bytes.capacity())) {
             slot.bytes = *bytes;
-            ++m_stats.stripsReused;
+            slot.reused = true;
             return true;
         }
     }
@@ -187,14 +199,67 @@ bool StripPipeline::encodeInto(ScratchEncoder& enc, bool& begun, uint32_t strip,
             return false;
         begun = true;
     }
-    if (!enc.encode(layout, strip, rows, slot.bytes))
+    if (!enc.encode(layout, strip, rows, slot.bytes, noAlloc, stop)) {
+        slot.retry = noAlloc && !(stop && stop->load(std::memory_order_relaxed));
         return false;
+    }
+    slot.reused = false;
     std::lock_guard<std::mutex> lock(m_mutex);
-    ++m_stats.stripsEncoded;
-    m_stats.bytesEncoded += uint64_t(count) * layout.rowBytes;
-    if (uniform && !cached(key) && m_cache.size() < kCacheEntries)
+    if (uniform && !noAlloc && !cached(key) && m_cache.size() < kCacheEntries)
         m_cache.push_back({key, slot.bytes});
     return true;
+}
+
+// Whether a 1-bit page's CCITT coding is worth sharing with the helper: the colour changes of
+// one row in kSampleStep (where ink is) tell the work. If so, every slot gets room for the
+// busiest strip's codes as estimated, and the helper's coder room for a row, so that the
+// helper need not allocate.
+bool StripPipeline::shareCcitt(const StripLayout& layout, const uint8_t* data) {
+    const uint32_t top = std::min(layout.inkTop, layout.height);
+    const uint32_t bottom = std::min(layout.inkBottom, layout.height);
+    uint64_t total = 0, busiest = 0, inStrip = 0;
+    uint32_t strip = top / layout.rowsPerStrip;
+    for (uint32_t y = top; y < bottom; y += kSampleStep) {
+        if (y / layout.rowsPerStrip != strip) {
+            busiest = std::max(busiest, inStrip);
+            inStrip = 0;
+            strip = y / layout.rowsPerStrip;
+        }
+        const uint64_t c = countChanges(data + size_t(y) * layout.stride, layout.width);
+        inStrip += c;
+        total += c;
+    }
+    busiest = std::max(busiest, inStrip);
+    total *= kSampleStep;
+    busiest *= kSampleStep;
+    if (total < kBusyChanges)
+        return false;
+    // About a byte per change at most on busy pages (a horizontal mode's two runs take up to
+    // two and a half), with room for one row's codes at their longest over it; a strip that
+    // still does not fit is coded again by this thread.
+    const size_t room = size_t(busiest) + size_t(busiest) / 4 + size_t(layout.width) + 4096;
+    for (uint32_t i = 0; i < kCcittWindow; ++i)
+        if (Slot& s = m_slots[i]; s.bytes.capacity() < room) {
+            std::vector<uint8_t>().swap(s.bytes);
+            s.bytes.reserve(room);
+        }
+    if (m_spare.bytes.capacity() < room) {
+        std::vector<uint8_t>().swap(m_spare.bytes);
+        m_spare.bytes.reserve(room);
+    }
+    m_theirs.reserveCcitt(layout.width);
+    return true;
+}
+
+bool StripPipeline::putStrip(const StripLayout& layout, uint32_t strip, const Slot& slot,
+                             const std::function<bool(uint32_t, const uint8_t*, size_t)>& put) {
+    if (slot.reused) {
+        ++m_stats.stripsReused;
+    } else {
+        ++m_stats.stripsEncoded;
+        m_stats.bytesEncoded += uint64_t(layout.rowsIn(strip)) * layout.rowBytes;
+    }
+    return put(strip, slot.bytes.data(), slot.bytes.size());
 }
 
 void StripPipeline::helperLoop() {
@@ -203,7 +268,7 @@ void StripPipeline::helperLoop() {
     bool begun = false;
     for (;;) {
         m_wake.wait(lock, [&] {
-            return m_quit || (m_layout && m_next < m_layout->strips() && m_next < m_written + kWindow);
+            return m_quit || (m_shared && m_next < m_layout->strips() && m_next < m_written + m_window);
         });
         if (m_quit)
             return;
@@ -212,19 +277,27 @@ void StripPipeline::helperLoop() {
             begun = false; // the page's first strip here starts the encoder anew
         }
         const uint32_t strip = m_next++;
-        Slot& slot = m_slots[strip % kWindow];
-        m_helperBusy = true;
-        lock.unlock();
+        Slot& slot = m_slots[strip % m_window];
+        m_helperStrip = strip;
+        m_stopHelper.store(false, std::memory_order_relaxed);
         Slot done;
         done.strip = strip;
         done.bytes.swap(slot.bytes);
-        done.ok = encodeInto(m_theirs, begun, strip, done);
+        lock.unlock();
+        done.ok = encodeInto(m_theirs, begun, strip, done, &m_stopHelper);
         lock.lock();
         slot.bytes.swap(done.bytes);
-        slot.strip = strip;
-        slot.ok = done.ok;
-        slot.ready = true;
-        m_helperBusy = false;
+        m_helperStrip = kNone;
+        if (strip >= m_written) {
+            slot.strip = strip;
+            slot.ok = done.ok;
+            slot.retry = done.retry;
+            slot.reused = done.reused;
+            slot.ready = true;
+            // This thread was first with a strip the other one is coding too: it may stop.
+            if (strip == m_stealing && done.ok)
+                m_stopMine.store(true, std::memory_order_relaxed);
+        } // else the other thread has written this strip already: the bytes are not needed
         m_done.notify_all();
     }
 }
@@ -237,7 +310,13 @@ bool StripPipeline::run(const StripLayout& layout, const uint8_t* data, uint64_t
         m_cacheKey = cacheKey;
     }
     const uint32_t n = layout.strips();
-    const bool parallel = m_threadsAllowed && n >= 4 && size_t(layout.height) * layout.rowBytes >= kParallelBytes;
+    bool parallel = false;
+    if (m_threadsAllowed && n >= 2) {
+        if (layout.ownCcitt)
+            parallel = shareCcitt(layout, data);
+        else
+            parallel = n >= 4 && size_t(layout.height) * layout.rowBytes >= kParallelBytes;
+    }
     bool mineBegun = false;
     bool ok = true;
     {
@@ -247,6 +326,7 @@ bool StripPipeline::run(const StripLayout& layout, const uint8_t* data, uint64_t
         m_setTags = &setTags;
         m_next = 0;
         m_written = 0;
+        m_window = layout.ownCcitt ? kCcittWindow : kWindow;
         ++m_page;
         for (Slot& s : m_slots)
             s.ready = false;
@@ -254,42 +334,87 @@ bool StripPipeline::run(const StripLayout& layout, const uint8_t* data, uint64_t
     if (!parallel) {
         Slot& slot = m_slots[0];
         for (uint32_t s = 0; ok && s < n; ++s) {
-            ok = encodeInto(m_mine, mineBegun, s, slot) && put(s, slot.bytes.data(), slot.bytes.size());
+            ok = encodeInto(m_mine, mineBegun, s, slot) && putStrip(layout, s, slot, put);
         }
     } else {
+        ++m_stats.pagesShared;
         if (!m_helper.joinable())
             m_helper = std::thread([this] { helperLoop(); });
-        m_wake.notify_all();
         std::unique_lock<std::mutex> lock(m_mutex);
+        // The helper starts at once on CCITT pages; on others once the first strip is done, so
+        // that a page's strips of one colour are known to the cache and are not compressed by
+        // both threads at once (the helper adds nothing to the cache on CCITT pages anyway).
+        if (layout.ownCcitt) {
+            m_shared = true;
+            m_wake.notify_all();
+        }
+        // Hands strip m_written over, outside the lock, and moves on.
+        auto putHead = [&](const Slot& slot) {
+            lock.unlock();
+            ok = putStrip(layout, m_written, slot, put);
+            lock.lock();
+            ++m_written;
+            m_shared = true;
+            m_wake.notify_all();
+        };
         while (ok && m_written < n) {
-            Slot& head = m_slots[m_written % kWindow];
+            Slot& head = m_slots[m_written % m_window];
             if (head.ready && head.strip == m_written) {
-                // Hand the next strip over, in order, outside the lock.
+                // The next strip in order; one the helper had no room for is coded here first.
                 head.ready = false;
-                lock.unlock();
-                ok = head.ok && put(m_written, head.bytes.data(), head.bytes.size());
-                lock.lock();
-                ++m_written;
-                m_wake.notify_all();
+                if (!head.ok && head.retry) {
+                    lock.unlock();
+                    head.retry = false;
+                    head.ok = encodeInto(m_mine, mineBegun, m_written, head);
+                    lock.lock();
+                }
+                if (!head.ok) {
+                    ok = false;
+                    break;
+                }
+                putHead(head);
                 continue;
             }
-            if (m_next < n && m_next < m_written + kWindow) {
+            const bool slotFree = m_helperStrip == kNone || m_helperStrip % m_window != m_next % m_window;
+            if (m_next < n && m_next < m_written + m_window && slotFree) {
                 const uint32_t strip = m_next++;
-                Slot& slot = m_slots[strip % kWindow];
+                Slot& slot = m_slots[strip % m_window];
                 lock.unlock();
                 const bool done = encodeInto(m_mine, mineBegun, strip, slot);
                 lock.lock();
                 slot.strip = strip;
                 slot.ok = done;
+                slot.retry = false;
                 slot.ready = true;
+                continue;
+            }
+            if (m_helperStrip == m_written) {
+                // Nothing else to do but wait for the helper, which may not even have a core
+                // (the machine may be busy): code the strip here too, and whichever thread
+                // finishes first stops the other.
+                const uint32_t strip = m_written;
+                m_stealing = strip;
+                m_stopMine.store(false, std::memory_order_relaxed);
+                lock.unlock();
+                const bool done = encodeInto(m_mine, mineBegun, strip, m_spare, &m_stopMine);
+                lock.lock();
+                m_stealing = kNone;
+                if (done) {
+                    if (m_helperStrip == strip)
+                        m_stopHelper.store(true, std::memory_order_relaxed);
+                    putHead(m_spare);
+                } else if (!m_stopMine.load(std::memory_order_relaxed)) {
+                    ok = false;
+                } // else the helper was first: its bytes are in the head slot
                 continue;
             }
             m_done.wait(lock);
         }
         // Stop handing out strips and wait for the helper to put down the one it has.
         m_next = n;
-        m_done.wait(lock, [&] { return !m_helperBusy; });
-        m_layout = nullptr;
+        m_stopHelper.store(true, std::memory_order_relaxed);
+        m_done.wait(lock, [&] { return m_helperStrip == kNone; });
+        m_shared = false;
         lock.unlock();
         m_theirs.end();
     }

@@ -7,6 +7,7 @@
 // are. CCITT strips go through this program's own encoder instead, which gives the same bytes
 // several times faster.
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -61,6 +62,7 @@ struct StripStats {
     uint64_t stripsEncoded = 0; // strips run through a codec
     uint64_t stripsReused = 0;  // strips of one colour whose bytes were compressed before
     uint64_t bytesEncoded = 0;  // uncompressed bytes run through a codec
+    uint64_t pagesShared = 0;   // pages whose strips were compressed on two threads
 };
 
 // One in-memory TIFF handle that compresses strips with the tags of the page being written.
@@ -75,8 +77,14 @@ public:
     // for a layout with ownCcitt.
     bool begin(const std::function<bool(TIFF*)>& setTags);
     // Compresses strip number strip (rows of layout.stride bytes) into out. false on failure.
-    bool encode(const StripLayout& layout, uint32_t strip, const uint8_t* rows, std::vector<uint8_t>& out);
+    // fixedRoom (CCITT only): out keeps its allocation, and false may also mean that the strip
+    // did not fit in its capacity. stop (CCITT only): when it turns true, coding gives up
+    // (false) at the next row.
+    bool encode(const StripLayout& layout, uint32_t strip, const uint8_t* rows, std::vector<uint8_t>& out,
+                bool fixedRoom = false, const std::atomic<bool>* stop = nullptr);
     void end();
+    // Makes room for CCITT rows of width pixels, so that coding them allocates nothing.
+    void reserveCcitt(int width) { m_ccitt.reserve(width); }
 
 private:
     friend struct ScratchIo;
@@ -89,6 +97,11 @@ private:
 
 // Compresses the strips of a page, on this thread and one helper thread when the page is large
 // enough to be worth it, and hands them over in order; strips of one colour come from a cache.
+// A 1-bit page goes to CCITT coding on two threads only when a sample of its rows shows enough
+// colour changes (the coding work) to pay for it: then the helper codes into buffers allocated
+// beforehand by this thread, so that it never allocates (a thread's first allocation would
+// give it a memory arena of its own), and a strip that does not fit in its buffer is coded
+// again here.
 class StripPipeline {
 public:
     StripPipeline();
@@ -112,6 +125,8 @@ private:
         uint32_t strip = 0;
         bool ready = false;
         bool ok = true;
+        bool retry = false;  // the helper's buffer was too small: code it here
+        bool reused = false; // the bytes came from the cache
         std::vector<uint8_t> bytes;
     };
     struct Cached {
@@ -119,7 +134,11 @@ private:
         std::vector<uint8_t> bytes;
     };
     void helperLoop();
-    bool encodeInto(ScratchEncoder& enc, bool& begun, uint32_t strip, Slot& slot);
+    bool encodeInto(ScratchEncoder& enc, bool& begun, uint32_t strip, Slot& slot,
+                    const std::atomic<bool>* stop = nullptr);
+    bool shareCcitt(const StripLayout& layout, const uint8_t* data);
+    bool putStrip(const StripLayout& layout, uint32_t strip, const Slot& slot,
+                  const std::function<bool(uint32_t, const uint8_t*, size_t)>& put);
     const std::vector<uint8_t>* cached(const UniformKey& key) const;
 
     StripStats m_stats;
@@ -134,13 +153,19 @@ private:
     std::condition_variable m_wake, m_done;
     bool m_quit = false;
     uint64_t m_page = 0; // counts pages, so the helper knows a new one has come
+    bool m_shared = false; // the helper may take strips of this page
     const StripLayout* m_layout = nullptr;
     const uint8_t* m_data = nullptr;
     const std::function<bool(TIFF*)>* m_setTags = nullptr;
     uint32_t m_next = 0;    // the next strip nobody has taken
     uint32_t m_written = 0; // strips handed over so far
-    bool m_helperBusy = false;
+    uint32_t m_window = 1;  // strips in flight at most
+    static constexpr uint32_t kNone = UINT32_MAX;
+    uint32_t m_helperStrip = kNone; // the strip the helper is coding
+    uint32_t m_stealing = kNone;    // the strip this thread codes as well, not to wait for it
+    std::atomic<bool> m_stopHelper{false}, m_stopMine{false}; // the other thread was first
     std::vector<Slot> m_slots; // a window of strips in flight, by strip % size
+    Slot m_spare;              // the bytes of a strip coded here as well as by the helper
     std::vector<uint8_t> m_uniform; // per strip: 1 = one colour, found in the cache
     ScratchEncoder m_theirs;
 };

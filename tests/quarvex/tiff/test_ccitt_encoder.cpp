@@ -9,6 +9,7 @@
 #include <tiffio.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -365,4 +366,43 @@ TEST(CcittEncoder, RenderedPagesAreLibtiffsBytes) {
         TIFFClose(t);
     }
     EXPECT_EQ(pages, 5);
+}
+
+TEST(CcittEncoder, FixedRoomCodesInPlaceOrSaysItDoesNotFit) {
+    const Bitmap b = noise(1203, 64, 40, 11);
+    CcittEncoder enc;
+    std::vector<uint8_t> grown;
+    ASSERT_TRUE(enc.encodeStrip(Scheme::G4, 1, b.data.data(), b.width, b.stride, 64, grown));
+    for (Scheme s : {Scheme::G4, Scheme::G3OneD, Scheme::G3TwoD}) {
+        std::vector<uint8_t> free, room;
+        ASSERT_TRUE(enc.encodeStrip(s, 4, b.data.data(), b.width, b.stride, 64, free));
+        // Room for the codes and the longest row besides: the same bytes, in the same buffer.
+        room.reserve(free.size() + 16 * 1024);
+        const uint8_t* buffer = room.data();
+        ASSERT_TRUE(enc.encodeStrip(s, 4, b.data.data(), b.width, b.stride, 64, room, true));
+        EXPECT_EQ(room.data(), buffer);
+        EXPECT_TRUE(room == free) << int(s);
+        // Too little room: refused, without taking more.
+        std::vector<uint8_t> small;
+        small.reserve(free.size() / 2);
+        const size_t capacity = small.capacity();
+        EXPECT_FALSE(enc.encodeStrip(s, 4, b.data.data(), b.width, b.stride, 64, small, true));
+        EXPECT_EQ(small.capacity(), capacity);
+    }
+    // Coding stops when asked to.
+    std::atomic<bool> stop{true};
+    std::vector<uint8_t> stopped;
+    EXPECT_FALSE(enc.encodeStrip(Scheme::G4, 1, b.data.data(), b.width, b.stride, 64, stopped, false, &stop));
+    stop = false;
+    ASSERT_TRUE(enc.encodeStrip(Scheme::G4, 1, b.data.data(), b.width, b.stride, 64, stopped, false, &stop));
+    EXPECT_TRUE(stopped == grown);
+}
+
+TEST(CcittEncoder, ChangesAreCounted) {
+    const Bitmap b = noise(1203, 8, 40, 5);
+    std::vector<int32_t> changes(1210);
+    for (int y = 0; y < 8; ++y) {
+        const uint8_t* row = b.data.data() + size_t(y) * b.stride;
+        EXPECT_EQ(qx::tiff::countChanges(row, b.width), qx::tiff::rowChanges(row, b.width, changes.data()));
+    }
 }

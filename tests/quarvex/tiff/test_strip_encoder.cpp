@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <tiffio.h>
 
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -220,4 +221,74 @@ TEST(StripEncoder, OneColourStripsAreFound) {
     EXPECT_EQ(k.last, 0xF0);
     bits[3] = 0xE0;
     EXPECT_FALSE(uniformStrip(b, bits.data(), 2, k));
+}
+
+namespace {
+
+// A Letter page at 300 dpi that is busy all over, as a halftoned drawing is: random bits in one
+// byte of three. The strip from row 1025 is far busier (random bits everywhere) except in the
+// rows the coding work is estimated from (one in eight), which are white there: its codes run
+// past the room made for them.
+RasterPage busyPage() {
+    RasterPage p = page(RasterPage::Format::Bilevel, 2550, 3300, true);
+    uint32_t s = 7;
+    for (int y = 0; y < p.height; ++y) {
+        const bool busiest = y >= 1025 && y < 1230;
+        if (busiest && y % 8 == 0)
+            continue;
+        for (size_t i = 0; i < p.stride; ++i) {
+            s = s * 1103515245u + 12345u;
+            if (busiest || (s >> 16) % 3 == 0)
+                p.data[size_t(y) * p.stride + i] = uint8_t(s >> 24);
+        }
+        p.data[size_t(y) * p.stride + p.stride - 1] &= 0xC0; // 2550 pixels: 6 in the last byte
+    }
+    return p;
+}
+
+std::vector<uint8_t> fileBytes(const fs::path& file) {
+    std::vector<uint8_t> out(fs::file_size(file));
+    FILE* f = std::fopen(file.c_str(), "rb");
+    if (f) {
+        out.resize(std::fread(out.data(), 1, out.size(), f));
+        std::fclose(f);
+    }
+    return out;
+}
+
+} // namespace
+
+TEST(StripEncoder, BusyBilevelPagesGiveTheSameBytesOnTwoThreads) {
+    const RasterPage busy = busyPage();
+    const RasterPage text = page(RasterPage::Format::Bilevel, 2550, 3300, false); // ink in a third
+    for (Compression c : {Compression::G4, Compression::G3OneD, Compression::G3TwoD}) {
+        std::vector<uint8_t> files[2];
+        for (bool threads : {false, true}) {
+            const fs::path file = tempFile(threads ? "busy2.tif" : "busy1.tif");
+            TiffOptions o;
+            o.compression = c;
+            TiffWriter w(o);
+            w.setThreads(threads);
+            ASSERT_TRUE(w.open(file.string()));
+            for (const RasterPage* p : {&busy, &text, &busy})
+                ASSERT_TRUE(w.writePage(*p));
+            ASSERT_TRUE(w.finish());
+            // Only the busy pages are worth a second thread; the one with sparse ink stays on one.
+            EXPECT_EQ(w.stripStats().pagesShared, threads ? 2u : 0u) << int(c);
+            files[threads] = fileBytes(file);
+        }
+        ASSERT_GT(files[0].size(), 1000000u);
+        EXPECT_TRUE(files[0] == files[1]) << "compression " << int(c);
+    }
+    // And the Group 4 strips are libtiff's.
+    const fs::path reference = tempFile("busyrows.tif");
+    writeByRows(reference, {busy}, Compression::G4);
+    const fs::path mine = tempFile("busy.tif");
+    TiffOptions o;
+    o.compression = Compression::G4;
+    TiffWriter w(o);
+    ASSERT_TRUE(w.open(mine.string()));
+    ASSERT_TRUE(w.writePage(busy));
+    ASSERT_TRUE(w.finish());
+    EXPECT_TRUE(rawStrips(mine) == rawStrips(reference));
 }
