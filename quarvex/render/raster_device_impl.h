@@ -521,8 +521,8 @@ struct RasterDevice::Impl {
     // own fill of a self-intersecting path grows with the square of its edges and costs a
     // surface and a context per band. Paths it cannot match pixel for pixel stay with cairo:
     // curves (flattened differently), edges all horizontal or vertical (cairo fills them as
-    // boxes), points beyond its fixed-point range or outside the columns [x0, x1) the bands
-    // cover. Paths of many points go through it whatever they are, to bound the work.
+    // boxes), points beyond its fixed-point range. Paths of many points go through it whatever
+    // they are, to bound the work.
     std::unique_ptr<raster::ScanConverter> scanConverterFor(const Path& path, FillRule rule, int x0,
                                                             int x1) const {
         const bool many = path.points().size() >= kScanConvertFrom;
@@ -536,8 +536,7 @@ struct RasterDevice::Impl {
             for (Point& p : line)
                 p = {p.x * geo.scaleX, p.y * geo.scaleY};
         auto scan = std::make_unique<raster::ScanConverter>(lines, rule);
-        if (!many && (!scan->exact() || scan->rectilinear() || x1 - x0 > kMaxSliceWidth ||
-                      !scan->fitsAcross(x0, x1)))
+        if (!many && (!scan->exact() || scan->rectilinear() || x1 - x0 > kMaxSliceWidth))
             return nullptr;
         return scan;
     }

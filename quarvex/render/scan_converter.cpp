@@ -31,6 +31,22 @@ inline int64_t roundFixed(int64_t v) { return (v + 127) >> 8; }
 inline int64_t floorFixed(int64_t v) { return v >> 8; }
 inline int64_t ceilFixed(int64_t v) { return -((-v) >> 8); }
 
+// Where an edge's line meets a row or a column, as cairo finds it: the quotient truncated.
+int64_t xOnLine(int64_t x1, int64_t y1, int64_t x2, int64_t y2, int64_t y) {
+    if (y == y1)
+        return x1;
+    if (y == y2)
+        return x2;
+    return x1 + (y - y1) * (x2 - x1) / (y2 - y1);
+}
+int64_t yOnLine(int64_t x1, int64_t y1, int64_t x2, int64_t y2, int64_t x) {
+    if (x == x1)
+        return y1;
+    if (x == x2)
+        return y2;
+    return x2 == x1 ? y1 : y1 + (x - x1) * (y2 - y1) / (x2 - x1);
+}
+
 // Floored division and its remainder (0 <= rem < d) for d > 0.
 inline void floorDiv(int64_t n, int64_t d, int64_t& quo, int64_t& rem) {
     quo = n / d;
@@ -78,7 +94,7 @@ ScanConverter::ScanConverter(const std::vector<std::vector<Point>>& polylines, F
                 std::swap(y1, y2);
                 dir = -1;
             }
-            m_edges.push_back({x1, y1, x2, y2, static_cast<int32_t>(roundFixed(y1)),
+            m_edges.push_back({x1, y1, x2, y2, y1, y2, static_cast<int32_t>(roundFixed(y1)),
                                static_cast<int32_t>(roundFixed(y2)), dir});
         }
     }
@@ -88,6 +104,16 @@ ScanConverter::ScanConverter(const std::vector<std::vector<Point>>& polylines, F
     m_minY = minY;
     m_maxX = maxX;
     m_maxY = maxY;
+    sortEdges();
+}
+
+ScanConverter::ScanConverter(std::vector<Edge> edges, FillRule rule)
+    : m_rule(rule), m_cut(true), m_edges(std::move(edges)) {
+    if (!m_edges.empty())
+        sortEdges();
+}
+
+void ScanConverter::sortEdges() {
     // The extent of the edges' ends: cairo's polygon extent when the band holds the whole path.
     m_edgeMinX = INT32_MAX;
     m_edgeMaxX = INT32_MIN;
@@ -181,26 +207,19 @@ void ScanConverter::restart(int64_t row) {
 void ScanConverter::columnRange(int x0, int y0, int w, int h, int64_t& lo, int64_t& hi) const {
     // cairo clips the polygon to the band when the path's extent, rounded out, does not fit in
     // it; the polygon's extent then comes from the edges cut at the band's top and bottom.
-    const bool contained = floorFixed(m_minX) >= x0 && ceilFixed(m_maxX) <= int64_t(x0) + w &&
+    const bool contained = !m_cut && floorFixed(m_minX) >= x0 && ceilFixed(m_maxX) <= int64_t(x0) + w &&
                            floorFixed(m_minY) >= y0 && ceilFixed(m_maxY) <= int64_t(y0) + h;
     int64_t ex1 = m_edgeMinX, ex2 = m_edgeMaxX;
     if (!contained) {
         const int64_t top = int64_t(y0) * 256, bottom = (int64_t(y0) + h) * 256;
         ex1 = INT64_MAX;
         ex2 = INT64_MIN;
-        auto xAt = [](const Edge& e, int64_t y) -> int64_t {
-            if (y == e.y1)
-                return e.x1;
-            if (y == e.y2)
-                return e.x2;
-            // Truncated, as cairo computes the ends of a cut edge.
-            return e.x1 + (y - e.y1) * (int64_t(e.x2) - e.x1) / (int64_t(e.y2) - e.y1);
-        };
+        auto xAt = [](const Edge& e, int64_t y) { return xOnLine(e.x1, e.y1, e.x2, e.y2, y); };
         for (const Edge& e : m_edges) {
-            if (e.y2 <= top || e.y1 >= bottom)
+            if (e.bottom <= top || e.top >= bottom)
                 continue;
-            const int64_t a = xAt(e, std::max<int64_t>(e.y1, top));
-            const int64_t b = xAt(e, std::min<int64_t>(e.y2, bottom));
+            const int64_t a = xAt(e, std::max<int64_t>(e.top, top));
+            const int64_t b = xAt(e, std::min<int64_t>(e.bottom, bottom));
             ex1 = std::min({ex1, a, b});
             ex2 = std::max({ex2, a, b});
         }
@@ -211,6 +230,92 @@ void ScanConverter::columnRange(int x0, int y0, int w, int h, int64_t& lo, int64
     }
     lo = std::max<int64_t>(x0, floorFixed(ex1));
     hi = std::min<int64_t>(int64_t(x0) + w, ceilFixed(ex2));
+}
+
+std::vector<ScanConverter::Edge> ScanConverter::cutTo(int64_t left, int64_t right, int64_t top,
+                                                      int64_t bottom) const {
+    std::vector<Edge> out;
+    out.reserve(m_edges.size() + 8);
+    // The rows [t, b) of the line (x1, y1)-(x2, y2).
+    auto add = [&](int64_t x1, int64_t y1, int64_t x2, int64_t y2, int64_t t, int64_t b, int32_t dir) {
+        out.push_back({int32_t(x1), int32_t(y1), int32_t(x2), int32_t(y2), int32_t(t), int32_t(b),
+                       int32_t(roundFixed(t)), int32_t(roundFixed(b)), dir});
+    };
+    auto leftSide = [&](int64_t t, int64_t b, int32_t dir) { add(left, top, left, bottom, t, b, dir); };
+    auto rightSide = [&](int64_t t, int64_t b, int32_t dir) { add(right, top, right, bottom, t, b, dir); };
+    for (const Edge& e : m_edges) {
+        if (e.top >= bottom || e.bottom <= top)
+            continue;
+        int64_t ty = std::max<int64_t>(e.top, top), by = std::min<int64_t>(e.bottom, bottom);
+        const int64_t pl = std::min(e.x1, e.x2), pr = std::max(e.x1, e.x2);
+        if (left <= pl && pr <= right) {
+            add(e.x1, e.y1, e.x2, e.y2, ty, by, e.dir);
+            continue;
+        }
+        if (pr <= left) { // wholly beyond a side: that side instead
+            leftSide(ty, by, e.dir);
+            continue;
+        }
+        if (right <= pl) {
+            rightSide(ty, by, e.dir);
+            continue;
+        }
+        // Across a side: the side where the line is beyond it, the line where it is within.
+        // Each crossing is the row the line meets the side at, moved to the first (or last)
+        // point of the line within.
+        auto xAt = [&](int64_t y) { return xOnLine(e.x1, e.y1, e.x2, e.y2, y); };
+        auto yAt = [&](int64_t x) { return yOnLine(e.x1, e.y1, e.x2, e.y2, x); };
+        if (e.x1 <= e.x2) { // down to the right: left side first
+            int64_t leftY = ty;
+            if (pl < left) {
+                leftY = yAt(left);
+                if (xAt(leftY) < left)
+                    ++leftY;
+            }
+            leftY = std::min(leftY, by);
+            if (ty < leftY) {
+                leftSide(ty, leftY, e.dir);
+                ty = leftY;
+            }
+            int64_t rightY = by;
+            if (pr > right) {
+                rightY = yAt(right);
+                if (xAt(rightY) > right)
+                    --rightY;
+            }
+            rightY = std::max(rightY, ty);
+            if (by > rightY) {
+                rightSide(rightY, by, e.dir);
+                by = rightY;
+            }
+        } else { // down to the left: right side first
+            int64_t rightY = ty;
+            if (pr > right) {
+                rightY = yAt(right);
+                if (xAt(rightY) > right)
+                    ++rightY;
+            }
+            rightY = std::min(rightY, by);
+            if (ty < rightY) {
+                rightSide(ty, rightY, e.dir);
+                ty = rightY;
+            }
+            int64_t leftY = by;
+            if (pl < left) {
+                leftY = yAt(left);
+                if (xAt(leftY) < left)
+                    --leftY;
+            }
+            leftY = std::max(leftY, ty);
+            if (by > leftY) {
+                leftSide(leftY, by, e.dir);
+                by = leftY;
+            }
+        }
+        if (ty != by)
+            add(e.x1, e.y1, e.x2, e.y2, ty, by, e.dir);
+    }
+    return out;
 }
 
 void ScanConverter::fill(uint8_t* data, int stride, int x0, int y0, int w, int h) {
@@ -225,6 +330,15 @@ void ScanConverter::fill(uint8_t* data, int stride, int x0, int y0, int w, int h
 void ScanConverter::spans(int x0, int y0, int w, int h, const SpanBatchFn& batch) {
     if (w <= 0 || h <= 0 || m_edges.empty())
         return;
+    if (!m_cut && !fitsAcross(x0, int64_t(x0) + w)) {
+        // Edges leave the band sideways: the polygon as cairo cuts it to the band.
+        ScanConverter part(cutTo(int64_t(x0) * 256, (int64_t(x0) + w) * 256, int64_t(y0) * 256,
+                                 (int64_t(y0) + h) * 256),
+                           m_rule);
+        part.spans(x0, y0, w, h, batch);
+        m_crossings += part.m_crossings;
+        return;
+    }
     int64_t lo, hi;
     columnRange(x0, y0, w, h, lo, hi);
     if (lo >= hi)

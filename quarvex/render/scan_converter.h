@@ -12,7 +12,10 @@
 //  - a pixel is covered when its winding is inside by the fill rule, and also when it is outside
 //    but an edge lands on it and another on the pixel to its right (cairo closes such one-pixel
 //    gaps between stretches);
-//  - coverage stays within the polygon's own extent, rounded out to whole pixels.
+//  - coverage stays within the polygon's own extent, rounded out to whole pixels;
+//  - a band the polygon's points do not fit across gets the polygon cut at its sides as cairo
+//    cuts it: the part of an edge beyond a side becomes an upright edge along that side, the
+//    rest keeps its line but not all of its rows.
 // Edges are sorted once by their first row; each row then steps only the edges that cross it
 // and adds each crossing's direction where it lands: no sorting of crossings, no allocation
 // per row.
@@ -54,8 +57,7 @@ public:
     // True when every edge is horizontal or vertical once rounded: cairo fills such paths as
     // boxes, not through its scan converter.
     bool rectilinear() const { return m_rectilinear; }
-    // True when every point lies within the columns [x0, x1): cairo cuts edges that leave its
-    // surface sideways in ways the converter does not copy, so the surfaces must hold them.
+    // True when every point lies within the columns [x0, x1), so that no edge is cut at a side.
     bool fitsAcross(int64_t x0, int64_t x1) const {
         return m_edges.empty() || (m_minX >= x0 * 256 && m_maxX <= x1 * 256);
     }
@@ -66,10 +68,16 @@ public:
 
 private:
     struct Edge {
-        int32_t x1, y1, x2, y2; // fixed point, y1 < y2
+        int32_t x1, y1, x2, y2; // its line, fixed point, y1 < y2
+        int32_t top, bottom;    // the part of the line that is an edge: y1 <= top < bottom <= y2
         int32_t first, end;     // the rows it takes part in: [first, end)
         int32_t dir;            // +1 downwards, -1 upwards
     };
+    // A converter of edges already made: those of another cut at a band's sides.
+    ScanConverter(std::vector<Edge> edges, FillRule rule);
+    // The edges as cairo cuts them to the box [left, right) x [top, bottom) (fixed point).
+    std::vector<Edge> cutTo(int64_t left, int64_t right, int64_t top, int64_t bottom) const;
+    void sortEdges();
     // The edges taking part in the current row, a field an array so that the stepping of a
     // whole row vectorises: crossing x (fixed point) as quotient and remainder,
     // x = xq + (xr + dy) / dy with -dy <= xr < 0, stepped a row at a time exactly by the
@@ -93,6 +101,7 @@ private:
 
     FillRule m_rule;
     bool m_exact = true;
+    bool m_cut = false; // made by cutTo(): the extent comes from the edges, never the points
     bool m_rectilinear = true;
     int32_t m_minX = 0, m_minY = 0, m_maxX = 0, m_maxY = 0; // extent of all points, fixed point
     int32_t m_edgeMinX = 0, m_edgeMaxX = 0; // extent of the ends of the edges across

@@ -123,6 +123,44 @@ TEST(ScanConverter, SamePixelsAsCairoOnRandomSelfIntersectingPolygons) {
     }
 }
 
+TEST(ScanConverter, SamePixelsAsCairoWhereBandsCutThePolygonAtTheirSides) {
+    // Polygons reaching beyond the surface on every side, filled in two slices side by side:
+    // cairo cuts each edge that leaves a slice at its side.
+    std::mt19937 rng(13);
+    std::uniform_real_distribution<double> ux(-60, kW + 60), uy(-20, kH + 20);
+    std::uniform_int_distribution<int> grid(-40 * 512, (kW + 40) * 512);
+    size_t cut = 0;
+    for (int round = 0; round < 120; ++round) {
+        std::vector<std::vector<Point>> polys(1 + round % 3);
+        for (auto& poly : polys) {
+            const int n = 3 + round % 17;
+            for (int i = 0; i < n; ++i) {
+                if (round % 4 == 3) { // on the 1/512 grid: ties, and points on a slice's side
+                    int gx = grid(rng);
+                    if (i % 3 == 0)
+                        gx = (i % 2 ? kW / 2 : 0) * 512 + (gx % 5);
+                    poly.push_back({gx / 512.0, uy(rng)});
+                } else if (round % 4 == 2 && i > 0) { // nearly flat edges across a side
+                    poly.push_back({ux(rng), poly.back().y + (uy(rng) - kH / 2) / 200});
+                } else {
+                    poly.push_back({ux(rng), uy(rng)});
+                }
+            }
+        }
+        ScanConverter probe(polys, FillRule::NonZero);
+        if (probe.rectilinear())
+            continue;
+        cut += !probe.fitsAcross(0, kW / 2) || !probe.fitsAcross(kW / 2, kW);
+        for (FillRule rule : {FillRule::NonZero, FillRule::EvenOdd}) {
+            const int rows = round % 3 == 0 ? kH : 6 + round % 9;
+            const auto want = cairoBands(polys, rule, rows, true);
+            const auto got = scanFill(polys, rule, rows, true);
+            EXPECT_EQ(differences(want, got), 0u) << "round " << round;
+        }
+    }
+    EXPECT_GT(cut, 100u);
+}
+
 TEST(ScanConverter, SamePixelsAsCairoOnTiesAndThinSlivers) {
     // Points on pixel centres, on half and 1/512 steps (ties when rounded to 1/256), edges
     // almost flat and slivers thinner than a pixel: where cairo's rounding decides.
