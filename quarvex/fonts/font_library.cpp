@@ -218,6 +218,20 @@ struct FontLibrary::Impl {
         return f.face ? &f : nullptr;
     }
 
+    // Whether face index can be had, without opening it when one of our own folders holds its
+    // file: selecting a font costs no font file until a character is set in it.
+    bool located(int index) {
+        if (index < 0 || index >= static_cast<int>(faces.size()))
+            return false;
+        Face& f = faces[static_cast<size_t>(index)];
+        if (!f.resolved)
+            for (const fonts::FaceFile* file = f.entry->files; file->fileName; ++file)
+                for (const std::string& folder : folders)
+                    if (fileExists(folder + "/" + file->fileName))
+                        return true;
+        return ready(index) != nullptr;
+    }
+
     std::optional<GlyphBitmap> render(Face& f, char32_t code, const Matrix& m);
 };
 
@@ -304,7 +318,7 @@ int FontLibrary::selectPcl(const FontRequest& rq) const {
     std::stable_sort(ranked.begin(), ranked.end(),
                      [](const Candidate& a, const Candidate& b) { return a.score < b.score; });
     for (const Candidate& c : ranked)
-        if (d->ready(c.index))
+        if (d->located(c.index))
             return c.index;
     return -1;
 }

@@ -38,7 +38,7 @@ private:
     struct FontState {
         FontRequest request;
         int index = -1;       // selected resident font, -1 = to be selected
-        double emPt = 12;     // the em size in points for the request
+        double emPt = 12;     // the em size in points for the request; 0 = not worked out yet
         double hmi = 720;     // the font's own HMI in units
         bool fixed = true;
         int softId = -1;      // a downloaded font selected by ID, -1 = resident
@@ -139,6 +139,8 @@ private:
     FontState& currentFont() { return m_secondaryActive ? m_secondary : m_primary; }
     void selectFont(FontState& f);
     void fontChanged(FontState& f);
+    // f's em size in points, worked out when first needed.
+    double emOf(FontState& f);
     void drawUnderline();
     void startUnderline();
 

@@ -84,10 +84,8 @@ void Interpreter::selectFont(FontState& f) {
         f.index = -1;
     }
     if (f.fixed) {
-        const double pitch = std::clamp(f.request.pitch, 0.1, 200.0);
-        const double adv = (f.index >= 0 && m_fonts) ? m_fonts->metrics(f.index).fixedAdvance : 0.6;
-        f.hmi = kUnitsPerInch / pitch;
-        f.emPt = 72.0 / (pitch * (adv > 0 ? adv : 0.6));
+        f.hmi = kUnitsPerInch / std::clamp(f.request.pitch, 0.1, 200.0);
+        f.emPt = 0; // from the face's advance, when a character is set in it (emOf())
     } else {
         f.emPt = std::clamp(f.request.height, 0.25, 999.75);
         double space = 0.25;
@@ -98,6 +96,16 @@ void Interpreter::selectFont(FontState& f) {
         }
         f.hmi = space * f.emPt * kUnitsPerPoint;
     }
+}
+
+double Interpreter::emOf(FontState& f) {
+    if (f.emPt <= 0) {
+        // A fixed-pitch face is scaled so that its advance is the pitch's.
+        const double pitch = std::clamp(f.request.pitch, 0.1, 200.0);
+        const double adv = (f.index >= 0 && m_fonts) ? m_fonts->metrics(f.index).fixedAdvance : 0.6;
+        f.emPt = 72.0 / (pitch * (adv > 0 ? adv : 0.6));
+    }
+    return f.emPt;
 }
 
 void Interpreter::fontChanged(FontState& f) {
@@ -150,7 +158,7 @@ void Interpreter::printCode(uint32_t code) {
     else if (f.fixed)
         advance = m_hmi;
     else if (uc != 0 && f.index >= 0)
-        advance = emAdvance(*m_fonts, f.index, uc) * f.emPt * kUnitsPerPoint;
+        advance = emAdvance(*m_fonts, f.index, uc) * emOf(f) * kUnitsPerPoint;
     else
         advance = 0;
 
@@ -160,7 +168,7 @@ void Interpreter::printCode(uint32_t code) {
     }
     ensurePage(); // printing has started on this sheet
     if (uc != 0 && uc != U' ' && f.index >= 0) {
-        const double em = f.emPt * kUnitsPerPoint;
+        const double em = emOf(f) * kUnitsPerPoint;
         Matrix toDevice = m_dev.pageToDevice() * textToPage() * Matrix::translate(m_x, m_y);
         if (sideways) {
             toDevice = toDevice * sidewaysInCell(advance, em);
@@ -183,7 +191,7 @@ void Interpreter::printCode(uint32_t code) {
     }
     if (m_underline && m_underlineFloating && uc != 0) {
         const FontMetrics fm = m_fonts->metrics(f.index);
-        m_underlineDepth = std::max(m_underlineDepth, (fm.underlinePosition + fm.underlineThickness / 2) * f.emPt * kUnitsPerPoint);
+        m_underlineDepth = std::max(m_underlineDepth, (fm.underlinePosition + fm.underlineThickness / 2) * emOf(f) * kUnitsPerPoint);
     }
     m_x = clampPos(m_x + advance);
     m_lastAdvance = advance;

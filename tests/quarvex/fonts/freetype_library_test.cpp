@@ -1,6 +1,6 @@
-// FreeType is opened with the first font: a process that has only set up its font library has
-// not loaded it, choosing and drawing a glyph does, and the glyph comes out through the
-// forwarders.
+// FreeType is opened with the first glyph: a process that has only set up its font library and
+// chosen a font has not loaded it (a job that prints no text never does), drawing a glyph does,
+// and the glyph comes out through the forwarders.
 
 #include "fonts/font_library.h"
 
@@ -30,6 +30,10 @@ TEST(FreeTypeLibrary, OpenedByTheFirstGlyph) {
     EXPECT_FALSE(mapped("libfreetype.so")) << "setting up the font library opened FreeType";
     const int courier = lib.selectPcl(FontRequest{});
     ASSERT_GE(courier, 0);
+    EXPECT_FALSE(mapped("libfreetype.so")) << "choosing a font opened FreeType";
+    // A face whose file is in none of the folders is passed over (fontconfig is not asked).
+    FontLibrary empty({"/nonexistent"}, false);
+    EXPECT_LT(empty.selectPcl(FontRequest{}), 0);
 
     auto glyph = lib.renderGlyph(courier, U'H', Matrix{50, 0, 0, -50, 0, 0});
     EXPECT_TRUE(mapped("libfreetype.so"));
