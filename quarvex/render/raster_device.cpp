@@ -276,6 +276,7 @@ void RasterDevice::fillPath(const Path& path, FillRule rule, const Paint& paint,
     }
     if (auto scan = d->scanConverterFor(path, rule, box.x0, box.x1)) {
         d->scanFill(*scan, box);
+        d->recycle(std::move(scan));
         return;
     }
     d->rasterise(box, [&](uint8_t* data, int bstride, int x0, int y0, int w, int h) {

@@ -523,8 +523,11 @@ struct RasterDevice::Impl {
     // curves (flattened differently), edges all horizontal or vertical (cairo fills them as
     // boxes), points beyond its fixed-point range. Paths of many points go through it whatever
     // they are, to bound the work.
+    // A converter no longer in use, kept for its memory: hand one back with recycle().
+    std::unique_ptr<raster::ScanConverter> spareScan;
+    void recycle(std::unique_ptr<raster::ScanConverter> scan) { spareScan = std::move(scan); }
     std::unique_ptr<raster::ScanConverter> scanConverterFor(const Path& path, FillRule rule, int x0,
-                                                            int x1) const {
+                                                            int x1) {
         const bool many = path.points().size() >= kScanConvertFrom;
         const bool curves =
             std::find(path.ops().begin(), path.ops().end(), Path::Op::Curve) != path.ops().end();
@@ -535,9 +538,17 @@ struct RasterDevice::Impl {
         for (auto& line : lines)
             for (Point& p : line)
                 p = {p.x * geo.scaleX, p.y * geo.scaleY};
-        auto scan = std::make_unique<raster::ScanConverter>(lines, rule);
-        if (!many && (!scan->exact() || scan->rectilinear() || x1 - x0 > kMaxSliceWidth))
+        std::unique_ptr<raster::ScanConverter> scan;
+        if (spareScan) {
+            scan = std::move(spareScan);
+            scan->reset(lines, rule);
+        } else {
+            scan = std::make_unique<raster::ScanConverter>(lines, rule);
+        }
+        if (!many && (!scan->exact() || scan->rectilinear() || x1 - x0 > kMaxSliceWidth)) {
+            recycle(std::move(scan));
             return nullptr;
+        }
         return scan;
     }
 

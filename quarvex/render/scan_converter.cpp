@@ -59,14 +59,29 @@ inline void floorDiv(int64_t n, int64_t d, int64_t& quo, int64_t& rem) {
 
 } // namespace
 
-ScanConverter::ScanConverter(const std::vector<std::vector<Point>>& polylines, FillRule rule)
-    : m_rule(rule) {
+ScanConverter::ScanConverter(const std::vector<std::vector<Point>>& polylines, FillRule rule) {
+    reset(polylines, rule);
+}
+
+void ScanConverter::reset(const std::vector<std::vector<Point>>& polylines, FillRule rule) {
+    m_rule = rule;
+    m_exact = true;
+    m_cut = false;
+    m_rectilinear = true;
+    m_minX = m_minY = m_maxX = m_maxY = 0;
+    m_edgeMinX = m_edgeMaxX = 0;
+    m_edges.clear();
+    m_next = 0;
+    m_row = 0;
+    m_active.clear();
+    m_crossings = 0;
     size_t total = 0;
     for (const auto& line : polylines)
         total += line.size();
     m_edges.reserve(total);
     int32_t minX = INT32_MAX, minY = INT32_MAX, maxX = INT32_MIN, maxY = INT32_MIN;
-    std::vector<int32_t> fx, fy;
+    std::vector<int32_t>& fx = m_fx;
+    std::vector<int32_t>& fy = m_fy;
     for (const auto& line : polylines) {
         const size_t n = line.size();
         if (n < 2)
@@ -349,17 +364,20 @@ void ScanConverter::spans(int x0, int y0, int w, int h, const SpanBatchFn& batch
     const int32_t mask = m_rule == FillRule::EvenOdd ? 1 : ~0;
     bool denseReady = false;
     constexpr size_t kBatch = 256;
-    m_batch.clear();
-    m_batch.reserve(kBatch);
+    // The stretches found and the crossings of a row go into arrays sized once, not grown.
+    if (m_batch.size() < kBatch)
+        m_batch.resize(kBatch);
+    Span* spansOut = m_batch.data();
+    size_t spanCount = 0;
     auto emit = [&](int64_t row, int64_t a, int64_t b) {
         a = std::max(a, lo);
         b = std::min(b, hi);
         if (a >= b)
             return;
-        m_batch.push_back({static_cast<int32_t>(row), static_cast<int32_t>(a), static_cast<int32_t>(b)});
-        if (m_batch.size() == kBatch) {
-            batch(m_batch.data(), m_batch.size());
-            m_batch.clear();
+        spansOut[spanCount++] = {static_cast<int32_t>(row), static_cast<int32_t>(a), static_cast<int32_t>(b)};
+        if (spanCount == kBatch) {
+            batch(spansOut, spanCount);
+            spanCount = 0;
         }
     };
     for (int r = 0; r < h; ++r) {
@@ -383,7 +401,10 @@ void ScanConverter::spans(int x0, int y0, int w, int h, const SpanBatchFn& batch
             m_cells.assign(n + 3, 0);
             denseReady = true;
         }
-        m_cross.clear();
+        if (m_cross.size() < m_active.size())
+            m_cross.resize(m_active.size() * 2);
+        int64_t* cross = m_cross.data();
+        size_t k = 0;
         // Ended edges leave the list by taking the last one's place: the order does not matter.
         // The crossings are taken first, then every edge steps to the next row at once.
         ActiveEdges& act = m_active;
@@ -409,7 +430,7 @@ void ScanConverter::spans(int x0, int y0, int w, int h, const SpanBatchFn& batch
                     act.copy(--count, i);
                     continue;
                 }
-                m_cross.push_back(roundFixed(xs[i]) * 2 + (dirs[i] > 0));
+                cross[k++] = roundFixed(xs[i]) * 2 + (dirs[i] > 0);
                 ++i;
             }
         }
@@ -422,10 +443,15 @@ void ScanConverter::spans(int x0, int y0, int w, int h, const SpanBatchFn& batch
             // cairo's walk along the sorted crossings: a stretch opens at the first crossing
             // of a run and closes where the winding is outside and the next crossing lies more
             // than one column further on.
-            const size_t k = m_cross.size();
+            if (k == 2 && ((cross[0] ^ cross[1]) & 1)) {
+                // The usual row of a polygon: in at one crossing, out at the other.
+                const int64_t a = std::min(cross[0], cross[1]) >> 1, b = std::max(cross[0], cross[1]) >> 1;
+                emit(row, a, b);
+                continue;
+            }
             if (k <= 16) {
-                // Mostly two or four: sorted in place without the general sort's set-up.
-                int64_t* c = m_cross.data();
+                // Mostly four: sorted in place without the general sort's set-up.
+                int64_t* c = cross;
                 for (size_t i = 1; i < k; ++i) {
                     const int64_t v = c[i];
                     size_t j = i;
@@ -434,17 +460,17 @@ void ScanConverter::spans(int x0, int y0, int w, int h, const SpanBatchFn& batch
                     c[j] = v;
                 }
             } else {
-                std::sort(m_cross.begin(), m_cross.end());
+                std::sort(cross, cross + k);
             }
             int64_t start = INT64_MIN;
             int32_t winding = 0;
             for (size_t i = 0; i < k;) {
-                const int64_t c = m_cross[i] >> 1;
-                for (; i < k && (m_cross[i] >> 1) == c; ++i)
-                    winding += (m_cross[i] & 1) ? 1 : -1;
+                const int64_t c = cross[i] >> 1;
+                for (; i < k && (cross[i] >> 1) == c; ++i)
+                    winding += (cross[i] & 1) ? 1 : -1;
                 if (start == INT64_MIN)
                     start = c;
-                if ((winding & mask) == 0 && (i == k || (m_cross[i] >> 1) > c + 1)) {
+                if ((winding & mask) == 0 && (i == k || (cross[i] >> 1) > c + 1)) {
                     emit(row, start, c);
                     start = INT64_MIN;
                 }
@@ -474,9 +500,8 @@ void ScanConverter::spans(int x0, int y0, int w, int h, const SpanBatchFn& batch
         cells[n + 1] = 0;
         cells[n + 2] = 0;
     }
-    if (!m_batch.empty())
-        batch(m_batch.data(), m_batch.size());
-    m_batch.clear();
+    if (spanCount > 0)
+        batch(spansOut, spanCount);
 }
 
 } // namespace qx::raster

@@ -33,6 +33,8 @@ class ScanConverter {
 public:
     // polylines: closed polygons in device pixels (the last point joins the first).
     ScanConverter(const std::vector<std::vector<Point>>& polylines, FillRule rule);
+    // Starts afresh with other polygons, keeping the memory of the last ones.
+    void reset(const std::vector<std::vector<Point>>& polylines, FillRule rule);
 
     // Marks the covered pixels of the band [x0, x0 + w) x [y0, y0 + h) with 0xFF and leaves the
     // others as they are; data[0] is pixel (x0, y0), rows stride bytes apart. The pixels are the
@@ -99,7 +101,7 @@ private:
     // that band, rounded out.
     void columnRange(int x0, int y0, int w, int h, int64_t& lo, int64_t& hi) const;
 
-    FillRule m_rule;
+    FillRule m_rule = FillRule::NonZero;
     bool m_exact = true;
     bool m_cut = false; // made by cutTo(): the extent comes from the edges, never the points
     bool m_rectilinear = true;
@@ -112,6 +114,7 @@ private:
     std::vector<int64_t> m_cells;  // per column of the row being filled: landings, winding change
     std::vector<int64_t> m_cross;  // a row's crossings: column * 2 + (1 when downwards)
     std::vector<Span> m_batch;     // stretches found and not handed over yet
+    std::vector<int32_t> m_fx, m_fy; // a polyline's points in fixed point, while edges are made
     uint64_t m_crossings = 0;
 };
 
