@@ -133,10 +133,9 @@ constexpr size_t kParallelBytes = size_t(8) << 20;
 constexpr uint32_t kSampleStep = 8;
 // Colour changes on a page (estimated from the sample) from which CCITT coding is shared.
 constexpr uint64_t kBusyChanges = 1000000;
-// Strips compressed ahead of the one being written, at most; on shared CCITT pages fewer, as
-// each strip in flight holds its codes (a busy page's weigh more than its rows).
+// Strips compressed ahead of the one being written, at most: enough that neither thread waits
+// for the other to write a strip out while strips of unequal work are shared.
 constexpr uint32_t kWindow = 4;
-constexpr uint32_t kCcittWindow = 2;
 // Strips of one colour remembered (white, and the few colours a page is filled with).
 constexpr size_t kCacheEntries = 16;
 } // namespace
@@ -238,7 +237,7 @@ bool StripPipeline::shareCcitt(const StripLayout& layout, const uint8_t* data) {
     // two and a half), with room for one row's codes at their longest over it; a strip that
     // still does not fit is coded again by this thread.
     const size_t room = size_t(busiest) + size_t(busiest) / 4 + size_t(layout.width) + 4096;
-    for (uint32_t i = 0; i < kCcittWindow; ++i)
+    for (uint32_t i = 0; i < kWindow; ++i)
         if (Slot& s = m_slots[i]; s.bytes.capacity() < room) {
             std::vector<uint8_t>().swap(s.bytes);
             s.bytes.reserve(room);
@@ -326,7 +325,7 @@ bool StripPipeline::run(const StripLayout& layout, const uint8_t* data, uint64_t
         m_setTags = &setTags;
         m_next = 0;
         m_written = 0;
-        m_window = layout.ownCcitt ? kCcittWindow : kWindow;
+        m_window = kWindow;
         ++m_page;
         for (Slot& s : m_slots)
             s.ready = false;
