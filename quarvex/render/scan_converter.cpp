@@ -276,56 +276,35 @@ std::vector<ScanConverter::Edge> ScanConverter::cutTo(int64_t left, int64_t righ
             continue;
         }
         // Across a side: the side where the line is beyond it, the line where it is within.
-        // Each crossing is the row the line meets the side at, moved to the first (or last)
-        // point of the line within.
         auto xAt = [&](int64_t y) { return xOnLine(e.x1, e.y1, e.x2, e.y2, y); };
         auto yAt = [&](int64_t x) { return yOnLine(e.x1, e.y1, e.x2, e.y2, x); };
-        if (e.x1 <= e.x2) { // down to the right: left side first
-            int64_t leftY = ty;
-            if (pl < left) {
-                leftY = yAt(left);
-                if (xAt(leftY) < left)
-                    ++leftY;
+        // The row where the line meets column `side`, moved by `nudge` while the line's point
+        // there still lies beyond the side.
+        auto meet = [&](int64_t side, bool isLeft, int64_t nudge) {
+            const int64_t y = yAt(side), x = xAt(y);
+            return (isLeft ? x < side : x > side) ? y + nudge : y;
+        };
+        // The rows above `at` (or from `at` down) lie beyond a side: that side instead.
+        auto cutTop = [&](int64_t at, auto&& side) {
+            at = std::min(at, by);
+            if (ty < at) {
+                side(ty, at, e.dir);
+                ty = at;
             }
-            leftY = std::min(leftY, by);
-            if (ty < leftY) {
-                leftSide(ty, leftY, e.dir);
-                ty = leftY;
+        };
+        auto cutBottom = [&](int64_t at, auto&& side) {
+            at = std::max(at, ty);
+            if (by > at) {
+                side(at, by, e.dir);
+                by = at;
             }
-            int64_t rightY = by;
-            if (pr > right) {
-                rightY = yAt(right);
-                if (xAt(rightY) > right)
-                    --rightY;
-            }
-            rightY = std::max(rightY, ty);
-            if (by > rightY) {
-                rightSide(rightY, by, e.dir);
-                by = rightY;
-            }
-        } else { // down to the left: right side first
-            int64_t rightY = ty;
-            if (pr > right) {
-                rightY = yAt(right);
-                if (xAt(rightY) > right)
-                    ++rightY;
-            }
-            rightY = std::min(rightY, by);
-            if (ty < rightY) {
-                rightSide(ty, rightY, e.dir);
-                ty = rightY;
-            }
-            int64_t leftY = by;
-            if (pl < left) {
-                leftY = yAt(left);
-                if (xAt(leftY) < left)
-                    --leftY;
-            }
-            leftY = std::max(leftY, ty);
-            if (by > leftY) {
-                leftSide(leftY, by, e.dir);
-                by = leftY;
-            }
+        };
+        if (e.x1 <= e.x2) { // down to the right: beyond the left side above, the right below
+            cutTop(pl < left ? meet(left, true, 1) : ty, leftSide);
+            cutBottom(pr > right ? meet(right, false, -1) : by, rightSide);
+        } else { // down to the left: beyond the right side above, the left below
+            cutTop(pr > right ? meet(right, false, 1) : ty, rightSide);
+            cutBottom(pl < left ? meet(left, true, -1) : by, leftSide);
         }
         if (ty != by)
             add(e.x1, e.y1, e.x2, e.y2, ty, by, e.dir);
