@@ -8,7 +8,7 @@ packages=(
     libgs-dev
     libgtest-dev
     fonts-liberation fonts-urw-base35 fonts-dejavu-core fonts-symbola
-    ghostscript netpbm groff python3 python3-pil imagemagick graphicsmagick
+    ghostscript netpbm groff python3 python3-pil python3-numpy imagemagick graphicsmagick
     cups cups-filters cups-ppdc printer-driver-gutenprint printer-driver-hpcups
     plotutils gnuplot-nox hp2xx mupdf-tools
     xvfb xauth
