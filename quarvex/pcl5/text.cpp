@@ -149,6 +149,9 @@ void Interpreter::printCode(uint32_t code) {
         m_x = clampPos(m_x + m_hmi);
         return;
     }
+    if (code > ' ' && !symbolSetKnown(f.request.symbolSet))
+        warnOnce("PCL 5: symbol set " + symbolSetName(f.request.symbolSet) +
+                 " is not available; its text is printed through Roman-8");
     char32_t uc = symbolSetToUnicode(f.request.symbolSet, code);
     // On the vertical rotated path full-width characters are set on their sides.
     const bool sideways = m_textPath == -1 && isFullWidth(uc);

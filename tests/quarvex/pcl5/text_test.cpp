@@ -161,8 +161,9 @@ TEST(Pcl5SymbolSets, EveryCodeOfEverySetPrintsItsCharacterOrNothing) {
             const auto [otherSet, otherCode] = first.at(u);
             if (otherSet == set && otherCode == code) {
                 // The first place of this character: it draws something unless it is a space.
-                if (u != U' ' && u != 0xA0 && u != 0x2002 && u != 0x2003 && u != 0x2009 && anyFaceHas(u))
+                if (u != U' ' && u != 0xA0 && u != 0x2002 && u != 0x2003 && u != 0x2009 && anyFaceHas(u)) {
                     EXPECT_FALSE(got.glyph.empty()) << setName(set) << " code " << code;
+                }
                 continue;
             }
             EXPECT_EQ(got, printCode(otherSet, otherCode))
@@ -252,6 +253,22 @@ double ruleTop(const std::string& fill) {
 }
 
 } // namespace
+
+TEST(Pcl5SymbolSets, TextInASetWithoutATableSaysSoOnce) {
+    auto warningsOf = [](const std::string& job) {
+        RecordingDevice dev;
+        Diagnostics diag("test", false);
+        JobContext ctx{dev, diag, &fonts(), {}};
+        pcl5::run(reinterpret_cast<const uint8_t*>(job.data()), job.size(), ctx);
+        return diag.lines();
+    };
+    // Legal (1U): printed through Roman-8, once said; selecting it without printing says nothing.
+    const auto legal = warningsOf(ESC + "E" + ESC + "(1UAbc def" + ESC + "(8Ughi" + ESC + "(1Ujkl" + ESC + "E");
+    ASSERT_EQ(legal.size(), 1u);
+    EXPECT_NE(legal[0].find("symbol set 1U is not available"), std::string::npos) << legal[0];
+    EXPECT_TRUE(warningsOf(ESC + "E" + ESC + "(1U" + ESC + "(8UAbc" + ESC + "E").empty());
+    EXPECT_TRUE(warningsOf(ESC + "E" + ESC + "(19UAbc" + ESC + "(10UAbc" + ESC + "E").empty());
+}
 
 TEST(Pcl5Underline, FixedSitsFiveDotsDownAndFloatingFollowsTheFont) {
     // Baseline 300 dots (72 pt) below the top margin, which is half an inch down. The fixed underline starts 5 dots below it whatever the
