@@ -187,16 +187,25 @@ struct FontLibrary::Impl {
         f.metrics = m;
     }
 
+    // Calls use(path) for each file of face f found in our own folders, in order of preference,
+    // until it returns true; returns whether one did.
+    template <class Use>
+    bool ownFiles(const Face& f, Use&& use) const {
+        for (const fonts::FaceFile* file = f.entry->files; file->fileName; ++file)
+            for (const std::string& folder : folders) {
+                const std::string path = folder + "/" + file->fileName;
+                if (fileExists(path) && use(path))
+                    return true;
+            }
+        return false;
+    }
+
     void resolve(Face& f) {
         if (f.resolved)
             return;
         f.resolved = true;
-        for (const fonts::FaceFile* file = f.entry->files; file->fileName; ++file)
-            for (const std::string& folder : folders) {
-                const std::string path = folder + "/" + file->fileName;
-                if (fileExists(path) && open(f, path))
-                    return;
-            }
+        if (ownFiles(f, [&](const std::string& path) { return open(f, path); }))
+            return;
         if (!useFontconfig)
             return;
         for (const fonts::FaceFile* file = f.entry->files; file->fileName; ++file) {
@@ -223,12 +232,9 @@ struct FontLibrary::Impl {
     bool located(int index) {
         if (index < 0 || index >= static_cast<int>(faces.size()))
             return false;
-        Face& f = faces[static_cast<size_t>(index)];
-        if (!f.resolved)
-            for (const fonts::FaceFile* file = f.entry->files; file->fileName; ++file)
-                for (const std::string& folder : folders)
-                    if (fileExists(folder + "/" + file->fileName))
-                        return true;
+        const Face& f = faces[static_cast<size_t>(index)];
+        if (!f.resolved && ownFiles(f, [](const std::string&) { return true; }))
+            return true;
         return ready(index) != nullptr;
     }
 

@@ -41,6 +41,7 @@ private:
         double emPt = 12;     // the em size in points for the request; 0 = not worked out yet
         double hmi = 720;     // the font's own HMI in units
         bool fixed = true;
+        bool setKnown = true; // the engine has a table for the request's symbol set
         int softId = -1;      // a downloaded font selected by ID, -1 = resident
     };
 

@@ -43,6 +43,7 @@ double emAdvance(const FontLibrary& fonts, int index, char32_t uc) {
 } // namespace
 
 void Interpreter::selectFont(FontState& f) {
+    f.setKnown = symbolSetKnown(f.request.symbolSet);
     if (f.softId >= 0) {
         auto it = m_softFonts.find(f.softId);
         if (it != m_softFonts.end()) {
@@ -149,7 +150,7 @@ void Interpreter::printCode(uint32_t code) {
         m_x = clampPos(m_x + m_hmi);
         return;
     }
-    if (code > ' ' && !symbolSetKnown(f.request.symbolSet))
+    if (code > ' ' && !f.setKnown)
         warnOnce("PCL 5: symbol set " + symbolSetName(f.request.symbolSet) +
                  " is not available; its text is printed through Roman-8");
     char32_t uc = symbolSetToUnicode(f.request.symbolSet, code);
